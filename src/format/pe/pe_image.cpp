@@ -1,0 +1,1 @@
+#include "format/pe/pe_image.h"
