@@ -8,8 +8,11 @@
 
 namespace qv {
 
-template <typename T, T Invalid, typename Close> class unique_resource {
+// Traits give the resource type, its empty value and how it is freed.
+template <typename Traits> class unique_resource {
 public:
+    using T = typename Traits::type;
+
     unique_resource() = default;
     explicit unique_resource(T value) noexcept : m_value(value) {}
     unique_resource(const unique_resource&) = delete;
@@ -23,12 +26,12 @@ public:
     ~unique_resource() { reset(); }
 
     T get() const noexcept { return m_value; }
-    explicit operator bool() const noexcept { return m_value != Invalid; }
-    T release() noexcept { return std::exchange(m_value, Invalid); }
-    void reset(T value = Invalid) noexcept {
+    explicit operator bool() const noexcept { return m_value != Traits::invalid(); }
+    T release() noexcept { return std::exchange(m_value, Traits::invalid()); }
+    void reset(T value = Traits::invalid()) noexcept {
         T old = std::exchange(m_value, value);
-        if (old != Invalid)
-            Close{}(old);
+        if (old != Traits::invalid())
+            Traits::close(old);
     }
     T* put() noexcept {
         reset();
@@ -36,28 +39,41 @@ public:
     }
 
 private:
-    T m_value = Invalid;
+    T m_value = Traits::invalid();
 };
 
-struct close_handle {
-    void operator()(HANDLE h) const noexcept { ::CloseHandle(h); }
+struct file_handle_traits {
+    using type = HANDLE;
+    static type invalid() noexcept { return INVALID_HANDLE_VALUE; }
+    static void close(type h) noexcept { ::CloseHandle(h); }
 };
-struct unmap_view {
-    void operator()(const void* p) const noexcept { ::UnmapViewOfFile(p); }
+struct handle_traits {
+    using type = HANDLE;
+    static type invalid() noexcept { return nullptr; }
+    static void close(type h) noexcept { ::CloseHandle(h); }
 };
-struct close_key {
-    void operator()(HKEY k) const noexcept { ::RegCloseKey(k); }
+struct view_traits {
+    using type = const void*;
+    static type invalid() noexcept { return nullptr; }
+    static void close(type p) noexcept { ::UnmapViewOfFile(p); }
 };
-struct free_library {
-    void operator()(HMODULE m) const noexcept { ::FreeLibrary(m); }
+struct hkey_traits {
+    using type = HKEY;
+    static type invalid() noexcept { return nullptr; }
+    static void close(type k) noexcept { ::RegCloseKey(k); }
+};
+struct hmodule_traits {
+    using type = HMODULE;
+    static type invalid() noexcept { return nullptr; }
+    static void close(type m) noexcept { ::FreeLibrary(m); }
 };
 
 // A file handle: INVALID_HANDLE_VALUE is empty.
-using unique_hfile = unique_resource<HANDLE, INVALID_HANDLE_VALUE, close_handle>;
+using unique_hfile = unique_resource<file_handle_traits>;
 // Any other kernel handle (mapping, process, event): NULL is empty.
-using unique_handle = unique_resource<HANDLE, nullptr, close_handle>;
-using unique_view = unique_resource<const void*, nullptr, unmap_view>;
-using unique_hkey = unique_resource<HKEY, nullptr, close_key>;
-using unique_hmodule = unique_resource<HMODULE, nullptr, free_library>;
+using unique_handle = unique_resource<handle_traits>;
+using unique_view = unique_resource<view_traits>;
+using unique_hkey = unique_resource<hkey_traits>;
+using unique_hmodule = unique_resource<hmodule_traits>;
 
 } // namespace qv

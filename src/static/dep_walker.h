@@ -1,0 +1,89 @@
+// CDepWalker: the recursion at the heart of the static scan. From one file it follows import tables
+// down the tree, decides for each name whether the file exists, is filtered or is missing, and
+// collects the outcome in two maps. It lives for one scan, changes the process's current directory
+// while it runs, and so must never overlap another scan in the process.
+#pragma once
+
+#include "QVWIScanners.h"
+#include "inc/com_ptr.h"
+
+#include <windows.h>
+
+#include <map>
+#include <string>
+
+class CFilterBase;
+class CScannedPE;
+
+// The walker's record of one file, copied into a map entry.
+struct ScannedFile {
+    std::wstring Name;     // file-name part of FullPath
+    std::wstring FullPath; // the path as given
+    std::wstring MergeModuleSubject;
+    std::wstring MergeModuleKey;
+    bool SelfRegistering = false;
+    bool MissingMergeModule = false;
+    qv::com_ptr<IUnknown> Assembly;
+
+    ScannedFile() = default;
+    ScannedFile(const std::wstring& path, bool selfRegistering);
+    ScannedFile(const std::wstring& path, IUnknown* assembly);
+};
+
+// Order of the result maps: VarBstrCmp at the user-default locale with no flags, which is
+// case-sensitive, so two spellings of one name are two keys.
+struct BstrOrder {
+    bool operator()(const qv::bstr& a, const qv::bstr& b) const;
+};
+
+// Order and lookup of the skip list: the shorter length compared without case, then the lengths.
+struct SkipNameOrder {
+    bool operator()(const std::wstring& a, const std::wstring& b) const;
+};
+
+// Searches the current directory and then the folders of the Path variable (or only root, when it is
+// not empty) for name, taking a file that is no usable image, or an image of the given machine
+// (0 takes any). Folders are stepped over; so is an image of another machine.
+bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result);
+
+class CDepWalker {
+public:
+    using FileMap = std::map<qv::bstr, ScannedFile, BstrOrder>;
+
+    CDepWalker();
+    CDepWalker(const CDepWalker&) = delete;
+    CDepWalker& operator=(const CDepWalker&) = delete;
+
+    // One whole scan. Failures of the sink are thrown as com_exception.
+    void Scan(const std::wstring& file, IStaticScanEvents* events, CFilterBase* filter, const std::wstring& langId,
+              long scanType);
+    DWORD ScanOneFile(const std::wstring& path, bool isDependency);
+    bool PassesFilter(const std::wstring& path);
+
+    FileMap FoundFiles;   // keyed by file-name part
+    FileMap MissingFiles; // keyed by the name as the referring file writes it
+    DWORD Status = 3;     // "General failure" until a walk has ended
+
+    const std::map<std::wstring, bool, SkipNameOrder>& SkipNames() const { return m_skipNames; }
+    bool DirectoryChanged() const { return m_bDirectoryChanged; }
+    bool UseCatalog() const { return m_bUseCatalog; }
+    long ScanMode() const { return m_nScanMode; }
+    const std::wstring& LangId() const { return m_sLangId; }
+
+private:
+    void EnterFileDirectory(const std::wstring& file);
+    void WalkImage(const CScannedPE& image, const std::wstring& path, bool isDependency);
+    bool AddFound(const std::wstring& path, ScannedFile& record);
+    void MissingDependency(const std::wstring& path, DWORD machine);
+    void FireFoundDepFile(const std::wstring& path);
+
+    std::map<std::wstring, bool, SkipNameOrder> m_skipNames;
+    qv::com_ptr<IStaticScanEventsFellSP2> m_pEvents;
+    qv::com_ptr<IUnknown> m_pCatalog;
+    CFilterBase* m_pFilter = nullptr;
+    std::wstring m_sLangId;
+    long m_nScanMode = 0;
+    bool m_bUseCatalog = false;
+    bool m_bDirectoryChanged = false;
+    wchar_t m_szSavedDirectory[MAX_PATH] = {};
+};

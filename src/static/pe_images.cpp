@@ -1,0 +1,89 @@
+#include "static/pe_images.h"
+
+#include "toolkit/string_convert.h"
+
+using qv::pe::image_kind;
+
+const wchar_t* ImageStatusText(DWORD status) {
+    switch (status) {
+    case 0:
+        return L"No error";
+    case 1:
+        return L"File not found";
+    case 2:
+        return L"Not a PE file";
+    case 3:
+        return L"General failure";
+    default:
+        return L"<Error ???>";
+    }
+}
+
+CExeImage::CExeImage(const std::wstring& path) : CMappedFile(path) {
+    if (OpenStatus() != OpenOk)
+        return;
+    auto c = qv::pe::classify(Bytes());
+    m_nStatus = static_cast<DWORD>(c.status);
+    m_nHeaderOffset = c.header_offset;
+    m_kind = c.kind;
+}
+
+std::wstring CExeImage::KindName() const { return qv::WidenAscii(qv::pe::kind_name(m_kind)); }
+
+CPEImage::CPEImage(const std::wstring& path) : CExeImage(path) {
+    if (m_nStatus != StatusUsable)
+        return;
+    if (m_kind == image_kind::pe || m_kind == image_kind::pe64)
+        m_reader = qv::pe::pe_image::open(Bytes());
+    if (!m_reader) {
+        m_nStatus = StatusUnknownKind;
+        return;
+    }
+    m_pNtHeaders = View() + m_reader->nt_headers_offset();
+}
+
+DWORD CPEImage::GetMachine() const { return m_reader ? m_reader->machine() : 0; }
+
+LONGLONG CPEImage::DirectorySize(DWORD index) const {
+    if (index >= 16)
+        return -1;
+    auto entry = m_reader ? m_reader->directory(index) : std::nullopt;
+    return entry ? entry->size : 0;
+}
+
+LONGLONG CPEImage::DirectoryRva(DWORD index) const {
+    if (index >= 16)
+        return -1;
+    auto entry = m_reader ? m_reader->directory(index) : std::nullopt;
+    return entry ? entry->rva : 0;
+}
+
+const BYTE* CPEImage::DirectoryPointer(DWORD index) const {
+    if (index >= 16)
+        return InvalidDirectory;
+    auto rva = DirectoryRva(index);
+    return rva == 0 ? nullptr : RvaToPointer(static_cast<DWORD>(rva));
+}
+
+LONGLONG CPEImage::RvaToOffset(DWORD rva) const {
+    auto offset = m_reader ? m_reader->rva_to_offset(rva) : std::nullopt;
+    return offset ? static_cast<LONGLONG>(*offset) : -1;
+}
+
+const BYTE* CPEImage::RvaToPointer(DWORD rva) const {
+    auto offset = m_reader ? m_reader->rva_to_file_offset(rva) : std::nullopt;
+    return offset ? View() + *offset : nullptr;
+}
+
+bool CPEImage::ExportsDllRegisterServer() const { return m_reader && m_reader->exports_dll_register_server(); }
+
+std::vector<std::wstring> CPEImage::ImportNames() const {
+    std::vector<std::wstring> names;
+    if (!m_reader)
+        return names;
+    for (auto name : m_reader->import_names())
+        names.push_back(qv::WidenAnsi(name));
+    return names;
+}
+
+CScannedPE::CScannedPE(const std::wstring& path) : CPEImage(path) {}

@@ -1,0 +1,171 @@
+#!/usr/bin/env python3
+"""Cross-checks the import walk of real system files against objdump's reading of the same files.
+
+For each file, walk_dump (run under Wine) prints the walker's events and maps. Independently, this
+script reads every import table with objdump, resolves each name along the same folders by the
+same rules (current folder = the file's folder, then the Path folders; a folder of that name is
+stepped over, an image of another machine too, a file that is no image is taken), and rebuilds what
+the two maps and the event list must be. Any difference fails the check.
+"""
+import argparse
+import os
+import re
+import subprocess
+import sys
+
+SKIP = {"kernel32.dll", "ntdll.dll", "user32.dll", "gdi32.dll", "advapi32.dll", "shell32.dll", "ole32.dll"}
+
+
+def win_to_unix(prefix, path):
+    m = re.match(r"^([A-Za-z]):\\(.*)$", path)
+    if not m:
+        return None
+    drive = m.group(1).lower()
+    rest = m.group(2).replace("\\", "/")
+    base = os.path.join(prefix, "drive_" + drive) if drive != "z" else "/"
+    return resolve_case(base, rest)
+
+
+def resolve_case(base, rest):
+    """Finds base/rest ignoring case, as Wine does; None when absent."""
+    cur = base
+    for part in [p for p in rest.split("/") if p]:
+        if not os.path.isdir(cur):
+            return None
+        exact = os.path.join(cur, part)
+        if os.path.lexists(exact):
+            cur = exact
+            continue
+        match = [e for e in os.listdir(cur) if e.lower() == part.lower()]
+        if not match:
+            return None
+        cur = os.path.join(cur, match[0])
+    return cur
+
+
+_cache = {}
+
+
+def read_image(path):
+    """(machine, [import names]) of a PE image, or None for a file objdump cannot read as one."""
+    if path in _cache:
+        return _cache[path]
+    out = subprocess.run(["x86_64-w64-mingw32-objdump", "-p", path], capture_output=True, text=True,
+                         errors="replace")
+    result = None
+    if out.returncode == 0 and "The Data Directory" in out.stdout:
+        names, in_imports, machine = [], False, None
+        for line in out.stdout.splitlines():
+            if line.startswith("The Import Tables"):
+                in_imports = True
+                continue
+            if line.startswith("The ") and in_imports:
+                in_imports = False
+            if in_imports and "DLL Name:" in line:
+                names.append(line.split("DLL Name:", 1)[1].strip())
+        with open(path, "rb") as f:
+            data = f.read(4096)
+        off = int.from_bytes(data[60:64], "little")
+        machine = int.from_bytes(data[off + 4:off + 6], "little")
+        result = (machine, names)
+    _cache[path] = result
+    return result
+
+
+def expected_walk(prefix, top, folders):
+    top_dir = top.rsplit("\\", 1)[0]
+    search = [top_dir] + folders
+    found, missing, events = {}, {}, []
+
+    def find(name, machine):
+        for d in search:
+            cand = name if d == "" else (d.rstrip("\\") + "\\" + name)
+            unix = win_to_unix(prefix, cand) if d != "" else win_to_unix(prefix, top_dir + "\\" + name)
+            if unix is None or os.path.isdir(unix) or not os.path.exists(unix):
+                continue
+            img = read_image(unix)
+            if img is not None and machine != 0 and img[0] != machine:
+                continue
+            return cand, unix, img
+        return None
+
+    def walk_image(path, unix, img, is_dep):
+        key = path.rsplit("\\", 1)[-1]
+        if key in found:
+            return
+        if is_dep:
+            if key.lower() in SKIP:
+                return
+            found[key] = path
+        machine, names = img
+        for name in names:
+            hit = find(name, machine)
+            if hit:
+                cand, cunix, cimg = hit
+                if cimg is None:
+                    if name.rsplit("\\", 1)[-1].lower() not in SKIP:
+                        found[cand.rsplit("\\", 1)[-1]] = cand
+                else:
+                    walk_image(cand, cunix, cimg, True)
+                events.append(cand)
+            else:
+                if name.rsplit("\\", 1)[-1].lower() not in SKIP:
+                    missing[name] = name
+                events.append(name)
+
+    unix = win_to_unix(prefix, top)
+    img = read_image(unix) if unix else None
+    if img is not None:
+        walk_image(top, unix, img, False)
+    return found, missing, events
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--emulator", required=True)
+    ap.add_argument("--dump", required=True)
+    ap.add_argument("--prefix", required=True)
+    ap.add_argument("files", nargs="+")
+    args = ap.parse_args()
+
+    failures = 0
+    for top in args.files:
+        run = subprocess.run([args.emulator, args.dump, top], capture_output=True, text=True, errors="replace",
+                             timeout=600)
+        if run.returncode != 0:
+            print(f"FAIL {top}: walk_dump exited {run.returncode}: {run.stderr.strip()}")
+            failures += 1
+            continue
+        folders, events, found, missing = [], [], {}, {}
+        for line in run.stdout.splitlines():
+            f = line.rstrip("\r").split("\t")
+            if f[0] == "folder":
+                folders.append(f[1] if len(f) > 1 else "")
+            elif f[0] == "event":
+                events.append(f[1])
+            elif f[0] == "found":
+                found[f[1]] = f[2]
+            elif f[0] == "missing":
+                missing[f[1]] = f[1]
+        exp_found, exp_missing, exp_events = expected_walk(args.prefix, top, folders)
+        problems = []
+        if found != exp_found:
+            problems.append(f"found differs: only walker {sorted(set(found.items()) - set(exp_found.items()))}, "
+                            f"only objdump {sorted(set(exp_found.items()) - set(found.items()))}")
+        if missing != exp_missing:
+            problems.append(f"missing differs: walker {sorted(missing)} objdump {sorted(exp_missing)}")
+        if events != exp_events:
+            problems.append(f"events differ: walker {len(events)} objdump {len(exp_events)}")
+        if problems:
+            failures += 1
+            print(f"FAIL {top}")
+            for p in problems:
+                print("   ", p)
+        else:
+            print(f"ok   {top}: {len(found)} found, {len(missing)} missing, {len(events)} events")
+    print(f"{len(args.files) - failures} passed, {failures} failed")
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
