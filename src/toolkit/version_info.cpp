@@ -1,0 +1,249 @@
+// Version resources through GetFileVersionInfoW and VerQueryValueW. The block comes from the file,
+// so every value pointer and length VerQueryValueW derives from it is checked against the block
+// before it is read.
+#include "toolkit/version_info.h"
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+// A freshly loaded block and what was read from it.
+struct loaded_version {
+    std::unique_ptr<BYTE[]> block;
+    VS_FIXEDFILEINFO fixed{};
+    const BYTE* translations = nullptr; // raw 4-byte entries inside the block
+    UINT translationCount = 0;
+};
+
+// Whether [value, value + length) lies inside the block, in subtraction form.
+bool InBlock(const BYTE* block, DWORD size, const void* value, UINT length) {
+    auto p = static_cast<const BYTE*>(value);
+    if (p < block || p > block + size)
+        return false;
+    return length <= static_cast<size_t>(block + size - p);
+}
+
+bool LoadVersion(const std::wstring& file, loaded_version& out) {
+    DWORD ignored = 0;
+    DWORD size = GetFileVersionInfoSizeW(file.c_str(), &ignored);
+    if (size == 0)
+        return false;
+    // Zero-filled: the size asked for exceeds the resource, so a string value that lacks its
+    // terminator still ends inside the block.
+    auto block = std::make_unique<BYTE[]>(size);
+    if (!GetFileVersionInfoW(file.c_str(), 0, size, block.get()))
+        return false;
+
+    void* value = nullptr;
+    UINT length = 0;
+    if (!VerQueryValueW(block.get(), L"\\", &value, &length) || !value || length < sizeof(VS_FIXEDFILEINFO) ||
+        !InBlock(block.get(), size, value, sizeof(VS_FIXEDFILEINFO)))
+        return false;
+    std::memcpy(&out.fixed, value, sizeof out.fixed);
+
+    // No translation list is still a loaded resource, one without translations.
+    out.translations = nullptr;
+    out.translationCount = 0;
+    if (VerQueryValueW(block.get(), L"\\VarFileInfo\\Translation", &value, &length) && value && length >= 4 &&
+        InBlock(block.get(), size, value, length)) {
+        out.translations = static_cast<const BYTE*>(value);
+        out.translationCount = length >> 2;
+    }
+    out.block = std::move(block);
+    return true;
+}
+
+DWORD TranslationAt(const BYTE* translations, UINT index) {
+    DWORD entry;
+    std::memcpy(&entry, translations + 4 * static_cast<size_t>(index), sizeof entry);
+    return entry;
+}
+
+std::wstring WidenName(const char* name) {
+    int n = MultiByteToWideChar(CP_ACP, 0, name, -1, nullptr, 0);
+    if (n <= 1)
+        return {};
+    std::wstring wide(static_cast<size_t>(n), L'\0');
+    MultiByteToWideChar(CP_ACP, 0, name, -1, wide.data(), n);
+    wide.resize(static_cast<size_t>(n - 1));
+    return wide;
+}
+
+void AppendHex4(std::wstring& text, WORD value) {
+    static constexpr wchar_t digits[] = L"0123456789ABCDEF";
+    for (int shift = 12; shift >= 0; shift -= 4)
+        text += digits[(value >> shift) & 0xF];
+}
+
+const wchar_t* QueryString(const BYTE* block, const BYTE* translations, UINT count, const char* name) {
+    if (!block || !name)
+        return nullptr;
+    const std::wstring wide = WidenName(name);
+    void* value = nullptr;
+    UINT length = 0;
+    if (VerQueryValueW(block, wide.c_str(), &value, &length) && value)
+        return static_cast<const wchar_t*>(value);
+    if (count == 0)
+        return nullptr;
+
+    const WORD codePage = HIWORD(TranslationAt(translations, 0));
+    for (UINT i = 0; i < count; ++i) {
+        std::wstring subBlock = L"\\StringFileInfo\\";
+        AppendHex4(subBlock, LOWORD(TranslationAt(translations, i)));
+        AppendHex4(subBlock, codePage);
+        subBlock += L'\\';
+        subBlock += wide;
+        if (VerQueryValueW(block, subBlock.c_str(), &value, &length) && value)
+            return static_cast<const wchar_t*>(value);
+    }
+    return nullptr;
+}
+
+// Both readers share a block between copies with the same count discipline.
+void AddRef(std::atomic<LONG>* count) noexcept {
+    if (count)
+        count->fetch_add(1, std::memory_order_relaxed);
+}
+
+void ReleaseBlock(BYTE*& block, std::atomic<LONG>*& count) noexcept {
+    if (count && count->fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        delete[] block;
+        delete count;
+    }
+    block = nullptr;
+    count = nullptr;
+}
+
+} // namespace
+
+// ---- ::version_info ----
+
+version_info::version_info(const std::wstring& file) : VS_FIXEDFILEINFO{} {
+    loaded_version loaded;
+    if (!LoadVersion(file, loaded))
+        return;
+    static_cast<VS_FIXEDFILEINFO&>(*this) = loaded.fixed;
+    m_nFileVersionMS = dwFileVersionMS;
+    m_nFileVersionLS = dwFileVersionLS;
+    m_translations.reserve(loaded.translationCount);
+    for (UINT i = 0; i < loaded.translationCount; ++i)
+        m_translations.push_back(TranslationAt(loaded.translations, i));
+    m_pRefCount = new std::atomic<LONG>(1);
+    m_pBlock = loaded.block.release();
+}
+
+version_info::version_info(const version_info& other) noexcept
+    : VS_FIXEDFILEINFO(other), m_translations(other.m_translations), m_nFileVersionMS(other.m_nFileVersionMS),
+      m_nFileVersionLS(other.m_nFileVersionLS), m_pBlock(other.m_pBlock), m_pRefCount(other.m_pRefCount) {
+    AddRef(m_pRefCount);
+}
+
+version_info& version_info::operator=(const version_info& other) noexcept {
+    if (this == &other)
+        return *this;
+    AddRef(other.m_pRefCount);
+    Release();
+    static_cast<VS_FIXEDFILEINFO&>(*this) = other;
+    m_translations = other.m_translations;
+    m_nFileVersionMS = other.m_nFileVersionMS;
+    m_nFileVersionLS = other.m_nFileVersionLS;
+    m_pBlock = other.m_pBlock;
+    m_pRefCount = other.m_pRefCount;
+    return *this;
+}
+
+version_info::~version_info() {
+    Release();
+}
+
+void version_info::Release() noexcept {
+    ReleaseBlock(m_pBlock, m_pRefCount);
+}
+
+const wchar_t* version_info::GetString(const char* name) const {
+    return QueryString(m_pBlock, reinterpret_cast<const BYTE*>(m_translations.data()),
+                       static_cast<UINT>(m_translations.size()), name);
+}
+
+// ---- qv::version_info ----
+
+namespace qv {
+
+version_info::version_info() noexcept : VS_FIXEDFILEINFO{} {}
+
+version_info::version_info(const version_info& other) noexcept
+    : VS_FIXEDFILEINFO(other), m_pTranslations(other.m_pTranslations), m_nTranslations(other.m_nTranslations),
+      m_pBlock(other.m_pBlock), m_pRefCount(other.m_pRefCount) {
+    AddRef(m_pRefCount);
+}
+
+version_info& version_info::operator=(const version_info& other) noexcept {
+    if (this == &other)
+        return *this;
+    AddRef(other.m_pRefCount);
+    Release();
+    static_cast<VS_FIXEDFILEINFO&>(*this) = other;
+    m_pTranslations = other.m_pTranslations;
+    m_nTranslations = other.m_nTranslations;
+    m_pBlock = other.m_pBlock;
+    m_pRefCount = other.m_pRefCount;
+    return *this;
+}
+
+version_info::~version_info() {
+    Release();
+}
+
+void version_info::Release() noexcept {
+    ReleaseBlock(m_pBlock, m_pRefCount);
+    m_pTranslations = nullptr;
+    m_nTranslations = 0;
+}
+
+bool version_info::Load(const std::wstring& file) {
+    Release();
+    static_cast<VS_FIXEDFILEINFO&>(*this) = VS_FIXEDFILEINFO{};
+    loaded_version loaded;
+    if (!LoadVersion(file, loaded))
+        return false;
+    static_cast<VS_FIXEDFILEINFO&>(*this) = loaded.fixed;
+    // The resource format aligns every value to 4 bytes, and the block comes from new[]; a list
+    // that is not aligned anyway is not used as an array.
+    if (reinterpret_cast<uintptr_t>(loaded.translations) % alignof(DWORD) == 0) {
+        m_pTranslations = reinterpret_cast<const DWORD*>(loaded.translations);
+        m_nTranslations = loaded.translationCount;
+    }
+    m_pRefCount = new std::atomic<LONG>(1);
+    m_pBlock = loaded.block.release();
+    return true;
+}
+
+const wchar_t* version_info::GetString(const char* name) const {
+    return QueryString(m_pBlock, reinterpret_cast<const BYTE*>(m_pTranslations), m_nTranslations, name);
+}
+
+std::wstring GetFileVersionText(const std::wstring& file, const std::wstring& separator) {
+    version_info info;
+    if (!info.Load(file))
+        return {};
+    return std::to_wstring(HIWORD(info.dwFileVersionMS)) + separator + std::to_wstring(LOWORD(info.dwFileVersionMS)) +
+           separator + std::to_wstring(HIWORD(info.dwFileVersionLS)) + separator +
+           std::to_wstring(LOWORD(info.dwFileVersionLS));
+}
+
+std::wstring GetInternalVersion(const std::wstring& file) {
+    version_info info;
+    if (!info.Load(file))
+        return {};
+    const wchar_t* text = info.GetString("QVInternalVersion");
+    return text ? std::wstring(text) : std::wstring();
+}
+
+bool IsOleSelfRegister(const std::wstring& file) {
+    version_info info;
+    return info.Load(file) && info.GetString("OLESelfRegister") != nullptr;
+}
+
+} // namespace qv
