@@ -1,0 +1,5 @@
+# Sources of the platform-free readers, relative to src/format. Shared by the cross build
+# (src/format/CMakeLists.txt) and the native sanitizer and fuzzing build (fuzz/CMakeLists.txt).
+set(QV_FORMAT_SOURCES
+    pe/pe_image.cpp
+    pe/section_map.cpp)
