@@ -1,0 +1,28 @@
+// The exports of the server and its start and end. Self-registration is switched off on purpose:
+// the server writes nothing to the registry; registration tools take the class table's data.
+#include "QVWIScanners.h"
+#include "inc/com_module.h"
+#include "server/class_table.h"
+#include "traits/project_traits.h"
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
+    if (reason == DLL_PROCESS_ATTACH) {
+        qv::g_module.Init(instance, LIBID_QVWISCANNERSLib);
+        CProjectTraitsManager::Instance();
+        DisableThreadLibraryCalls(instance);
+    } else if (reason == DLL_PROCESS_DETACH) {
+        qv::ReleaseClassFactories();
+        qv::g_module.Term();
+    }
+    return TRUE;
+}
+
+extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() { return qv::g_module.LockCount() == 0 ? S_OK : S_FALSE; }
+
+extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* ppv) {
+    return qv::GetClassObject(clsid, iid, ppv);
+}
+
+extern "C" HRESULT STDAPICALLTYPE DllRegisterServer() { return S_OK; }
+
+extern "C" HRESULT STDAPICALLTYPE DllUnregisterServer() { return S_OK; }
