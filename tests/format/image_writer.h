@@ -9,6 +9,7 @@
 #include "format/byte_span.h"
 #include "format/pe/pe_layout.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -170,7 +171,7 @@ public:
         for (std::size_t i = 0; i < all.size(); ++i) {
             auto& s = all[i];
             if (i == edata_index && has_exports_)
-                s.data = export_bytes(next_va, all.front(), image);
+                s.data = export_bytes(next_va, image);
             if (i == idata_index && !imports_.empty())
                 s.data = import_bytes(next_va, image);
             written_image::section_place place;
@@ -301,7 +302,7 @@ private:
 
     // The ".edata" section at `va`: directory, address table, name-pointer table, ordinal table,
     // DLL name, names. Every export points at the start of the first section.
-    std::string export_bytes(std::uint32_t va, const pending_section&, written_image& image) const {
+    std::string export_bytes(std::uint32_t va, written_image& image) const {
         namespace E = pe::layout::export_directory;
         std::vector<std::uint8_t> s;
         const auto n = static_cast<std::uint32_t>(exports_.size());
