@@ -2,4 +2,5 @@
 # (src/format/CMakeLists.txt) and the native sanitizer and fuzzing build (fuzz/CMakeLists.txt).
 set(QV_FORMAT_SOURCES
     pe/pe_image.cpp
-    pe/section_map.cpp)
+    pe/section_map.cpp
+    pe/resources.cpp)

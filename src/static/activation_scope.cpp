@@ -1,5 +1,7 @@
 #include "static/activation_scope.h"
 
+#include "format/pe/resources.h"
+#include "static/pe_images.h"
 #include "toolkit/path_helpers.h"
 
 ULONG_PTR ActivationScope::ManifestResourceFor(const std::wstring& path) {
@@ -11,7 +13,15 @@ ULONG_PTR ActivationScope::ManifestResourceFor(const std::wstring& path) {
     return 0;
 }
 
-ActivationScope::ActivationScope(const std::wstring& path) {
+bool ActivationScope::HasManifest(const CPEImage& image, const std::wstring& path) {
+    const auto& reader = image.Reader();
+    return reader && qv::pe::has_resource(*reader, qv::pe::resource_type_manifest,
+                                          static_cast<std::uint32_t>(ManifestResourceFor(path)));
+}
+
+ActivationScope::ActivationScope(const std::wstring& path, bool withManifest) {
+    if (!withManifest)
+        return;
     HMODULE kernel = GetModuleHandleW(L"Kernel32.dll");
     if (!kernel)
         return;
@@ -24,6 +34,7 @@ ActivationScope::ActivationScope(const std::wstring& path) {
     if (!m_pfnCreate || !m_pfnDeactivate || !m_pfnRelease)
         return;
 
+    static_assert(sizeof(ACTCTXW) == 56, "the context description of a 64-bit process");
     ACTCTXW context{};
     context.cbSize = sizeof(ACTCTXW);
     context.dwFlags = ACTCTX_FLAG_RESOURCE_NAME_VALID;
