@@ -3,6 +3,7 @@
 // the reader's own contracts.
 #include "format/pe/pe_image.h"
 #include "format/pe/pe_layout.h"
+#include "format/pe/resources.h"
 #include "pe_test_support.h"
 
 #include <cstdint>
@@ -88,5 +89,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     check(std::vector<std::string>(names.begin(), names.end()) == reference, "import names disagree with the walk");
     check(image->exports_dll_register_server() == qv::test::reference_self_registration(file, nt, directory_at),
           "self-registration test disagrees with the walk");
+    // Resource lookups: any answer will do, as long as every read stays inside the file.
+    for (std::uint32_t type : {0u, 16u, 24u})
+        for (std::uint32_t name : {0u, 1u, 2u})
+            (void)qv::pe::has_resource(*image, type, name);
     return 0;
 }

@@ -5,4 +5,5 @@ set(QV_FORMAT_TEST_SOURCES
     pe_classify_test.cpp
     pe_image_test.cpp
     pe_robustness_test.cpp
-    section_map_test.cpp)
+    section_map_test.cpp
+    pe_resources_test.cpp)
