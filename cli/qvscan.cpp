@@ -1,0 +1,593 @@
+// qvscan: the command-line host of the scanners. A plain COM client of QVWIScanners.dll, which it loads
+// by path from its own folder (or QV_SERVER_DLL) and reaches through DllGetClassObject: no registration.
+//
+//   qvscan static FILE [--lang TEXT] [--type N] [--no-filter] [--json]
+//   qvscan pe FILE [--json]
+//   qvscan register [--user] | unregister [--user]
+//
+// Exit codes: 0 done; 1 the scan or the server failed; 2 wrong arguments; 3 the file does not exist.
+#include "QVWIScanners.h"
+#include "server/class_registration.h"
+#include "text_output.h"
+
+#include <windows.h>
+
+#include <objbase.h>
+#include <oleauto.h>
+
+#include <cstdio>
+#include <cwchar>
+#include <exception>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "inc/com_exception.h"
+#include "inc/com_ptr.h"
+
+using namespace qvscan;
+
+namespace {
+
+constexpr int ExitOk = 0, ExitFailed = 1, ExitUsage = 2, ExitNoFile = 3;
+
+const char* const Usage = "usage: qvscan static FILE [--lang TEXT] [--type N] [--no-filter] [--json]\n"
+                          "       qvscan pe FILE [--json]\n"
+                          "       qvscan register [--user]\n"
+                          "       qvscan unregister [--user]\n";
+
+struct usage_error {
+    std::string message;
+};
+
+std::string hex(HRESULT hr) {
+    char buffer[16];
+    std::snprintf(buffer, sizeof buffer, "0x%08lX", static_cast<unsigned long>(hr));
+    return buffer;
+}
+
+std::string describe(HRESULT hr) {
+    wchar_t* text = nullptr;
+    DWORD n = FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                             nullptr, static_cast<DWORD>(hr), 0, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
+    std::wstring message = n ? std::wstring(text, n) : std::wstring();
+    if (text)
+        LocalFree(text);
+    while (!message.empty() && (message.back() == L'\n' || message.back() == L'\r' || message.back() == L'.'))
+        message.pop_back();
+    return message.empty() ? hex(hr) : utf8(message) + " (" + hex(hr) + ")";
+}
+
+// The server DLL, loaded by path.
+class server_dll {
+public:
+    server_dll() {
+        wchar_t own[MAX_PATH * 4];
+        DWORD n = GetModuleFileNameW(nullptr, own, static_cast<DWORD>(std::size(own)));
+        std::wstring dir(own, n);
+        dir = dir.substr(0, dir.find_last_of(L'\\'));
+        wchar_t overridden[MAX_PATH * 4];
+        DWORD m = GetEnvironmentVariableW(L"QV_SERVER_DLL", overridden, static_cast<DWORD>(std::size(overridden)));
+        m_path = (m > 0 && m < std::size(overridden)) ? std::wstring(overridden, m) : dir + L"\\QVWIScanners.dll";
+        m_module = LoadLibraryW(m_path.c_str());
+        if (!m_module)
+            throw std::runtime_error("cannot load " + utf8(m_path) + ": " +
+                                     describe(HRESULT_FROM_WIN32(GetLastError())));
+        m_getClassObject = reinterpret_cast<decltype(m_getClassObject)>(
+            reinterpret_cast<void*>(GetProcAddress(m_module, "DllGetClassObject")));
+        if (!m_getClassObject)
+            throw std::runtime_error(utf8(m_path) + " exports no DllGetClassObject");
+    }
+    ~server_dll() {
+        if (m_module)
+            FreeLibrary(m_module);
+    }
+    const std::wstring& path() const { return m_path; }
+    HMODULE module() const { return m_module; }
+
+    HRESULT factory(REFCLSID clsid, IClassFactory** out) const {
+        return m_getClassObject(clsid, IID_IClassFactory, reinterpret_cast<void**>(out));
+    }
+    template <class T> qv::com_ptr<T> create(REFCLSID clsid, REFIID iid) const {
+        qv::com_ptr<IClassFactory> f;
+        check_hr(factory(clsid, f.put()));
+        qv::com_ptr<T> object;
+        check_hr(f->CreateInstance(nullptr, iid, object.put_void()));
+        return object;
+    }
+
+private:
+    std::wstring m_path;
+    HMODULE m_module = nullptr;
+    HRESULT(STDAPICALLTYPE* m_getClassObject)(REFCLSID, REFIID, void**) = nullptr;
+};
+
+// The sink of a static scan: counts the files met and draws progress on a terminal.
+class progress_sink : public IStaticScanEventsValeSP {
+public:
+    long files = 0;
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
+        if (!ppv)
+            return E_POINTER;
+        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IStaticScanEvents) ||
+            IsEqualIID(iid, IID_IStaticScanEventsTarn) || IsEqualIID(iid, IID_IStaticScanEventsFellSP2) ||
+            IsEqualIID(iid, IID_IStaticScanEventsValeSP)) {
+            *ppv = static_cast<IStaticScanEventsValeSP*>(this);
+            return S_OK;
+        }
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    // Lives on the stack of the command, longer than the scan.
+    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
+    ULONG STDMETHODCALLTYPE Release() override { return 1; }
+
+    HRESULT STDMETHODCALLTYPE FoundDepFile(BSTR) override {
+        ++files;
+        DWORD now = GetTickCount();
+        if (m_terminal && now - m_lastDraw > 200) {
+            m_lastDraw = now;
+            err("\rscanning: " + std::to_string(files) + " files met");
+            m_drawn = true;
+        }
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE GetReferencePath(BSTR, BSTR* psPath) override {
+        if (psPath)
+            *psPath = nullptr;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE ErrorEncountered(BSTR file, LONG code, BSTR text) override {
+        clear();
+        err("qvscan: " + utf8(file ? file : L"") + ": " + utf8(text ? text : L"") + " (" + hex(code) + ")\n");
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE get_MMCatalog(IUnknown** catalog) override {
+        if (!catalog)
+            return E_POINTER;
+        *catalog = nullptr;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE GetOtherReferences(VARIANT* value) override {
+        if (value)
+            VariantInit(value);
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE get_Component(IUnknown** component) override {
+        if (!component)
+            return E_POINTER;
+        *component = nullptr;
+        return S_OK;
+    }
+
+    void clear() {
+        if (m_drawn)
+            err("\r\x1b[K");
+        m_drawn = false;
+    }
+
+private:
+    bool m_terminal = err_is_terminal();
+    bool m_drawn = false;
+    DWORD m_lastDraw = 0;
+};
+
+// One record as the tool shows it.
+struct record {
+    std::wstring name, path, destPath;
+    long major = 0, minor = 0, size = 0;
+    double modified = 0;
+    bool missing = false, filterable = false, mergeModule = false, shared = false, selfRegistering = false;
+    std::vector<long> languages;
+};
+
+std::wstring version_text(long major, long minor) {
+    if (major == 0 && minor == 0)
+        return L"";
+    wchar_t buffer[64];
+    std::swprintf(buffer, 64, L"%u.%u.%u.%u", HIWORD(major), LOWORD(major), HIWORD(minor), LOWORD(minor));
+    return buffer;
+}
+
+std::wstring time_text(double date) {
+    SYSTEMTIME st{};
+    if (date == 0 || !VariantTimeToSystemTime(date, &st))
+        return L"";
+    wchar_t buffer[64];
+    std::swprintf(buffer, 64, L"%04u-%02u-%02uT%02u:%02u:%02u", st.wYear, st.wMonth, st.wDay, st.wHour, st.wMinute,
+                  st.wSecond);
+    return buffer;
+}
+
+record read_record(IDepFile* file) {
+    record r;
+    qv::bstr text;
+    VARIANT_BOOL flag = 0;
+    check_hr(file->get_Name(text.put()));
+    r.name = text.str();
+    check_hr(file->get_Path(text.put()));
+    r.path = text.str();
+    check_hr(file->get_Size(&r.size));
+    check_hr(file->get_ModifiedTime(&r.modified));
+    check_hr(file->get_MajorVersion(&r.major));
+    check_hr(file->get_MinorVersion(&r.minor));
+    check_hr(file->get_Shared(&flag));
+    r.shared = flag != 0;
+    check_hr(file->get_SelfRegistering(&flag));
+    r.selfRegistering = flag != 0;
+    qv::com_ptr<ILanguages> languages;
+    if (SUCCEEDED(file->get_Languages(languages.put())) && languages) {
+        long count = 0;
+        languages->get_Count(&count);
+        for (long i = 1; i <= count; ++i) {
+            VARIANT index;
+            VariantInit(&index);
+            index.vt = VT_I4;
+            index.lVal = i;
+            long id = 0;
+            if (SUCCEEDED(languages->get_Item(index, &id)))
+                r.languages.push_back(id);
+        }
+    }
+    qv::com_ptr<IDepFile> self(file);
+    if (auto tarn = self.query<IDepFileTarn>(IID_IDepFileTarn)) {
+        if (SUCCEEDED(tarn->GetDestPath(text.put())))
+            r.destPath = text.str();
+    }
+    if (auto info = self.query<IDepFileInfo>(IID_IDepFileInfo)) {
+        if (SUCCEEDED(info->get_IsMissing(&flag)))
+            r.missing = flag != 0;
+        if (SUCCEEDED(info->get_IsFilterable(&flag)))
+            r.filterable = flag != 0;
+        if (SUCCEEDED(info->get_IsMergeModule(&flag)))
+            r.mergeModule = flag != 0;
+    }
+    return r;
+}
+
+std::vector<record> read_all(IDepFiles* files) {
+    std::vector<record> records;
+    if (!files)
+        return records;
+    long count = 0;
+    check_hr(files->get_Count(&count));
+    for (long i = 1; i <= count; ++i) {
+        VARIANT index;
+        VariantInit(&index);
+        index.vt = VT_I4;
+        index.lVal = i;
+        qv::com_ptr<IDepFile> file;
+        check_hr(files->get_Item(index, file.put()));
+        if (file)
+            records.push_back(read_record(file.get()));
+    }
+    return records;
+}
+
+std::string marks(const record& r) {
+    std::string m;
+    m += r.missing ? 'M' : '-';
+    m += r.filterable ? 'F' : '-';
+    m += r.mergeModule ? 'G' : '-';
+    m += r.shared ? 'S' : '-';
+    m += r.selfRegistering ? 'R' : '-';
+    return m;
+}
+
+std::string json_record(const record& r, const char* indent) {
+    std::string langs;
+    for (long id : r.languages)
+        langs += (langs.empty() ? "" : ", ") + std::to_string(id);
+    std::string s = std::string(indent) + "{\"name\": " + json_string(r.name) + ", \"folder\": " + json_string(r.path) +
+                    ", \"version\": " + json_string(version_text(r.major, r.minor)) +
+                    ", \"size\": " + std::to_string(r.size) + ", \"modified\": " + json_string(time_text(r.modified)) +
+                    ", \"destination\": " + json_string(r.destPath) + ", \"languages\": [" + langs + "]" +
+                    ", \"missing\": " + (r.missing ? "true" : "false") +
+                    ", \"filterable\": " + (r.filterable ? "true" : "false") +
+                    ", \"mergeModule\": " + (r.mergeModule ? "true" : "false") +
+                    ", \"shared\": " + (r.shared ? "true" : "false") +
+                    ", \"selfRegistering\": " + (r.selfRegistering ? "true" : "false") + "}";
+    return s;
+}
+
+std::wstring full_path(const std::wstring& path) {
+    wchar_t buffer[MAX_PATH * 4];
+    DWORD n = GetFullPathNameW(path.c_str(), static_cast<DWORD>(std::size(buffer)), buffer, nullptr);
+    return (n > 0 && n < std::size(buffer)) ? std::wstring(buffer, n) : path;
+}
+
+bool exists(const std::wstring& path) {
+    DWORD attributes = GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && !(attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+struct options {
+    std::wstring command, file, lang;
+    long type = 0;
+    bool filter = true, json = false, user = false;
+};
+
+options parse(int argc, wchar_t** argv) {
+    options o;
+    if (argc < 2)
+        throw usage_error{"no command given"};
+    o.command = argv[1];
+    if (o.command == L"-h" || o.command == L"--help" || o.command == L"help")
+        throw usage_error{""};
+    const bool scans = o.command == L"static" || o.command == L"pe";
+    const bool registers = o.command == L"register" || o.command == L"unregister";
+    if (!scans && !registers)
+        throw usage_error{"unknown command '" + utf8(o.command) + "'"};
+    for (int i = 2; i < argc; ++i) {
+        std::wstring a = argv[i];
+        auto value = [&](const char* name) {
+            if (i + 1 >= argc)
+                throw usage_error{std::string(name) + " needs a value"};
+            return std::wstring(argv[++i]);
+        };
+        if (scans && a == L"--json") {
+            o.json = true;
+        } else if (o.command == L"static" && a == L"--lang") {
+            o.lang = value("--lang");
+        } else if (o.command == L"static" && a == L"--type") {
+            std::wstring v = value("--type");
+            wchar_t* end = nullptr;
+            long n = std::wcstol(v.c_str(), &end, 0);
+            if (v.empty() || *end != L'\0' || n < 0)
+                throw usage_error{"--type wants a whole number (0, 1, 2, optionally with 32768 added)"};
+            o.type = n;
+        } else if (o.command == L"static" && a == L"--no-filter") {
+            o.filter = false;
+        } else if (registers && a == L"--user") {
+            o.user = true;
+        } else if (a.size() > 1 && a[0] == L'-') {
+            throw usage_error{"unknown option '" + utf8(a) + "' for " + utf8(o.command)};
+        } else if (scans && o.file.empty()) {
+            o.file = a;
+        } else {
+            throw usage_error{"unexpected argument '" + utf8(a) + "'"};
+        }
+    }
+    if (scans && o.file.empty())
+        throw usage_error{utf8(o.command) + " needs a FILE"};
+    return o;
+}
+
+int run_static(const server_dll& dll, const options& o) {
+    const std::wstring file = full_path(o.file);
+    const bool present = exists(file);
+    auto scan = dll.create<IStaticScan>(CLSID_StaticScan, IID_IStaticScan);
+    progress_sink sink;
+    qv::bstr path(file), lang(o.lang);
+    VARIANT_BOOL completed = VARIANT_FALSE;
+    HRESULT hr = S_OK;
+    try {
+        hr = scan->ScanFile(path.get(), &sink, o.filter ? VARIANT_TRUE : VARIANT_FALSE, lang.get(),
+                            static_cast<EScanType>(o.type), &completed);
+    } catch (const com_exception& e) {
+        hr = e.Error();
+    } catch (const qv::win32_exception& e) {
+        hr = e.Result();
+    }
+    sink.clear();
+    if (FAILED(hr)) {
+        err("qvscan: scanning " + utf8(file) + " failed: " + describe(hr) + "\n");
+        return ExitFailed;
+    }
+    qv::com_ptr<IDepFiles> files;
+    check_hr(scan->get_Dependencies(files.put()));
+    std::vector<record> records = read_all(files.get());
+
+    size_t missing = 0, filterable = 0, modules = 0;
+    for (const auto& r : records) {
+        missing += r.missing;
+        filterable += r.filterable;
+        modules += r.mergeModule;
+    }
+    if (o.json) {
+        std::string s = "{\n  \"file\": " + json_string(file) + ",\n  \"exists\": " + (present ? "true" : "false") +
+                        ",\n  \"completed\": " + (completed ? "true" : "false") + ",\n  \"dependencies\": [";
+        for (size_t i = 0; i < records.size(); ++i)
+            s += (i ? ",\n" : "\n") + json_record(records[i], "    ");
+        s += std::string(records.empty() ? "" : "\n  ") + "],\n  \"summary\": {\"files\": " +
+             std::to_string(records.size()) + ", \"missing\": " + std::to_string(missing) +
+             ", \"filterable\": " + std::to_string(filterable) + ", \"mergeModules\": " + std::to_string(modules) +
+             ", \"filesMet\": " + std::to_string(sink.files) + "}\n}\n";
+        out(s);
+    } else {
+        table t({"NAME", "FOLDER", "VERSION", "SIZE", "MARKS"});
+        for (const auto& r : records)
+            t.add({utf8(r.name), utf8(r.path), utf8(version_text(r.major, r.minor)),
+                   r.missing ? "" : std::to_string(r.size), marks(r)});
+        out(t.render());
+        out(std::to_string(records.size()) + " files, " + std::to_string(missing) + " missing, " +
+            std::to_string(filterable) + " filterable, " + std::to_string(modules) +
+            " merge modules (marks: M missing, F filterable, G merge module, S shared, R self-registering)\n");
+    }
+    if (!present) {
+        err("qvscan: " + utf8(file) + ": no such file\n");
+        return ExitNoFile;
+    }
+    return ExitOk;
+}
+
+int run_pe(const server_dll& dll, const options& o) {
+    const std::wstring file = full_path(o.file);
+    auto util = dll.create<IScanUtil>(CLSID_ScanUtil, IID_IScanUtil);
+    qv::bstr path(file);
+    qv::com_ptr<IDepFile> pe;
+    check_hr(util->get_PE(path.get(), pe.put()));
+    if (!pe) {
+        if (o.json)
+            out("{\"file\": " + json_string(file) + ", \"pe\": null}\n");
+        if (!exists(file)) {
+            err("qvscan: " + utf8(file) + ": no such file\n");
+            return ExitNoFile;
+        }
+        if (!o.json)
+            out(utf8(file) + ": not a PE image\n");
+        return ExitOk;
+    }
+    record r = read_record(pe.get());
+    if (o.json) {
+        out("{\"file\": " + json_string(file) + ", \"pe\": " + json_record(r, "") + "}\n");
+        return ExitOk;
+    }
+    std::string langs;
+    for (long id : r.languages)
+        langs += (langs.empty() ? "" : " ") + std::to_string(id);
+    table t({"name", utf8(r.name)});
+    t.add({"folder", utf8(r.path)});
+    t.add({"version", utf8(version_text(r.major, r.minor))});
+    t.add({"size", std::to_string(r.size)});
+    t.add({"modified", utf8(time_text(r.modified))});
+    t.add({"languages", langs});
+    t.add({"destination", utf8(r.destPath)});
+    t.add({"shared", r.shared ? "yes" : "no"});
+    t.add({"self-registering", r.selfRegistering ? "yes" : "no"});
+    out(t.render());
+    return ExitOk;
+}
+
+std::wstring guid_text(const GUID& g) {
+    wchar_t buffer[64];
+    StringFromGUID2(g, buffer, 64);
+    return buffer;
+}
+
+LONG set_value(HKEY root, const std::wstring& key, const wchar_t* name, const std::wstring& value) {
+    HKEY k = nullptr;
+    LONG rc = RegCreateKeyExW(root, key.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &k, nullptr);
+    if (rc != ERROR_SUCCESS)
+        return rc;
+    rc = RegSetValueExW(k, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+                        static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+    RegCloseKey(k);
+    return rc;
+}
+
+int run_register(const server_dll& dll, const options& o, bool add) {
+    // For the user alone, the classes root is the user's own classes key while this runs: the class
+    // entries and the type library's entries both land there.
+    HKEY userClasses = nullptr;
+    if (o.user) {
+        LONG rc = RegCreateKeyExW(HKEY_CURRENT_USER, L"Software\\Classes", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
+                                  &userClasses, nullptr);
+        if (rc == ERROR_SUCCESS)
+            rc = RegOverridePredefKey(HKEY_CLASSES_ROOT, userClasses);
+        if (rc != ERROR_SUCCESS) {
+            err("qvscan: cannot open the user's classes: " + describe(HRESULT_FROM_WIN32(rc)) + "\n");
+            if (userClasses)
+                RegCloseKey(userClasses);
+            return ExitFailed;
+        }
+    }
+    struct restore_root {
+        HKEY key;
+        ~restore_root() {
+            if (key) {
+                RegOverridePredefKey(HKEY_CLASSES_ROOT, nullptr);
+                RegCloseKey(key);
+            }
+        }
+    } restore{userClasses};
+    HKEY classes = HKEY_CLASSES_ROOT;
+    wchar_t description[256] = {};
+    LoadStringW(dll.module(), qv::class_registrations[0].descriptionResource, description, 256);
+    int done = 0;
+    for (const auto& c : qv::class_registrations) {
+        const std::wstring clsid = guid_text(*c.clsid);
+        if (!add) {
+            RegDeleteTreeW(classes, (L"CLSID\\" + clsid).c_str());
+            RegDeleteTreeW(classes, c.progId);
+            RegDeleteTreeW(classes, c.versionIndependent);
+            ++done;
+            continue;
+        }
+        // Only the classes this server can make are announced.
+        qv::com_ptr<IClassFactory> factory;
+        if (FAILED(dll.factory(*c.clsid, factory.put())))
+            continue;
+        const std::wstring key = L"CLSID\\" + clsid;
+        LONG results[] = {
+            set_value(classes, key, nullptr, description),
+            set_value(classes, key + L"\\InprocServer32", nullptr, dll.path()),
+            set_value(classes, key + L"\\InprocServer32", L"ThreadingModel", c.threadingModel),
+            set_value(classes, key + L"\\ProgID", nullptr, c.progId),
+            set_value(classes, key + L"\\VersionIndependentProgID", nullptr, c.versionIndependent),
+            set_value(classes, key + L"\\TypeLib", nullptr, guid_text(LIBID_QVWISCANNERSLib)),
+            set_value(classes, c.progId, nullptr, description),
+            set_value(classes, std::wstring(c.progId) + L"\\CLSID", nullptr, clsid),
+            set_value(classes, c.versionIndependent, nullptr, description),
+            set_value(classes, std::wstring(c.versionIndependent) + L"\\CLSID", nullptr, clsid),
+            set_value(classes, std::wstring(c.versionIndependent) + L"\\CurVer", nullptr, c.progId),
+        };
+        for (LONG r : results) {
+            if (r != ERROR_SUCCESS) {
+                err("qvscan: cannot write the registration of " + utf8(c.name) + ": " +
+                    describe(HRESULT_FROM_WIN32(r)) + "\n");
+                return ExitFailed;
+            }
+        }
+        out("registered " + utf8(c.name) + " as " + utf8(c.versionIndependent) + "\n");
+        ++done;
+    }
+    HRESULT hr = S_OK;
+    if (add) {
+        ITypeLib* lib = nullptr;
+        hr = LoadTypeLibEx(dll.path().c_str(), REGKIND_NONE, &lib);
+        if (SUCCEEDED(hr)) {
+            std::wstring path = dll.path();
+            hr = RegisterTypeLib(lib, path.data(), nullptr);
+            lib->Release();
+        }
+    } else {
+        hr = UnRegisterTypeLib(LIBID_QVWISCANNERSLib, 1, 0, LOCALE_NEUTRAL, SYS_WIN64);
+        if (hr == TYPE_E_REGISTRYACCESS || hr == TYPE_E_CANTLOADLIBRARY)
+            hr = S_OK; // nothing was registered
+    }
+    if (FAILED(hr)) {
+        err(std::string("qvscan: cannot ") + (add ? "register" : "unregister") + " the type library: " +
+            describe(hr) + "\n");
+        return ExitFailed;
+    }
+    out(std::string(add ? "registered" : "unregistered") + " the type library and " + std::to_string(done) +
+        " classes\n");
+    return ExitOk;
+}
+
+} // namespace
+
+int wmain(int argc, wchar_t** argv) {
+    options o;
+    try {
+        o = parse(argc, argv);
+    } catch (const usage_error& e) {
+        if (!e.message.empty())
+            err("qvscan: " + e.message + "\n");
+        err(Usage);
+        return e.message.empty() ? ExitOk : ExitUsage;
+    }
+    HRESULT init = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    int rc = ExitFailed;
+    try {
+        server_dll dll;
+        if (o.command == L"static")
+            rc = run_static(dll, o);
+        else if (o.command == L"pe")
+            rc = run_pe(dll, o);
+        else
+            rc = run_register(dll, o, o.command == L"register");
+    } catch (const com_exception& e) {
+        err("qvscan: " + describe(e.Error()) + "\n");
+    } catch (const qv::win32_exception& e) {
+        err("qvscan: " + describe(e.Result()) + "\n");
+    } catch (const std::exception& e) {
+        err(std::string("qvscan: ") + e.what() + "\n");
+    }
+    if (SUCCEEDED(init))
+        CoUninitialize();
+    return rc;
+}
