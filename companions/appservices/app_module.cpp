@@ -1,0 +1,55 @@
+// QvAppServices.dll: its start and end, and the class objects of its three classes, handed out through
+// DllGetClassObject with no registration. Each live object and each class factory a client holds keeps
+// one lock on the module.
+#include "app_services.h"
+#include "dep_file_group.h"
+#include "dep_file_groups.h"
+#include "inc/com_module.h"
+
+#include <iterator>
+
+namespace {
+
+struct class_entry {
+    const CLSID* clsid;
+    qv::class_factory::create_fn create;
+};
+
+const class_entry kClasses[] = {
+    {&CLSID_QvAppServices, &qv::creator<CQvAppServices>::CreateInstance},
+    {&CLSID_QvDepFileGroup, &qv::creator<CQvDepFileGroup>::CreateInstance},
+    {&CLSID_QvDepFileGroups, &qv::creator<CQvDepFileGroups>::CreateInstance},
+};
+
+} // namespace
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
+    if (reason == DLL_PROCESS_ATTACH) {
+        qv::g_module.Init(instance, GUID_NULL);
+        DisableThreadLibraryCalls(instance);
+    } else if (reason == DLL_PROCESS_DETACH) {
+        qv::g_module.Term();
+    }
+    return TRUE;
+}
+
+extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() { return qv::g_module.LockCount() == 0 ? S_OK : S_FALSE; }
+
+extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* ppv) {
+    if (!ppv)
+        return E_POINTER;
+    *ppv = nullptr;
+    for (const class_entry& entry : kClasses) {
+        if (!IsEqualCLSID(clsid, *entry.clsid))
+            continue;
+        qv::com_object<qv::class_factory>* factory = nullptr;
+        HRESULT hr = qv::com_object<qv::class_factory>::CreateInstance(&factory, entry.create);
+        if (FAILED(hr))
+            return hr;
+        factory->AddRef();
+        hr = factory->QueryInterface(iid, ppv);
+        factory->Release();
+        return hr;
+    }
+    return CLASS_E_CLASSNOTAVAILABLE;
+}

@@ -1,0 +1,33 @@
+#include "dep_file_group.h"
+
+#include "inc/com_boundary.h"
+
+#include <string>
+
+STDMETHODIMP CQvDepFileGroup::get_Name(BSTR* name) {
+    if (!name)
+        return E_POINTER;
+    *name = nullptr;
+    return qv::com_boundary([&] {
+        *name = qv::bstr(std::wstring(m_bstrName.view())).detach();
+        return S_OK;
+    });
+}
+
+STDMETHODIMP CQvDepFileGroup::get_Files(IDepFiles** files) {
+    if (!files)
+        return E_POINTER;
+    m_pFiles.copy_to(files);
+    return S_OK;
+}
+
+STDMETHODIMP CQvDepFileGroup::Init(IDepFiles* files, BSTR name) {
+    if (!files)
+        return E_POINTER;
+    return qv::com_boundary([&] {
+        qv::bstr copy(std::wstring(name ? std::wstring_view(name, SysStringLen(name)) : std::wstring_view()));
+        m_bstrName.swap(copy);
+        m_pFiles = qv::com_ptr<IDepFiles>(files);
+        return S_OK;
+    });
+}
