@@ -1,0 +1,40 @@
+// The filter of the static and dynamic scans: filters.xml from the tool's support folder, whose
+// Include and Exclude lists of File elements name files in lower case. Include wins over Exclude; a
+// native image "x.ni.dll" is asked about as "x.dll" as well.
+//
+// Trusts filters.xml to be the tool's own: file names go into the XPath text unescaped, so a name with
+// a double quote breaks the query, and that failure is thrown.
+#pragma once
+
+#include "filter/filter_base.h"
+#include "inc/com_ptr.h"
+
+#include <windows.h>
+
+#include <msxml2.h>
+
+#include <string>
+
+class CQVWIFilter : public CFilterBase {
+public:
+    // Whether the file is to be dropped now (on a list and filtering on); bInFilterList tells whether
+    // it is on a list at all. Throws com_exception when a query fails, E_UNEXPECTED before SetFiltering.
+    bool Filter(const std::wstring& name, bool& bInFilterList) override;
+    // Loads <support folder>\filters.xml; any failure is thrown and leaves the earlier lists in place.
+    void Initialize() override;
+
+    // The support folder as QvAppServices.dll tells it, asked once and kept for the filter's life (an
+    // empty answer is asked for again). Throws com_exception when the library or its answer fails.
+    const std::wstring& GetSupportDir();
+
+protected:
+    // True when the lists decided the file: bInFilterList true, bFilter the filtering flag. False when
+    // an Include entry names it or no list does; both outputs are then false.
+    bool Match(const std::wstring& name, bool& bInFilterList, bool& bFilter);
+
+    std::wstring m_sSupportDir;
+    qv::com_ptr<IXMLDOMDocument2> m_pDoc;
+
+private:
+    bool Listed(const wchar_t* list, const std::wstring& name);
+};

@@ -1,0 +1,54 @@
+#include "filter/xml_loader.h"
+
+// {2933BF95-7B36-11D2-B20E-00C04F983E60}
+const IID IID_QvXmlDocument2 = {0x2933BF95, 0x7B36, 0x11D2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
+
+const CLSID kXmlDocumentClasses[3] = {
+    // {88D96A05-F192-11D4-A65F-0040963251E5}: DOMDocument60
+    {0x88D96A05, 0xF192, 0x11D4, {0xA6, 0x5F, 0x00, 0x40, 0x96, 0x32, 0x51, 0xE5}},
+    // {88D969C0-F192-11D4-A65F-0040963251E5}: DOMDocument40
+    {0x88D969C0, 0xF192, 0x11D4, {0xA6, 0x5F, 0x00, 0x40, 0x96, 0x32, 0x51, 0xE5}},
+    // {F5078F32-C551-11D3-89B9-0000F81FE221}: DOMDocument30
+    {0xF5078F32, 0xC551, 0x11D3, {0x89, 0xB9, 0x00, 0x00, 0xF8, 0x1F, 0xE2, 0x21}},
+};
+
+namespace detail {
+
+qv::com_ptr<IXMLDOMDocument2> CreateXmlDocument(std::span<const CLSID> classes) {
+    HRESULT last = E_INVALIDARG;
+    for (const CLSID& clsid : classes) {
+        qv::com_ptr<IXMLDOMDocument2> document;
+        last = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_QvXmlDocument2, document.put_void());
+        if (SUCCEEDED(last) && document)
+            return document;
+    }
+    throw com_exception(FAILED(last) ? last : E_NOINTERFACE);
+}
+
+qv::com_ptr<IXMLDOMDocument2> LoadXml(const std::wstring& path, std::span<const CLSID> classes) {
+    qv::com_ptr<IXMLDOMDocument2> document = CreateXmlDocument(classes);
+
+    VARIANT allowDtd;
+    VariantInit(&allowDtd);
+    allowDtd.vt = VT_BOOL;
+    allowDtd.boolVal = VARIANT_FALSE;
+    check_hr(document->setProperty(qv::bstr(L"ProhibitDTD").get(), allowDtd));
+    check_hr(document->put_validateOnParse(VARIANT_FALSE));
+
+    VARIANT source;
+    VariantInit(&source);
+    qv::bstr sourcePath(path);
+    source.vt = VT_BSTR;
+    source.bstrVal = sourcePath.get(); // still owned by sourcePath
+    VARIANT_BOOL loaded = VARIANT_FALSE;
+    check_hr(document->load(source, &loaded));
+    if (!loaded)
+        throw com_exception(E_FAIL);
+    return document;
+}
+
+} // namespace detail
+
+qv::com_ptr<IXMLDOMDocument2> LoadXml(const std::wstring& path) {
+    return detail::LoadXml(path, kXmlDocumentClasses);
+}
