@@ -2,6 +2,7 @@
 
 #include "QVWIScanners.h"
 #include "inc/com_object.h"
+#include "server/dep_file.h"
 #include "server/resource.h"
 
 namespace qv {
@@ -21,7 +22,7 @@ class_entry g_classes[] = {
     {&CLSID_DotNetAssembly, L"DotNetAssembly", L"QVWIScanners.DotNetAssmembly.1", L"QVWIScanners.DotNetAssmembly",
      L"Apartment", IDS_CLASS_DESCRIPTION, nullptr, nullptr},
     {&CLSID_DepFile, L"DepFile", L"QVWIScanners.DepFile.1", L"QVWIScanners.DepFile", L"Apartment",
-     IDS_CLASS_DESCRIPTION, nullptr, nullptr},
+     IDS_CLASS_DESCRIPTION, &qv::creator<CDepFile>::CreateInstance, nullptr},
 };
 
 } // namespace

@@ -29,7 +29,7 @@ TEST_F(ServerFrame, ClassesAnswerAsTheyAreBuilt) {
         {"ScanUtil", &CLSID_ScanUtil, CLASS_E_CLASSNOTAVAILABLE},
         {"VBPScan", &CLSID_VBPScan, CLASS_E_CLASSNOTAVAILABLE},
         {"DotNetAssembly", &CLSID_DotNetAssembly, CLASS_E_CLASSNOTAVAILABLE},
-        {"DepFile", &CLSID_DepFile, CLASS_E_CLASSNOTAVAILABLE},
+        {"DepFile", &CLSID_DepFile, S_OK},
         {"an unknown class", &IID_IUnknown, CLASS_E_CLASSNOTAVAILABLE},
     };
     for (const auto& r : table) {

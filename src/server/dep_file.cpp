@@ -1,0 +1,555 @@
+#include "server/dep_file.h"
+
+#include "filter/filter_base.h"
+#include "inc/com_boundary.h"
+#include "inc/unique_handles.h"
+#include "server/dep_files.h"
+#include "static/dep_walker.h"
+#include "static/pe_images.h"
+#include "toolkit/path_helpers.h"
+#include "toolkit/probes.h"
+#include "toolkit/version_info.h"
+#include "traits/project_traits.h"
+
+#include <shlwapi.h>
+
+#include <algorithm>
+#include <vector>
+
+namespace {
+
+constexpr wchar_t kSharedDllsKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\SharedDlls";
+constexpr wchar_t kCurrentVersionKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion";
+constexpr wchar_t kCommonFilesValue[] = L"CommonFilesDir";
+
+struct find_handle_traits {
+    using type = HANDLE;
+    static type invalid() noexcept { return INVALID_HANDLE_VALUE; }
+    static void close(type h) noexcept { ::FindClose(h); }
+};
+using unique_hfind = qv::unique_resource<find_handle_traits>;
+
+VARIANT_BOOL ToVariantBool(bool value) {
+    return value ? VARIANT_TRUE : VARIANT_FALSE;
+}
+
+bool EqualNoCase(std::wstring_view a, std::wstring_view b) {
+    if (a.size() != b.size())
+        return false;
+    if (a.empty())
+        return true;
+    return CompareStringOrdinal(a.data(), static_cast<int>(a.size()), b.data(), static_cast<int>(b.size()), TRUE) ==
+           CSTR_EQUAL;
+}
+
+std::wstring Lower(std::wstring text) {
+    if (!text.empty())
+        CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
+    return text;
+}
+
+void DropTrailingBackslash(std::wstring& text) {
+    if (!text.empty() && text.back() == L'\\')
+        text.pop_back();
+}
+
+// A byte-exact copy, so that a BSTR with an odd byte count or embedded nulls comes back as it went in.
+// Null stays null.
+BSTR CopyBstr(BSTR source) {
+    if (!source)
+        return nullptr;
+    BSTR copy = SysAllocStringByteLen(reinterpret_cast<const char*>(source), SysStringByteLen(source));
+    if (!copy)
+        throw com_exception(E_OUTOFMEMORY);
+    return copy;
+}
+
+std::wstring FromBstr(BSTR value) {
+    return value ? std::wstring(value, SysStringLen(value)) : std::wstring();
+}
+
+HRESULT GetFlag(VARIANT_BOOL* out, bool value) {
+    if (!out)
+        return E_POINTER;
+    *out = ToVariantBool(value);
+    return S_OK;
+}
+
+// The client's marks take only the automation true (-1); any other value clears them.
+bool FromStrictVariantBool(VARIANT_BOOL value) {
+    return value == VARIANT_TRUE;
+}
+
+// Last write time as local time, cut to the 2-second grain of a DOS time. 0 when a step fails (a time
+// before 1980 has no DOS form).
+DATE LocalDosTime(const FILETIME& written) {
+    FILETIME local;
+    WORD dosDate = 0;
+    WORD dosTime = 0;
+    DATE result = 0;
+    if (!FileTimeToLocalFileTime(&written, &local) || !FileTimeToDosDateTime(&local, &dosDate, &dosTime) ||
+        !DosDateTimeToVariantTime(dosDate, dosTime, &result))
+        return 0;
+    return result;
+}
+
+// HKLM\...\CurrentVersion\CommonFilesDir as stored (not expanded), or empty.
+std::wstring ReadCommonFilesDir() {
+    DWORD flags = RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND;
+    std::vector<wchar_t> buffer(MAX_PATH);
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        DWORD size = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
+        LONG status = RegGetValueW(HKEY_LOCAL_MACHINE, kCurrentVersionKey, kCommonFilesValue, flags, nullptr,
+                                   buffer.data(), &size);
+        if (status == ERROR_SUCCESS)
+            return std::wstring(buffer.data(), wcsnlen(buffer.data(), buffer.size()));
+        if (status != ERROR_MORE_DATA)
+            return {};
+        buffer.resize(size / sizeof(wchar_t) + 1);
+    }
+    return {};
+}
+
+} // namespace
+
+namespace qv::dep_file_detail {
+
+// The shell's own path functions read these forms exactly as the rest of the platform does (drive
+// roots, UNC and "\\?\" prefixes); both stop at the first null of the text.
+std::wstring NamePart(const std::wstring& path) {
+    return std::wstring(PathFindFileNameW(path.c_str()));
+}
+
+std::wstring DirectoryPart(const std::wstring& path) {
+    std::vector<wchar_t> buffer(path.c_str(), path.c_str() + path.size() + 1);
+    PathRemoveFileSpecW(buffer.data());
+    return std::wstring(buffer.data());
+}
+
+std::wstring RemoveDotComponents(std::wstring_view path) {
+    std::vector<std::wstring_view> parts;
+    for (size_t start = 0;;) {
+        size_t end = path.find(L'\\', start);
+        parts.push_back(path.substr(start, end == std::wstring_view::npos ? std::wstring_view::npos : end - start));
+        if (end == std::wstring_view::npos)
+            break;
+        start = end + 1;
+    }
+    // The root, which ".." never takes away: "C:", the empty part before a leading backslash, or the
+    // "\\server\share" (and "\\?\C:") head.
+    size_t root = 0;
+    if (parts[0].size() == 2 && parts[0][1] == L':')
+        root = 1;
+    else if (parts.size() >= 2 && parts[0].empty() && parts[1].empty())
+        root = std::min<size_t>(parts.size(), 4);
+    else if (parts[0].empty())
+        root = 1;
+
+    std::vector<std::wstring_view> kept(parts.begin(), parts.begin() + static_cast<ptrdiff_t>(root));
+    for (size_t i = root; i < parts.size(); ++i) {
+        bool last = i + 1 == parts.size();
+        if (parts[i] == L"." || parts[i] == L"..") {
+            if (parts[i] == L".." && kept.size() > root)
+                kept.pop_back();
+            if (last)
+                kept.push_back({}); // the folder keeps its trailing backslash
+            continue;
+        }
+        kept.push_back(parts[i]);
+    }
+    std::wstring result;
+    for (size_t i = 0; i < kept.size(); ++i) {
+        if (i)
+            result += L'\\';
+        result += kept[i];
+    }
+    return result;
+}
+
+namespace {
+
+bool SameFolder(std::wstring_view a, std::wstring_view b) {
+    if (a.empty() || b.empty())
+        return false;
+    return EqualNoCase(RemoveDotComponents(a), RemoveDotComponents(b));
+}
+
+} // namespace
+
+bool InSharedFolder(std::wstring_view dir, const shared_folders& folders) {
+    if (SameFolder(dir, folders.system) || SameFolder(dir, folders.windows))
+        return true;
+    return folders.wow64 && (SameFolder(dir, folders.sysnative) || SameFolder(dir, folders.syswow64));
+}
+
+REGSAM SharedDllsAccess(bool wow64, DWORD machine) {
+    bool image64 = machine == IMAGE_FILE_MACHINE_IA64 || machine == IMAGE_FILE_MACHINE_AMD64;
+    return wow64 && image64 ? (KEY_READ | KEY_WOW64_64KEY) : KEY_READ;
+}
+
+bool ListedInSharedDlls(std::wstring_view name, REGSAM access) {
+    qv::unique_hkey key;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSharedDllsKey, 0, access, key.put()) != ERROR_SUCCESS)
+        return false;
+    // Value names have at most 16383 characters.
+    std::vector<wchar_t> valueName(16384);
+    for (DWORD index = 0;; ++index) {
+        DWORD length = static_cast<DWORD>(valueName.size());
+        if (RegEnumValueW(key.get(), index, valueName.data(), &length, nullptr, nullptr, nullptr, nullptr) !=
+            ERROR_SUCCESS)
+            return false; // the end of the values, or a key that cannot be read further
+        if (EqualNoCase(NamePart(std::wstring(valueName.data(), length)), name))
+            return true;
+    }
+}
+
+} // namespace qv::dep_file_detail
+
+using namespace qv::dep_file_detail;
+
+CDepFile::CDepFile() {
+    qv::com_object<CLanguages>* languages = nullptr;
+    check_hr(qv::com_object<CLanguages>::CreateInstance(&languages));
+    m_pLanguages = qv::com_ptr<qv::com_object<CLanguages>>(languages);
+}
+
+// ---- IDepFile
+
+STDMETHODIMP CDepFile::get_Name(BSTR* pVal) {
+    return qv::com_boundary([&] {
+        if (!pVal)
+            return E_POINTER;
+        *pVal = CopyBstr(m_bstrName.get());
+        return S_OK;
+    });
+}
+
+STDMETHODIMP CDepFile::get_ModifiedTime(DATE* pVal) {
+    if (!pVal)
+        return E_POINTER;
+    *pVal = m_dModifiedTime;
+    return S_OK;
+}
+
+STDMETHODIMP CDepFile::get_Size(long* pVal) {
+    if (!pVal)
+        return E_POINTER;
+    *pVal = m_nSize;
+    return S_OK;
+}
+
+STDMETHODIMP CDepFile::get_Path(BSTR* pVal) {
+    return qv::com_boundary([&] {
+        if (!pVal)
+            return E_POINTER;
+        *pVal = CopyBstr(m_bstrPath.get());
+        return S_OK;
+    });
+}
+
+STDMETHODIMP CDepFile::get_Shared(VARIANT_BOOL* pVal) {
+    return GetFlag(pVal, m_bShared != VARIANT_FALSE);
+}
+
+STDMETHODIMP CDepFile::get_SelfRegistering(VARIANT_BOOL* pVal) {
+    return GetFlag(pVal, m_bSelfRegistering != VARIANT_FALSE);
+}
+
+STDMETHODIMP CDepFile::get_Languages(ILanguages** pVal) {
+    if (!pVal)
+        return E_POINTER;
+    return m_pLanguages->QueryInterface(IID_ILanguages, reinterpret_cast<void**>(pVal));
+}
+
+STDMETHODIMP CDepFile::get_MajorVersion(long* pVal) {
+    if (!pVal)
+        return E_POINTER;
+    *pVal = m_nMajorVersion;
+    return S_OK;
+}
+
+STDMETHODIMP CDepFile::get_MinorVersion(long* pVal) {
+    if (!pVal)
+        return E_POINTER;
+    *pVal = m_nMinorVersion;
+    return S_OK;
+}
+
+// ---- IDepFileTarn
+
+STDMETHODIMP CDepFile::PutDestPath(BSTR bstrVal) {
+    return qv::com_boundary([&] {
+        m_sDestPath = FromBstr(bstrVal);
+        return S_OK;
+    });
+}
+
+STDMETHODIMP CDepFile::GetDestPath(BSTR* pbstrVal) {
+    if (!pbstrVal)
+        return E_INVALIDARG;
+    *pbstrVal = SysAllocStringLen(m_sDestPath.data(), static_cast<UINT>(m_sDestPath.size()));
+    return *pbstrVal ? S_OK : E_OUTOFMEMORY;
+}
+
+namespace {
+
+// Stores a fresh copy of value; the very pointer the field holds is left alone (a copy made after
+// freeing it would read freed memory).
+void StoreCopy(qv::bstr& field, BSTR value) {
+    if (value == field.get())
+        return;
+    field = qv::bstr::adopt(CopyBstr(value));
+}
+
+} // namespace
+
+STDMETHODIMP CDepFile::PutName(BSTR bstrVal) {
+    return qv::com_boundary([&] {
+        StoreCopy(m_bstrName, bstrVal);
+        return S_OK;
+    });
+}
+
+STDMETHODIMP CDepFile::PutPath(BSTR bstrVal) {
+    return qv::com_boundary([&] {
+        StoreCopy(m_bstrPath, bstrVal);
+        return S_OK;
+    });
+}
+
+STDMETHODIMP CDepFile::PutSelfReg(VARIANT_BOOL vbSelfReg) {
+    m_bAutoSelfReg = false;
+    m_bSelfRegistering = ToVariantBool(vbSelfReg != VARIANT_FALSE);
+    return S_OK;
+}
+
+STDMETHODIMP CDepFile::PutDotNet(VARIANT_BOOL vbDotNet) {
+    m_bAutoDotNet = false;
+    m_bDotNet = vbDotNet != VARIANT_FALSE;
+    return S_OK;
+}
+
+STDMETHODIMP CDepFile::GetDotNet(VARIANT_BOOL* vbDotNet) {
+    return GetFlag(vbDotNet, m_bAutoDotNet ? static_cast<bool>(m_pAssembly) : m_bDotNet);
+}
+
+// ---- IDepFileInfo
+
+STDMETHODIMP CDepFile::get_Included(VARIANT_BOOL* pVal) {
+    return GetFlag(pVal, m_bIncluded);
+}
+
+STDMETHODIMP CDepFile::put_Included(VARIANT_BOOL newVal) {
+    m_bIncluded = FromStrictVariantBool(newVal);
+    return S_OK;
+}
+
+STDMETHODIMP CDepFile::get_IsMergeModule(VARIANT_BOOL* pVal) {
+    return GetFlag(pVal, m_bIsMergeModule);
+}
+
+STDMETHODIMP CDepFile::get_IsDriver(VARIANT_BOOL* pVal) {
+    return GetFlag(pVal, m_bIsDriver);
+}
+
+STDMETHODIMP CDepFile::put_IsDriver(VARIANT_BOOL newVal) {
+    m_bIsDriver = FromStrictVariantBool(newVal);
+    return S_OK;
+}
+
+STDMETHODIMP CDepFile::get_IsFilterable(VARIANT_BOOL* pVal) {
+    return GetFlag(pVal, m_bIsFilterable);
+}
+
+STDMETHODIMP CDepFile::put_IsFilterable(VARIANT_BOOL newVal) {
+    m_bIsFilterable = FromStrictVariantBool(newVal);
+    return S_OK;
+}
+
+STDMETHODIMP CDepFile::get_IsMissing(VARIANT_BOOL* pVal) {
+    return GetFlag(pVal, m_bIsMissing);
+}
+
+STDMETHODIMP CDepFile::get_Assembly(IDotNetAssembly** pVal) {
+    // No assembly: the argument stays as the caller left it, and the call succeeds.
+    if (!m_pAssembly)
+        return S_OK;
+    return m_pAssembly->QueryInterface(IID_IDotNetAssembly, reinterpret_cast<void**>(pVal));
+}
+
+// ---- Operations for the scanners
+
+void CDepFile::SetAssembly(IUnknown* assembly) {
+    qv::com_ptr<IDotNetAssembly> held;
+    if (assembly)
+        assembly->QueryInterface(IID_IDotNetAssembly, held.put_void());
+    m_pAssembly = std::move(held);
+}
+
+std::optional<std::wstring> CDepFile::MapDestPath(const std::wstring& path) {
+    if (path.empty())
+        return std::nullopt;
+    std::wstring mapped = Lower(path);
+    DropTrailingBackslash(mapped);
+
+    struct folder_token {
+        std::wstring (*folder)();
+        std::wstring (*token)();
+    };
+    static const folder_token pairs[] = {
+        {[] { return qv::SystemFolder(); }, &qv::traits::SystemFolderToken},
+        {[] { return qv::WindowsFolder(); }, &qv::traits::WindowsFolderToken},
+        {&ReadCommonFilesDir, &qv::traits::CommonFilesFolderToken},
+    };
+    for (const folder_token& pair : pairs) {
+        std::wstring folder = Lower(pair.folder());
+        DropTrailingBackslash(folder);
+        // An unknown folder (no CommonFilesDir value) occurs nowhere.
+        if (folder.empty())
+            continue;
+        size_t at = mapped.find(folder);
+        if (at != std::wstring::npos)
+            return mapped.replace(at, folder.size(), pair.token());
+    }
+    return std::nullopt;
+}
+
+void CDepFile::SetPaths(const std::wstring& name, const std::wstring& path) {
+    if (!name.empty()) {
+        m_bstrName = qv::bstr(name);
+        m_bstrPath = qv::bstr(DirectoryPart(path));
+    } else {
+        m_bstrName = qv::bstr(path);
+        m_bstrPath = qv::bstr(path);
+    }
+    std::optional<std::wstring> mapped = MapDestPath(m_bstrPath.str());
+    m_sDestPath = mapped ? std::move(*mapped) : m_bstrPath.str();
+}
+
+void CDepFile::SetMissing(const std::wstring& path) {
+    SetPaths(NamePart(path), path);
+    m_bIsMissing = true;
+    m_bSelfRegistering = VARIANT_FALSE;
+    m_bShared = VARIANT_FALSE;
+    m_nSize = 0;
+    m_dModifiedTime = 0;
+    m_nMajorVersion = 0;
+    m_nMinorVersion = 0;
+}
+
+void CDepFile::SetMergeModule(std::wstring_view name, std::wstring_view path, bool bMissing) {
+    qv::bstr subject(name);
+    qv::bstr key(path);
+    m_bIsMergeModule = true;
+    m_bstrName = std::move(subject);
+    m_bstrPath = std::move(key);
+    m_bIsMissing = bMissing;
+}
+
+bool CDepFile::TestSelfRegistration(const std::wstring& path, const version_info& info) {
+    // An executable announces itself in its version resource; it is never loaded.
+    if (EqualNoCase(qv::ExtensionPart(path), L".exe"))
+        return info.GetString("OLESelfRegister") != nullptr;
+    if (!m_bAutoSelfReg)
+        return m_bSelfRegistering != VARIANT_FALSE;
+    // This runs the DLL's initialisation code on the caller's thread.
+    qv::unique_hmodule module(LoadLibraryW(path.c_str()));
+    if (!module) {
+        m_bSelfRegistering = VARIANT_FALSE;
+        m_bAutoSelfReg = false;
+        return false;
+    }
+    return GetProcAddress(module.get(), "DllRegisterServer") != nullptr;
+}
+
+bool CDepFile::TestShared(const std::wstring& path) const {
+    std::wstring dir = m_bstrPath.str();
+    if (dir.empty() || dir.back() != L'\\')
+        dir += L'\\';
+    shared_folders folders{qv::SystemFolder(), qv::WindowsFolder(), qv::IsWow64(), qv::SysNativeFolder(),
+                           qv::SysWow64Folder()};
+    if (InSharedFolder(dir, folders))
+        return true;
+    DWORD machine = 0;
+    if (folders.wow64) {
+        CPEImage image(path);
+        if (image.Status() == CExeImage::StatusUsable)
+            machine = image.GetMachine();
+    }
+    return ListedInSharedDlls(m_bstrName.view(), SharedDllsAccess(folders.wow64, machine));
+}
+
+void CDepFile::LoadFromFile(const std::wstring& path) {
+    std::wstring name = NamePart(path);
+    if (!qv::PathExists(path, qv::path_accept_any)) {
+        SetMissing(path);
+        return;
+    }
+    SetPaths(name, path);
+
+    version_info info(path);
+    m_bSelfRegistering = ToVariantBool(TestSelfRegistration(path, info));
+
+    WIN32_FIND_DATAW data{};
+    unique_hfind find(FindFirstFileW(path.c_str(), &data));
+    if (find) {
+        // The low half less the high half: the size for a file below 4 GiB, and what clients have
+        // always been given above it.
+        m_nSize = static_cast<long>(data.nFileSizeLow - data.nFileSizeHigh);
+        m_dModifiedTime = LocalDosTime(data.ftLastWriteTime);
+    } else {
+        m_nSize = 0;
+        m_dModifiedTime = 0;
+    }
+
+    m_bShared = ToVariantBool(!m_bstrName.empty() && TestShared(path));
+
+    m_nMajorVersion = static_cast<long>(info.m_nFileVersionMS);
+    m_nMinorVersion = static_cast<long>(info.m_nFileVersionLS);
+
+    // Every translation goes under the one key "1": the collection ends up holding the language of the
+    // last translation only.
+    for (DWORD translation : info.m_translations)
+        m_pLanguages->Add(L"1", static_cast<long>(LOWORD(translation)));
+}
+
+// ---- The bridge from the static scanner
+
+void MakeDepFile(CDepFiles* files, const ScannedFile& record, CFilterBase* filter, bool& bIsMergeModule, BSTR* name,
+                 IDepFile** depFile) {
+    if (depFile)
+        *depFile = nullptr;
+    qv::com_object<CDepFile>* created = nullptr;
+    check_hr(qv::com_object<CDepFile>::CreateInstance(&created));
+    qv::com_ptr<qv::com_object<CDepFile>> file(created);
+
+    std::wstring key = record.FullPath;
+    file->SetSelfRegistering(record.SelfRegistering);
+    file->SetAutoSelfReg(false);
+    file->SetAssembly(record.Assembly.get());
+    file->LoadFromFile(key);
+
+    if (record.MergeModuleSubject.empty() || record.MergeModuleKey.empty()) {
+        bIsMergeModule = false;
+        bool inFilterList = false;
+        bool drop = false;
+        if (filter)
+            AskFilter(filter, record.FullPath, inFilterList, drop);
+        // On a list, whether or not it is to be dropped now.
+        file->SetFilterable(inFilterList);
+    } else {
+        bIsMergeModule = true;
+        // One entry per module however many of its files were met; a missing module is not looked up,
+        // so a later one replaces the earlier entry under its key.
+        qv::bstr moduleKey(record.MergeModuleKey);
+        if (!record.MissingMergeModule && files && files->Contains(moduleKey.get()))
+            return;
+        file->SetMergeModule(record.MergeModuleSubject, record.MergeModuleKey, record.MissingMergeModule);
+        key = record.MergeModuleKey;
+    }
+
+    if (!name)
+        throw com_exception(E_POINTER);
+    *name = qv::bstr(key).detach();
+    check_hr(file->QueryInterface(IID_IDepFile, reinterpret_cast<void**>(depFile)));
+}
