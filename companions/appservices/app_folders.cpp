@@ -49,12 +49,20 @@ std::wstring ModuleFolder() {
     return slash == std::wstring::npos ? std::wstring() : path.substr(0, slash);
 }
 
-std::wstring SupportFolder() { return Or(L"QV_SUPPORT_DIR", ModuleFolder() + L"\\Support"); }
+std::wstring SupportFolder() {
+    return Or(L"QV_SUPPORT_DIR", ModuleFolder() + L"\\Support");
+}
 
-std::wstring ProgramsFolder() { return Or(L"QV_PROGRAMS_DIR", ModuleFolder()); }
+std::wstring ProgramsFolder() {
+    return Or(L"QV_PROGRAMS_DIR", ModuleFolder());
+}
 
-std::wstring SettingsDocument() { return Or(L"QV_SETTINGS_PATH", ModuleFolder() + L"\\QvSettings.xml"); }
+std::wstring SettingsDocument() {
+    return Or(L"QV_SETTINGS_PATH", ModuleFolder() + L"\\QvSettings.xml");
+}
 
-std::wstring StrongNameLibrary() { return Or(L"QV_STRONGNAME_LIBRARY", ModulePath()); }
+std::wstring StrongNameLibrary() {
+    return Or(L"QV_STRONGNAME_LIBRARY", ModulePath());
+}
 
 } // namespace appservices

@@ -19,9 +19,13 @@ template <class Answer> HRESULT Reply(BSTR* out, Answer&& answer) {
 
 } // namespace
 
-STDMETHODIMP CQvAppServices::GetSupportFolder(BSTR* folder) { return Reply(folder, appservices::SupportFolder); }
+STDMETHODIMP CQvAppServices::GetSupportFolder(BSTR* folder) {
+    return Reply(folder, appservices::SupportFolder);
+}
 
-STDMETHODIMP CQvAppServices::GetProgramsFolder(BSTR* folder) { return Reply(folder, appservices::ProgramsFolder); }
+STDMETHODIMP CQvAppServices::GetProgramsFolder(BSTR* folder) {
+    return Reply(folder, appservices::ProgramsFolder);
+}
 
 STDMETHODIMP CQvAppServices::GetPath(long selector, BSTR* path) {
     if (path && selector != QvAppPathSettingsDocument) {

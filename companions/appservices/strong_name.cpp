@@ -99,6 +99,10 @@ extern "C" BOOLEAN __stdcall StrongNameTokenFromPublicKey(BYTE* pbPublicKeyBlob,
     return SUCCEEDED(hr);
 }
 
-extern "C" VOID __stdcall StrongNameFreeBuffer(BYTE* pbMemory) { CoTaskMemFree(pbMemory); }
+extern "C" VOID __stdcall StrongNameFreeBuffer(BYTE* pbMemory) {
+    CoTaskMemFree(pbMemory);
+}
 
-extern "C" HRESULT __stdcall StrongNameErrorInfo() { return appservices::t_lastError; }
+extern "C" HRESULT __stdcall StrongNameErrorInfo() {
+    return appservices::t_lastError;
+}

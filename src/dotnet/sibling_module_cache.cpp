@@ -74,7 +74,8 @@ std::vector<std::wstring> ParentCandidates(const std::wstring& serverFolder, con
     while (PathRemoveFileSpecW(folder) && folder[0] && !PathIsRootW(folder)) {
         wchar_t candidate[MAX_PATH];
         wcscpy_s(candidate, folder);
-        if (PathAppendW(candidate, L"System") && PathAppendW(candidate, L"x64") && PathAppendW(candidate, fileName.c_str()))
+        if (PathAppendW(candidate, L"System") && PathAppendW(candidate, L"x64") &&
+            PathAppendW(candidate, fileName.c_str()))
             paths.push_back(candidate);
     }
     return paths;
@@ -171,9 +172,9 @@ HRESULT CoCreateFromLibrary(const std::wstring& fileName, REFCLSID clsid, REFIID
         return E_POINTER;
     *ppObject = nullptr;
     if (fileName.empty())
-        return CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER | CLSCTX_INPROC_HANDLER | CLSCTX_LOCAL_SERVER |
-                                                    CLSCTX_REMOTE_SERVER,
-                                iid, ppObject);
+        return CoCreateInstance(
+            clsid, nullptr, CLSCTX_INPROC_SERVER | CLSCTX_INPROC_HANDLER | CLSCTX_LOCAL_SERVER | CLSCTX_REMOTE_SERVER,
+            iid, ppObject);
     qv::com_ptr<IClassFactory> factory;
     HRESULT hr = CSiblingModuleCache::Instance().GetClassObject(fileName, clsid, factory.put());
     if (FAILED(hr))

@@ -108,7 +108,7 @@ int RunChild(const std::vector<std::wstring>& args) {
             } else if (command == L"move" && f.size() == 3) {
                 make_dirs(f[2].substr(0, f[2].find_last_of(L'\\')));
                 out += MoveFileW(f[1].c_str(), f[2].c_str()) ? L"ok\n"
-                                                              : L"error " + std::to_wstring(GetLastError()) + L"\n";
+                                                             : L"error " + std::to_wstring(GetLastError()) + L"\n";
             } else if (command == L"rawload" && f.size() == 2) {
                 HMODULE module = LoadLibraryW(f[1].c_str());
                 out += module ? L"ok\n" : L"error " + std::to_wstring(GetLastError()) + L"\n";
@@ -132,7 +132,8 @@ int RunChild(const std::vector<std::wstring>& args) {
             out += L"unload " + name + L" " + hex(canUnload()) + L"\n";
     }
     CoUninitialize();
-    HANDLE file = CreateFileW(args[1].c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE file =
+        CreateFileW(args[1].c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE)
         return 4;
     const std::string bytes = narrow(out);
@@ -164,7 +165,9 @@ public:
         return text;
     }
     // Copies the companion into a folder of the tree ("{F}\System").
-    void companion_in(const std::wstring& folder) const { copy_to(qv::test::module_dir() + L"\\" + kCompanion, folder); }
+    void companion_in(const std::wstring& folder) const {
+        copy_to(qv::test::module_dir() + L"\\" + kCompanion, folder);
+    }
     void copy_to(const std::wstring& from, const std::wstring& folder) const {
         const std::wstring to = expand(folder) + L"\\" + from.substr(from.find_last_of(L'\\') + 1);
         make_dirs(expand(folder));
@@ -258,28 +261,38 @@ TEST_P(Ladder, FirstExistingFolderWins) {
 }
 
 const std::vector<std::wstring> kAllFolders = {
-    L"{F}", L"{F}\\System", L"{T}\\common\\Qorvex", L"{T}\\common\\Qorvex\\Zephal", L"{T}\\root\\one\\two\\System\\x64",
-    L"{T}\\root\\one\\System\\x64", L"{T}\\root\\System\\x64",
+    L"{F}",
+    L"{F}\\System",
+    L"{T}\\common\\Qorvex",
+    L"{T}\\common\\Qorvex\\Zephal",
+    L"{T}\\root\\one\\two\\System\\x64",
+    L"{T}\\root\\one\\System\\x64",
+    L"{T}\\root\\System\\x64",
 };
 
-std::vector<std::wstring> From(size_t first) { return {kAllFolders.begin() + first, kAllFolders.end()}; }
+std::vector<std::wstring> From(size_t first) {
+    return {kAllFolders.begin() + first, kAllFolders.end()};
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Sibling, Ladder,
-    ::testing::Values(
-        ladder_case{"ServerFolderFirst", From(0), true, kFound + L"{F}"},
-        ladder_case{"ThenItsSystemFolder", From(1), true, kFound + L"{F}\\System"},
-        ladder_case{"ThenQorvexUnderCommonFiles", From(2), true, kFound + L"{T}\\common\\Qorvex"},
-        ladder_case{"ThenZephalBelowQorvex", From(3), true, kFound + L"{T}\\common\\Qorvex\\Zephal"},
-        ladder_case{"ThenTheNearestParent", From(4), true, kFound + L"{T}\\root\\one\\two\\System\\x64"},
-        ladder_case{"ThenAFartherParent", From(5), true, kFound + L"{T}\\root\\one\\System\\x64"},
-        ladder_case{"ParentsUpTheTree", From(6), true, kFound + L"{T}\\root\\System\\x64"},
-        ladder_case{"CommonFilesUnsetSkipsItsFolders", {L"{T}\\common\\Qorvex", L"{T}\\root\\System\\x64"}, false,
-                    kFound + L"{T}\\root\\System\\x64"},
-        ladder_case{"NotTheServersOwnSystemX64", {L"{F}\\System\\x64"}, true, kMissing},
-        ladder_case{"NotQorvexBelowTheCurrentFolderWithoutCommonFiles", {L"{T}\\cwd\\Qorvex", L"{T}\\root\\System\\x64"},
-                    false, kFound + L"{T}\\root\\System\\x64"},
-        ladder_case{"NothingAnywhere", {}, true, kMissing}),
+    ::testing::Values(ladder_case{"ServerFolderFirst", From(0), true, kFound + L"{F}"},
+                      ladder_case{"ThenItsSystemFolder", From(1), true, kFound + L"{F}\\System"},
+                      ladder_case{"ThenQorvexUnderCommonFiles", From(2), true, kFound + L"{T}\\common\\Qorvex"},
+                      ladder_case{"ThenZephalBelowQorvex", From(3), true, kFound + L"{T}\\common\\Qorvex\\Zephal"},
+                      ladder_case{"ThenTheNearestParent", From(4), true, kFound + L"{T}\\root\\one\\two\\System\\x64"},
+                      ladder_case{"ThenAFartherParent", From(5), true, kFound + L"{T}\\root\\one\\System\\x64"},
+                      ladder_case{"ParentsUpTheTree", From(6), true, kFound + L"{T}\\root\\System\\x64"},
+                      ladder_case{"CommonFilesUnsetSkipsItsFolders",
+                                  {L"{T}\\common\\Qorvex", L"{T}\\root\\System\\x64"},
+                                  false,
+                                  kFound + L"{T}\\root\\System\\x64"},
+                      ladder_case{"NotTheServersOwnSystemX64", {L"{F}\\System\\x64"}, true, kMissing},
+                      ladder_case{"NotQorvexBelowTheCurrentFolderWithoutCommonFiles",
+                                  {L"{T}\\cwd\\Qorvex", L"{T}\\root\\System\\x64"},
+                                  false,
+                                  kFound + L"{T}\\root\\System\\x64"},
+                      ladder_case{"NothingAnywhere", {}, true, kMissing}),
     [](const ::testing::TestParamInfo<ladder_case>& info) { return std::string(info.param.name); });
 
 // The root of the drive is never walked: a copy in <root>\System\x64 is not found. The root is the
@@ -319,8 +332,7 @@ TEST(SiblingSearch, NameWithAFolderIsLoadedFromThereOnly) {
 TEST(SiblingSearch, BareNameLeftToTheLoadersSearch) {
     scratch_tree tree;
     tree.companion_in(L"{T}\\onpath");
-    ExpectLines(tree, tree.run({L"get\tQvAppServices.dll"}, L"{T}\\onpath"),
-                {kFound + L"{T}\\onpath", kUnloadable});
+    ExpectLines(tree, tree.run({L"get\tQvAppServices.dll"}, L"{T}\\onpath"), {kFound + L"{T}\\onpath", kUnloadable});
 }
 
 // The first candidate that exists is taken even when it is no library: the search does not go on.
@@ -380,10 +392,9 @@ TEST(SiblingLoad, NeighboursResolveThroughTheLibrarysFolder) {
     scratch_tree tree;
     tree.copy_to(qv::test::fixture(L"sibling\\neighbour_user.dll"), L"{T}\\nb");
     tree.copy_to(qv::test::fixture(L"sibling\\neighbour_dep.dll"), L"{T}\\nb");
-    ExpectLines(tree,
-                tree.run({L"rawload\t{T}\\nb\\neighbour_user.dll", L"cwd", L"get\t{T}\\nb\\neighbour_user.dll",
-                          L"cwd"}),
-                {L"error 126", L"{T}\\cwd", hex(CLASS_E_CLASSNOTAVAILABLE), L"{T}\\cwd"});
+    ExpectLines(
+        tree, tree.run({L"rawload\t{T}\\nb\\neighbour_user.dll", L"cwd", L"get\t{T}\\nb\\neighbour_user.dll", L"cwd"}),
+        {L"error 126", L"{T}\\cwd", hex(CLASS_E_CLASSNOTAVAILABLE), L"{T}\\cwd"});
 }
 
 TEST(SiblingLoad, ClassObjectAnswersPassThrough) {
@@ -405,16 +416,18 @@ TEST(SiblingSearch, CandidatesInOrder) {
         std::vector<std::wstring> expected;
     };
     const row rows[] = {
-        {L"C:\\a\\b\\c\\QVWIScanners.dll", L"C:\\Common Files",
+        {L"C:\\a\\b\\c\\QVWIScanners.dll",
+         L"C:\\Common Files",
          {L"C:\\a\\b\\c\\X.dll", L"C:\\a\\b\\c\\System\\X.dll", L"C:\\Common Files\\Qorvex\\X.dll",
-          L"C:\\Common Files\\Qorvex\\Zephal\\X.dll", L"C:\\a\\b\\System\\x64\\X.dll",
-          L"C:\\a\\System\\x64\\X.dll"}},
-        {L"C:\\a\\b\\c\\QVWIScanners.dll", L"",
+          L"C:\\Common Files\\Qorvex\\Zephal\\X.dll", L"C:\\a\\b\\System\\x64\\X.dll", L"C:\\a\\System\\x64\\X.dll"}},
+        {L"C:\\a\\b\\c\\QVWIScanners.dll",
+         L"",
          {L"C:\\a\\b\\c\\X.dll", L"C:\\a\\b\\c\\System\\X.dll", L"C:\\a\\b\\System\\x64\\X.dll",
           L"C:\\a\\System\\x64\\X.dll"}},
         {L"C:\\a\\s.dll", L"", {L"C:\\a\\X.dll", L"C:\\a\\System\\X.dll"}},
         {L"C:\\s.dll", L"", {L"C:\\X.dll", L"C:\\System\\X.dll"}},
-        {L"\\\\host\\share\\a\\b\\s.dll", L"",
+        {L"\\\\host\\share\\a\\b\\s.dll",
+         L"",
          {L"\\\\host\\share\\a\\b\\X.dll", L"\\\\host\\share\\a\\b\\System\\X.dll",
           L"\\\\host\\share\\a\\System\\x64\\X.dll"}},
     };

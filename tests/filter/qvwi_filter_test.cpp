@@ -54,7 +54,9 @@ template <class Fn> HRESULT Thrown(Fn&& fn) {
     return S_OK;
 }
 
-std::string Document(const std::string& body) { return "<?xml version=\"1.0\"?>\n" + body + "\n"; }
+std::string Document(const std::string& body) {
+    return "<?xml version=\"1.0\"?>\n" + body + "\n";
+}
 
 // Every case: an apartment, a support folder of its own, and no object of the companion left.
 class FilterTest : public ::testing::Test {
@@ -76,8 +78,8 @@ const std::string kMain = Document(R"(<Filters>
     <File name="foo.dll.old"/><File name="Upper.dll"/><File name="q'uote.dll"/>
   </Exclude>
 </Filters>)");
-const std::string kIncludeFoo =
-    Document(R"(<Filters><Exclude><File name="foo.dll"/></Exclude><Include><File name="foo.dll"/></Include></Filters>)");
+const std::string kIncludeFoo = Document(
+    R"(<Filters><Exclude><File name="foo.dll"/></Exclude><Include><File name="foo.dll"/></Include></Filters>)");
 const std::string kEmptyRoot = Document("<Filters/>");
 // Lists anywhere in the document, under any root.
 const std::string kDeep = Document(R"(<Root><Any><Exclude><File name="deep.dll"/></Exclude></Any>
@@ -315,16 +317,35 @@ TEST_F(ShippedData, FiltersTheSystemsOwnFiles) {
         bool inList;
     };
     const row rows[] = {
-        {L"kernel32.dll", true},  {L"KERNEL32.DLL", true},    {L"user32.dll", true},
-        {L"gdi32.dll", true},     {L"advapi32.dll", true},    {L"ntdll.dll", true},
-        {L"ole32.dll", true},     {L"oleaut32.dll", true},    {L"shell32.dll", true},
-        {L"comctl32.dll", true},  {L"comdlg32.dll", true},    {L"msvcrt.dll", true},
-        {L"ucrtbase.dll", true},  {L"winspool.drv", true},    {L"stdole2.tlb", true},
-        {L"msxml6.dll", true},    {L"mscoree.dll", true},     {L"api-ms-win-crt-runtime-l1-1-0.dll", true},
-        {L"api-ms-win-core-synch-l1-2-0.dll", true},          {L"kernel32.ni.dll", true},
-        {L"msvcp140.dll", false}, {L"vcruntime140.dll", false}, {L"vcruntime140_1.dll", false},
-        {L"mfc140u.dll", false},  {L"msvcr120.dll", false},   {L"concrt140.dll", false},
-        {L"QVWIScanners.dll", false}, {L"QvAppServices.dll", false}, {L"myapp.exe", false},
+        {L"kernel32.dll", true},
+        {L"KERNEL32.DLL", true},
+        {L"user32.dll", true},
+        {L"gdi32.dll", true},
+        {L"advapi32.dll", true},
+        {L"ntdll.dll", true},
+        {L"ole32.dll", true},
+        {L"oleaut32.dll", true},
+        {L"shell32.dll", true},
+        {L"comctl32.dll", true},
+        {L"comdlg32.dll", true},
+        {L"msvcrt.dll", true},
+        {L"ucrtbase.dll", true},
+        {L"winspool.drv", true},
+        {L"stdole2.tlb", true},
+        {L"msxml6.dll", true},
+        {L"mscoree.dll", true},
+        {L"api-ms-win-crt-runtime-l1-1-0.dll", true},
+        {L"api-ms-win-core-synch-l1-2-0.dll", true},
+        {L"kernel32.ni.dll", true},
+        {L"msvcp140.dll", false},
+        {L"vcruntime140.dll", false},
+        {L"vcruntime140_1.dll", false},
+        {L"mfc140u.dll", false},
+        {L"msvcr120.dll", false},
+        {L"concrt140.dll", false},
+        {L"QVWIScanners.dll", false},
+        {L"QvAppServices.dll", false},
+        {L"myapp.exe", false},
     };
     for (const row& r : rows) {
         bool inList = !r.inList;
@@ -438,8 +459,8 @@ TEST(Msxml, FirstCreatableClassWins) {
 TEST(Msxml, EveryVersionLoadsTheSameWay) {
     qv::test::com_apartment apartment;
     qv::test::temp_dir dir;
-    const std::wstring withDtd = dir.write(
-        L"dtd.xml", "<?xml version=\"1.0\"?>\n<!DOCTYPE Filters [<!ELEMENT Filters ANY>]>\n<Filters/>\n");
+    const std::wstring withDtd =
+        dir.write(L"dtd.xml", "<?xml version=\"1.0\"?>\n<!DOCTYPE Filters [<!ELEMENT Filters ANY>]>\n<Filters/>\n");
     const std::wstring notXml = dir.write(L"not.xml", "not XML");
     int versions = 0;
     for (const CLSID& clsid : kXmlDocumentClasses) {
@@ -474,7 +495,8 @@ int NoCompanionChild(const std::vector<std::wstring>& args) {
     CoUninitialize();
     char text[16];
     snprintf(text, sizeof text, "%08lX", static_cast<unsigned long>(hr));
-    HANDLE file = CreateFileW(args[0].c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE file =
+        CreateFileW(args[0].c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE)
         return 4;
     DWORD written = 0;
