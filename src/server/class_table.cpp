@@ -2,6 +2,7 @@
 
 #include "QVWIScanners.h"
 #include "inc/com_object.h"
+#include "scanutil/scan_util.h"
 #include "server/dep_file.h"
 #include "server/resource.h"
 
@@ -15,7 +16,7 @@ class_entry g_classes[] = {
     {&CLSID_DepChecker, L"DepChecker", L"RunTimeDepChecker.DepChecker.1", L"RunTimeDepChecker.DepChecker",
      L"Apartment", IDS_CLASS_DESCRIPTION, nullptr, nullptr},
     {&CLSID_ScanUtil, L"ScanUtil", L"QVWIScanners.ScanUtil.1", L"QVWIScanners.ScanUtil", L"Apartment",
-     IDS_CLASS_DESCRIPTION, nullptr, nullptr},
+     IDS_CLASS_DESCRIPTION, &qv::creator<CScanUtil>::CreateInstance, nullptr},
     {&CLSID_VBPScan, L"VBPScan", L"QVWIScanners.VBPScan.1", L"QVWIScanners.VBPScan", L"Apartment",
      IDS_CLASS_DESCRIPTION, nullptr, nullptr},
     // The ProgID's spelling is what clients use, and stays.

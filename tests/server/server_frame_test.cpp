@@ -26,7 +26,7 @@ TEST_F(ServerFrame, ClassesAnswerAsTheyAreBuilt) {
     const row table[] = {
         {"StaticScan", &CLSID_StaticScan, CLASS_E_CLASSNOTAVAILABLE},
         {"DepChecker", &CLSID_DepChecker, CLASS_E_CLASSNOTAVAILABLE},
-        {"ScanUtil", &CLSID_ScanUtil, CLASS_E_CLASSNOTAVAILABLE},
+        {"ScanUtil", &CLSID_ScanUtil, S_OK},
         {"VBPScan", &CLSID_VBPScan, CLASS_E_CLASSNOTAVAILABLE},
         {"DotNetAssembly", &CLSID_DotNetAssembly, CLASS_E_CLASSNOTAVAILABLE},
         {"DepFile", &CLSID_DepFile, S_OK},
