@@ -1,10 +1,13 @@
 #include "static/dep_walker.h"
 
+#include "companions.h"
 #include "filter/filter_base.h"
+#include "scanutil/scan_util.h"
 #include "static/activation_scope.h"
 #include "static/pe_images.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
+#include "toolkit/string_convert.h"
 
 #include <algorithm>
 
@@ -17,6 +20,17 @@ constexpr DWORD MachineAmd64 = 34404;
 
 const wchar_t* const InitialSkipNames[] = {L"kernel32.dll", L"ntdll.dll",    L"user32.dll", L"gdi32.dll",
                                            L"advapi32.dll", L"shell32.dll", L"ole32.dll"};
+
+// Key and subject of a module the catalog has, from its record.
+void TakeModuleTexts(IUnknown* module, ScannedFile& record) {
+    qv::com_ptr<IQvMergeModule> texts;
+    check_hr(module->QueryInterface(IID_IQvMergeModule, texts.put_void()));
+    qv::bstr key, subject;
+    check_hr(texts->get_ModuleKey(key.put()));
+    check_hr(texts->get_ModuleName(subject.put()));
+    record.MergeModuleKey = key.str();
+    record.MergeModuleSubject = subject.str();
+}
 
 } // namespace
 
@@ -100,11 +114,18 @@ void CDepWalker::Scan(const std::wstring& file, IStaticScanEvents* events, CFilt
     m_sLangId = langId;
     m_nScanMode = scanType & ~IgnoreCatalogFlag;
 
-    // The host's merge-module catalog is read once per scan. No lookup is wired to it yet, so the walk
-    // runs without a catalog whatever the host hands in.
-    m_pCatalog.reset();
-    check_hr(m_pEvents->get_MMCatalog(m_pCatalog.put()));
+    qv::com_object<CScanUtil>* scanUtil = nullptr;
+    check_hr(qv::com_object<CScanUtil>::CreateInstance(&scanUtil));
+    m_pScanUtil = qv::com_ptr<IScanUtilValeSP1>(scanUtil);
+
+    // The host's merge-module catalog, unless the scan type says to leave it unused.
+    qv::com_ptr<IUnknown> catalog;
+    check_hr(m_pEvents->get_MMCatalog(catalog.put()));
     m_bUseCatalog = false;
+    if (!(scanType & IgnoreCatalogFlag) && catalog) {
+        check_hr(m_pScanUtil->put_MMCatalog(catalog.get()));
+        m_bUseCatalog = true;
+    }
 
     EnterFileDirectory(file);
     Status = ScanOneFile(file, false);
@@ -173,14 +194,60 @@ void CDepWalker::WalkImage(const CScannedPE& image, const std::wstring& path, bo
 }
 
 bool CDepWalker::AddFound(const std::wstring& path, ScannedFile& record) {
-    if (!PassesFilter(path))
+    // A file that a merge module covers is kept as that module, past the filter and the skip list, and
+    // is not walked further: the module carries its dependencies.
+    const bool covered = m_bUseCatalog && InMergeModule(path, record);
+    if (!covered && !PassesFilter(path))
         return false;
     FoundFiles[qv::bstr(qv::FileNamePart(path))] = record;
+    return !covered;
+}
+
+bool CDepWalker::InMergeModule(const std::wstring& path, ScannedFile& record) {
+    const qv::bstr source(path);
+    qv::com_ptr<IUnknown> module;
+    VARIANT_BOOL yes = VARIANT_FALSE;
+    check_hr(m_pScanUtil->InMergeModule(source.get(), module.put(), &yes));
+    if (!yes)
+        return false;
+    if (module) {
+        TakeModuleTexts(module.get(), record);
+        return true;
+    }
+
+    // A module the catalog knows but cannot hand out: the entry is marked, and stands for the module only
+    // when the catalog names both its key and its subject.
+    record.MissingMergeModule = true;
+    qv::bstr key;
+    check_hr(m_pScanUtil->GetMissingMergeModuleKey(source.get(), key.put()));
+    if (key.empty())
+        return false;
+    // The key goes through the thread's ANSI code page and back, as the entry's key always has; the
+    // catalog is asked with the key as it gave it.
+    record.MergeModuleKey = qv::WidenAnsi(qv::NarrowAnsi(key.view(), CP_THREAD_ACP), CP_THREAD_ACP);
+    qv::bstr subject;
+    check_hr(m_pScanUtil->GetMissingMergeModuleSubject(key.get(), subject.put()));
+    if (subject.empty())
+        return false;
+    record.MergeModuleSubject = subject.str();
     return true;
 }
 
-void CDepWalker::MissingDependency(const std::wstring& path, DWORD /*machine*/) {
+void CDepWalker::MissingDependency(const std::wstring& path, DWORD machine) {
     ScannedFile record(path, false);
+    if (m_bUseCatalog) {
+        qv::com_ptr<IUnknown> module;
+        VARIANT_BOOL yes = VARIANT_FALSE;
+        check_hr(m_pScanUtil->InMergeModuleEx(qv::bstr(path).get(), static_cast<LONG>(machine), module.put(), &yes));
+        if (yes) {
+            // A module the catalog lacks takes the name out of the results altogether.
+            if (module) {
+                TakeModuleTexts(module.get(), record);
+                FoundFiles[qv::bstr(qv::FileNamePart(path))] = record;
+            }
+            return;
+        }
+    }
     // A missing name on the skip list or a filter list is not reported.
     if (!PassesFilter(path))
         return;

@@ -1,7 +1,8 @@
 // CDepWalker: the recursion at the heart of the static scan. From one file it follows import tables
-// down the tree, decides for each name whether the file exists, is filtered or is missing, and
-// collects the outcome in two maps. It lives for one scan, changes the process's current directory
-// while it runs, and so must never overlap another scan in the process.
+// down the tree, decides for each name whether the file exists, belongs to a merge module of the host's
+// catalog, is filtered or is missing, and collects the outcome in two maps. It lives for one scan,
+// changes the process's current directory while it runs, and so must never overlap another scan in the
+// process.
 #pragma once
 
 #include "QVWIScanners.h"
@@ -54,7 +55,8 @@ public:
     CDepWalker(const CDepWalker&) = delete;
     CDepWalker& operator=(const CDepWalker&) = delete;
 
-    // One whole scan. Failures of the sink are thrown as com_exception.
+    // One whole scan. Failures of the sink and of the merge-module lookup are thrown as com_exception.
+    // scanType: the mode in the low bits; 32768 leaves the host's catalog unused.
     void Scan(const std::wstring& file, IStaticScanEvents* events, CFilterBase* filter, const std::wstring& langId,
               long scanType);
     DWORD ScanOneFile(const std::wstring& path, bool isDependency);
@@ -74,12 +76,15 @@ private:
     void EnterFileDirectory(const std::wstring& file);
     void WalkImage(const CScannedPE& image, const std::wstring& path, bool isDependency);
     bool AddFound(const std::wstring& path, ScannedFile& record);
+    // Asks the catalog about a found file and fills the record's module fields. True when the entry
+    // stands for a module: one the catalog has, or a missing one whose key and subject it names.
+    bool InMergeModule(const std::wstring& path, ScannedFile& record);
     void MissingDependency(const std::wstring& path, DWORD machine);
     void FireFoundDepFile(const std::wstring& path);
 
     std::map<std::wstring, bool, SkipNameOrder> m_skipNames;
     qv::com_ptr<IStaticScanEventsFellSP2> m_pEvents;
-    qv::com_ptr<IUnknown> m_pCatalog;
+    qv::com_ptr<IScanUtilValeSP1> m_pScanUtil; // made anew for each scan; holds the catalog when one is used
     CFilterBase* m_pFilter = nullptr;
     std::wstring m_sLangId;
     long m_nScanMode = 0;

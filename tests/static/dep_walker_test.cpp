@@ -1,8 +1,10 @@
 // The import walker over real images built for the purpose (tests/fixtures/walk). The search folders
 // are process-wide and read once, so main() sets Path before any case runs:
 //   <walk>\lib ; (empty) ; <walk>\path64 ; <walk>\path32 ; <system> ; <windows>
+#include "fake_catalog.h"
 #include "filter/filter_base.h"
 #include "inc/com_exception.h"
+#include "inc/com_module.h"
 #include "recording_sink.h"
 #include "static/dep_walker.h"
 #include "test_support.h"
@@ -60,7 +62,10 @@ private:
 
 class DepWalker : public ::testing::Test {
 protected:
-    void TearDown() override { EXPECT_EQ(sink.refs, 1) << "the walker left references on the sink"; }
+    void TearDown() override {
+        EXPECT_EQ(sink.refs, 1) << "the walker left references on the sink";
+        EXPECT_EQ(qv::g_module.LockCount(), 0) << "an object made by the walk is still alive";
+    }
 
     // Runs one scan on a fresh walker and checks what every scan must leave behind.
     void scan(CDepWalker& walker, const std::wstring& file, long type = 0, CFilterBase* filter = nullptr) {
@@ -292,6 +297,226 @@ TEST_F(DepWalker, AFileNameWithoutFolderLeavesTheCurrentDirectoryAlone) {
     scan(walker, L"upper.exe");
     EXPECT_FALSE(walker.DirectoryChanged());
     EXPECT_THAT(keys(walker.FoundFiles), ElementsAre(L"gamma.dll"));
+}
+
+// ---- The host's merge-module catalog.
+
+std::vector<std::wstring> lookup_keys(const fake_catalog& catalog) {
+    std::vector<std::wstring> out;
+    for (const auto& l : catalog.lookups)
+        out.push_back(l.fileKey);
+    return out;
+}
+
+TEST_F(DepWalker, AFileInAMergeModuleStandsForTheModuleAndIsNotWalked) {
+    fake_catalog catalog;
+    fake_module_record module(L"Beta.Module.1", L"beta.msm", L"Beta module");
+    catalog.answerUnknownKeys = true;
+    catalog.answers[L"beta.dll:x64"] = {S_OK, &module, VARIANT_TRUE};
+    sink.catalog = catalog.identity();
+    fake_filter filter({L"beta.dll"}); // would drop it, if it were asked
+    {
+        CDepWalker walker;
+        scan(walker, walk(L"app\\app.exe"), 0, &filter);
+        EXPECT_TRUE(walker.UseCatalog());
+
+        const ScannedFile* beta = entry(walker.FoundFiles, L"beta.dll");
+        ASSERT_NE(beta, nullptr);
+        EXPECT_EQ(beta->FullPath, walk(L"app\\beta.dll"));
+        EXPECT_EQ(beta->MergeModuleKey, L"beta.msm");
+        EXPECT_EQ(beta->MergeModuleSubject, L"Beta module");
+        EXPECT_FALSE(beta->MissingMergeModule);
+        // Its imports (delta, epsilon, GAMMA.DLL) are the module's business and are not walked.
+        EXPECT_THAT(keys(walker.FoundFiles), UnorderedElementsAre(L"alpha.dll", L"app.exe", L"beta.dll", L"dirlike.dll",
+                                                                  L"gamma.dll", L"notpe.dll"));
+        EXPECT_EQ(std::count(sink.found.begin(), sink.found.end(), walk(L"lib\\delta.dll")), 0);
+        // Neither the filter nor the skip list heard of it.
+        EXPECT_EQ(std::count(filter.asked.begin(), filter.asked.end(), L"beta.dll"), 0);
+        EXPECT_EQ(walker.SkipNames().count(L"beta.dll"), 0u);
+
+        // Every file met is asked before the skip list (kernel32.dll too); a file that is no image goes with
+        // an empty key; a missing name with the machine of the image that imports it.
+        const std::vector<std::wstring> asked = lookup_keys(catalog);
+        EXPECT_THAT(std::set<std::wstring>(asked.begin(), asked.end()),
+                    UnorderedElementsAre(L"alpha.dll:x64", L"app.exe:x64", L"beta.dll:x64", L"dirlike.dll:x64",
+                                         L"gamma.dll:x64", L"kernel32.dll:x64", L"missing_one.dll:x64", L""));
+        EXPECT_TRUE(std::all_of(catalog.lookups.begin(), catalog.lookups.end(),
+                                [](const auto& l) { return l.outputsCleared; }));
+    }
+    EXPECT_EQ(module.keyReads, 1);
+    EXPECT_EQ(module.nameReads, 1);
+    EXPECT_EQ(module.refs, 1);
+    EXPECT_EQ(catalog.refs, 1);
+    sink.catalog = nullptr;
+}
+
+TEST_F(DepWalker, AMissingMergeModuleIsMarkedWithTheCatalogsTexts) {
+    // The thread's ANSI code page cannot hold this letter: the entry's key comes back with '?' for it.
+    const wchar_t zhe[] = L"\x0416";
+    BOOL lossy = FALSE;
+    char converted[8];
+    ASSERT_GT(WideCharToMultiByte(CP_THREAD_ACP, 0, zhe, 1, converted, sizeof converted, nullptr, &lossy), 0);
+    ASSERT_TRUE(lossy) << "this case needs a thread code page without Cyrillic";
+
+    struct row {
+        const char* what;
+        std::wstring key, subject;
+        std::set<std::wstring> drop;
+        bool entered;          // beta.dll is in FoundFiles
+        std::wstring entryKey; // its MergeModuleKey
+        bool stands;           // the entry stands for the module, past the filter
+        bool walked;           // beta's imports were walked
+        int keyRequests;
+    };
+    const row table[] = {
+        {"key and subject", L"Beta.Missing", L"Beta (missing)", {}, true, L"Beta.Missing", true, false, 1},
+        {"a key without subject", L"Beta.Missing", L"", {}, true, L"Beta.Missing", false, true, 1},
+        {"no key", L"", L"", {}, true, L"", false, true, 1},
+        // Met twice, and asked twice: the entry that ends a second walk is never made.
+        {"no key, and the filter drops it", L"", L"", {L"beta.dll"}, false, L"", false, false, 2},
+        {"a key beyond the code page", std::wstring(L"Key.") + zhe, L"Subject", {}, true, L"Key.?", true, false, 1},
+    };
+    for (const auto& r : table) {
+        SCOPED_TRACE(r.what);
+        fake_catalog catalog;
+        catalog.answerUnknownKeys = true;
+        catalog.answers[L"beta.dll:x64"] = {S_OK, nullptr, VARIANT_TRUE};
+        catalog.missingKeys[walk(L"app\\beta.dll")] = r.key;
+        if (!r.key.empty())
+            catalog.subjects[r.key] = r.subject;
+        sink.catalog = catalog.identity();
+        fake_filter filter(r.drop);
+        {
+            CDepWalker walker;
+            scan(walker, walk(L"app\\app.exe"), 0, &filter);
+            const ScannedFile* beta = entry(walker.FoundFiles, L"beta.dll");
+            ASSERT_EQ(beta != nullptr, r.entered);
+            if (beta) {
+                EXPECT_TRUE(beta->MissingMergeModule);
+                EXPECT_EQ(beta->MergeModuleKey, r.entryKey);
+                EXPECT_EQ(beta->MergeModuleSubject, r.stands ? r.subject : L"");
+            }
+            EXPECT_EQ(walker.FoundFiles.count(qv::bstr(L"delta.dll")), r.walked ? 1u : 0u);
+            EXPECT_EQ(std::count(filter.asked.begin(), filter.asked.end(), L"beta.dll"), r.stands ? 0 : 1);
+            EXPECT_EQ(catalog.keyRequests,
+                      std::vector<std::wstring>(static_cast<size_t>(r.keyRequests), walk(L"app\\beta.dll")));
+            // The catalog is asked for the subject with its key as it gave it.
+            EXPECT_EQ(catalog.subjectRequests,
+                      r.key.empty() ? std::vector<std::wstring>{} : std::vector<std::wstring>{r.key});
+        }
+        EXPECT_EQ(catalog.refs, 1);
+        sink.catalog = nullptr;
+    }
+}
+
+TEST_F(DepWalker, AMissingDependencyFoundInAMergeModuleEntersTheFoundFiles) {
+    fake_module_record module(L"Extra.Module.1", L"extra.msm", L"Extra module");
+    fake_module_record catchAll(L"mondo.E4183BB4_18A8_11D5_A549_0090278A1BB8", L"mondo.msm", L"Catch-all");
+    // The importing image's machine decides the key's suffix.
+    struct importer {
+        const wchar_t* file;
+        const wchar_t* name; // its missing import
+        const wchar_t* key;  // what the catalog is asked for it
+    };
+    const importer x64{L"app\\app.exe", L"missing_one.dll", L"missing_one.dll:x64"};
+    const importer x86{L"app32\\app32.exe", L"only64.dll", L"only64.dll"};
+    struct row {
+        const char* what;
+        const importer& from;
+        fake_module_record* module;
+        VARIANT_BOOL found;
+        std::set<std::wstring> drop;
+        const wchar_t* where; // "found", "missing" or "" (nowhere)
+    };
+    const row table[] = {
+        {"in a module the catalog has", x64, &module, VARIANT_TRUE, {}, L"found"},
+        {"... even if the filter would drop it", x64, &module, VARIANT_TRUE, {L"missing_one.dll"}, L"found"},
+        {"a 32-bit importer", x86, &module, VARIANT_TRUE, {}, L"found"},
+        {"in a module the catalog lacks", x64, nullptr, VARIANT_TRUE, {}, L""},
+        {"in no module", x64, nullptr, VARIANT_FALSE, {}, L"missing"},
+        {"only in the catch-all module", x64, &catchAll, VARIANT_TRUE, {}, L"missing"},
+    };
+    for (const auto& r : table) {
+        SCOPED_TRACE(r.what);
+        fake_catalog catalog;
+        catalog.answerUnknownKeys = true;
+        catalog.answers[r.from.key] = {S_OK, r.module, r.found};
+        sink.catalog = catalog.identity();
+        fake_filter filter(r.drop);
+        {
+            CDepWalker walker;
+            scan(walker, walk(r.from.file), 0, &filter);
+            const ScannedFile* found = entry(walker.FoundFiles, r.from.name);
+            const ScannedFile* missing = entry(walker.MissingFiles, r.from.name);
+            EXPECT_EQ(found != nullptr, std::wstring(r.where) == L"found");
+            EXPECT_EQ(missing != nullptr, std::wstring(r.where) == L"missing");
+            if (found) {
+                EXPECT_EQ(found->FullPath, r.from.name) << "the name as the import table writes it";
+                EXPECT_EQ(found->MergeModuleKey, L"extra.msm");
+                EXPECT_EQ(found->MergeModuleSubject, L"Extra module");
+                EXPECT_FALSE(found->MissingMergeModule);
+                EXPECT_EQ(std::count(filter.asked.begin(), filter.asked.end(), r.from.name), 0);
+            }
+            const std::vector<std::wstring> asked = lookup_keys(catalog);
+            EXPECT_NE(std::find(asked.begin(), asked.end(), r.from.key), asked.end());
+            // The name still fires as the walk meets it.
+            EXPECT_NE(std::find(sink.found.begin(), sink.found.end(), r.from.name), sink.found.end());
+            EXPECT_TRUE(catalog.keyRequests.empty()) << "a missing name never asks for a missing module's key";
+        }
+        EXPECT_EQ(catalog.refs, 1);
+        EXPECT_EQ(module.refs, 1);
+        EXPECT_EQ(catchAll.refs, 1);
+        sink.catalog = nullptr;
+        sink.found.clear();
+    }
+}
+
+TEST_F(DepWalker, TheCatalogFlagLeavesTheCatalogUntouched) {
+    for (long type : {0x8000L, 0x8001L}) {
+        SCOPED_TRACE(type);
+        fake_catalog catalog; // answers nothing: any lookup fails the case
+        sink.catalog = catalog.identity();
+        {
+            CDepWalker walker;
+            scan(walker, walk(L"app\\app.exe"), type);
+            EXPECT_FALSE(walker.UseCatalog());
+            EXPECT_EQ(walker.ScanMode(), type & 0x7FFF);
+            EXPECT_THAT(keys(walker.MissingFiles), ElementsAre(L"missing_one.dll"));
+            EXPECT_EQ(walker.FoundFiles.count(qv::bstr(L"delta.dll")), 1u);
+        }
+        EXPECT_EQ(sink.catalogReads, 1) << "the events' catalog is still read";
+        EXPECT_EQ(catalog.queries, 0);
+        EXPECT_TRUE(catalog.lookups.empty());
+        EXPECT_EQ(catalog.addRefs, catalog.releases);
+        EXPECT_EQ(catalog.refs, 1);
+        sink.catalog = nullptr;
+        sink.catalogReads = 0;
+    }
+}
+
+TEST_F(DepWalker, FailuresOfTheCatalogEndTheScan) {
+    cwd_scope restore(module_dir());
+    fake_catalog lacking(false);
+    fake_catalog failing;
+    failing.answerUnknownKeys = true;
+    failing.answers[L"gamma.dll:x64"] = {E_ACCESSDENIED, nullptr, VARIANT_FALSE};
+    const std::pair<fake_catalog*, HRESULT> table[] = {{&lacking, E_NOINTERFACE}, {&failing, E_ACCESSDENIED}};
+    for (const auto& [catalog, expected] : table) {
+        SCOPED_TRACE(expected);
+        sink.catalog = catalog->identity();
+        {
+            CDepWalker walker;
+            try {
+                walker.Scan(walk(L"lib\\upper.exe"), &sink, nullptr, L"", 0);
+                ADD_FAILURE() << "the scan must fail";
+            } catch (const com_exception& e) {
+                EXPECT_EQ(e.Error(), expected);
+            }
+            EXPECT_THAT(keys(walker.FoundFiles), IsEmpty());
+        }
+        EXPECT_EQ(catalog->refs, 1);
+    }
+    sink.catalog = nullptr;
 }
 
 TEST(FindDependency, SearchesTheCurrentFolderThenThePath) {
