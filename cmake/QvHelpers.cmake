@@ -28,5 +28,5 @@ function(qv_add_test name)
     include(GoogleTest)
     gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
         WORKING_DIRECTORY ${QV_BIN_DIR}
-        PROPERTIES TIMEOUT 120 ENVIRONMENT "QV_FIXTURES=${QV_FIXTURE_DIR}")
+        PROPERTIES TIMEOUT 60)
 endfunction()
