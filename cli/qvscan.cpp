@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "inc/com_error.h"
 #include "inc/com_exception.h"
 #include "inc/com_ptr.h"
 
@@ -373,7 +374,10 @@ int run_static(const server_dll& dll, const options& o) {
     }
     sink.clear();
     if (FAILED(hr)) {
-        err("qvscan: scanning " + utf8(file) + " failed: " + describe(hr) + "\n");
+        // The server says in words what went wrong where it can (a list it cannot load, say).
+        std::wstring why = qv::take_error_description();
+        err("qvscan: scanning " + utf8(file) + " failed: " + (why.empty() ? describe(hr) : utf8(why) + " (" + hex(hr) + ")") +
+            "\n");
         return ExitFailed;
     }
     qv::com_ptr<IDepFiles> files;

@@ -1,5 +1,7 @@
 #include "filter/qvwi_filter.h"
 
+#include "inc/com_error.h"
+
 #include "companions.h"
 #include "dotnet/sibling_module_cache.h"
 #include "filter/xml_loader.h"
@@ -23,7 +25,10 @@ bool EndsWith(const std::wstring& text, std::wstring_view suffix) {
 const std::wstring& CQVWIFilter::GetSupportDir() {
     if (m_sSupportDir.empty()) {
         qv::com_ptr<IQvAppServices> services;
-        check_hr(CoCreateFromLibrary(kServicesLibrary, CLSID_QvAppServices, IID_IQvAppServices, services.put()));
+        HRESULT hr = CoCreateFromLibrary(kServicesLibrary, CLSID_QvAppServices, IID_IQvAppServices, services.put());
+        if (FAILED(hr))
+            qv::throw_described(hr, std::wstring(L"cannot reach ") + kServicesLibrary +
+                                        L", which tells where filters.xml lies");
         qv::bstr folder;
         check_hr(services->GetSupportFolder(folder.put()));
         m_sSupportDir = folder.str();
@@ -46,7 +51,10 @@ bool CQVWIFilter::Listed(const wchar_t* list, const std::wstring& name) {
     // No escaping: the name goes into the query as it is.
     const std::wstring query = std::wstring(L"//") + list + L"/File[@name=\"" + name + L"\"]";
     qv::com_ptr<IXMLDOMNode> node;
-    check_hr(m_pDoc->selectSingleNode(qv::bstr(query).get(), node.put()));
+    HRESULT hr = m_pDoc->selectSingleNode(qv::bstr(query).get(), node.put());
+    if (FAILED(hr))
+        qv::throw_described(hr, L"the filter cannot look up the file name " + name + L": the query " + query +
+                                    L" is not valid");
     return static_cast<bool>(node);
 }
 

@@ -1,5 +1,7 @@
 #include "filter/xml_loader.h"
 
+#include "inc/com_error.h"
+
 // {2933BF95-7B36-11D2-B20E-00C04F983E60}
 const IID IID_QvXmlDocument2 = {0x2933BF95, 0x7B36, 0x11D2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
 
@@ -41,9 +43,27 @@ qv::com_ptr<IXMLDOMDocument2> LoadXml(const std::wstring& path, std::span<const 
     source.vt = VT_BSTR;
     source.bstrVal = sourcePath.get(); // still owned by sourcePath
     VARIANT_BOOL loaded = VARIANT_FALSE;
-    check_hr(document->load(source, &loaded));
-    if (!loaded)
-        throw com_exception(E_FAIL);
+    HRESULT hr = document->load(source, &loaded);
+    if (FAILED(hr) || !loaded) {
+        // The parser's own words, for the person who has to mend the file.
+        std::wstring why;
+        qv::com_ptr<IXMLDOMParseError> error;
+        if (SUCCEEDED(document->get_parseError(error.put())) && error) {
+            qv::bstr reason;
+            long line = 0;
+            error->get_reason(reason.put());
+            error->get_line(&line);
+            why = reason.str();
+            while (!why.empty() && (why.back() == L'\n' || why.back() == L'\r' || why.back() == L' '))
+                why.pop_back();
+            if (line > 0)
+                why += L" (line " + std::to_wstring(line) + L")";
+        }
+        if (why.empty())
+            why = GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES ? L"the file does not exist"
+                                                                             : L"it is not a well-formed XML document";
+        qv::throw_described(FAILED(hr) ? hr : E_FAIL, L"cannot load " + path + L": " + why);
+    }
     return document;
 }
 

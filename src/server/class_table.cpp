@@ -5,6 +5,7 @@
 #include "scanutil/scan_util.h"
 #include "server/dep_file.h"
 #include "server/resource.h"
+#include "static/static_scan.h"
 
 namespace qv {
 
@@ -12,7 +13,7 @@ namespace {
 
 class_entry g_classes[] = {
     {&CLSID_StaticScan, L"StaticScan", L"QVWIScanners.StaticScan.1", L"QVWIScanners.StaticScan", L"Apartment",
-     IDS_CLASS_DESCRIPTION, nullptr, nullptr},
+     IDS_CLASS_DESCRIPTION, &qv::creator<CStaticScan>::CreateInstance, nullptr},
     {&CLSID_DepChecker, L"DepChecker", L"RunTimeDepChecker.DepChecker.1", L"RunTimeDepChecker.DepChecker",
      L"Apartment", IDS_CLASS_DESCRIPTION, nullptr, nullptr},
     {&CLSID_ScanUtil, L"ScanUtil", L"QVWIScanners.ScanUtil.1", L"QVWIScanners.ScanUtil", L"Apartment",

@@ -147,8 +147,10 @@ void CDepWalker::EnterFileDirectory(const std::wstring& file) {
 }
 
 DWORD CDepWalker::ScanOneFile(const std::wstring& path, bool isDependency) {
-    ActivationScope scope(path);
+    // The image is opened first so that the scope can tell from its resources whether a manifest of its
+    // own is there to activate; only a usable image is walked under it.
     CScannedPE image(path);
+    ActivationScope scope(path, ActivationScope::HasManifest(image, path));
     if (image.ImageError().bError) {
         check_hr(m_pEvents->ErrorEncountered(qv::bstr(path).get(), image.ImageError().hrCode,
                                              qv::bstr(image.ImageError().sText).get()));

@@ -4,6 +4,8 @@
 // shipped lists; main() sets Path as the walker's tests do.
 #include "QVWIScanners.h"
 #include "filter/filter_base.h"
+#include "image_writer.h"
+#include "inc/com_error.h"
 #include "inc/com_exception.h"
 #include "inc/com_ptr.h"
 #include "inc/priv_interfaces.h"
@@ -302,6 +304,93 @@ TEST_F(StaticScan, AggregatedObjectAnswersThroughItsOuter) {
     // Asking to aggregate for anything but IUnknown is refused.
     void* p = nullptr;
     EXPECT_EQ(server().Create(CLSID_StaticScan, &outer, IID_IStaticScan, &p), CLASS_E_NOAGGREGATION);
+}
+
+
+// ScanFile itself: the shipped lists, loaded from the support folder that QvAppServices.dll names.
+class ScanFile : public StaticScan {
+protected:
+    HRESULT scan_file(const std::wstring& file, VARIANT_BOOL filter, VARIANT_BOOL* completed) {
+        qv::bstr path(file), lang(L"");
+        return scan->ScanFile(path.get(), &sink, filter, lang.get(), estAny, completed);
+    }
+    static std::vector<record_view> all(IDepFiles* files) {
+        std::vector<record_view> out;
+        for (const auto& n : names(files))
+            out.push_back(read(files, n.c_str()));
+        return out;
+    }
+};
+
+TEST_F(ScanFile, TheShippedListsDropTheSystemsOwnFilesOrMarkThem) {
+    const std::wstring notepad = system_dir() + L"\\notepad.exe";
+    VARIANT_BOOL completed = 0;
+    ASSERT_EQ(scan_file(notepad, VARIANT_TRUE, &completed), S_OK);
+    EXPECT_EQ(completed, VARIANT_TRUE);
+    EXPECT_THAT(names(dependencies().get()), IsEmpty()) << "every import of notepad is the system's own";
+    const size_t events = sink.found.size();
+    EXPECT_GT(events, 5u);
+
+    // Any non-zero value turns filtering on; with it off the same files stay, marked as on the list.
+    sink.found.clear();
+    ASSERT_EQ(scan_file(notepad, VARIANT_FALSE, &completed), S_OK);
+    auto kept = dependencies();
+    long count = 0;
+    kept->get_Count(&count);
+    EXPECT_GT(count, 3);
+    EXPECT_GT(sink.found.size(), events) << "a dropped file is not looked into; a kept one is";
+    for (long i = 1; i <= count; ++i) {
+        VARIANT index;
+        VariantInit(&index);
+        index.vt = VT_I4;
+        index.lVal = i;
+        qv::com_ptr<IDepFile> file;
+        ASSERT_EQ(kept->get_Item(index, file.put()), S_OK);
+        auto info = file.query<IDepFileInfo>(IID_IDepFileInfo);
+        VARIANT_BOOL filterable = 0;
+        info->get_IsFilterable(&filterable);
+        qv::bstr name;
+        file->get_Name(name.put());
+        EXPECT_EQ(filterable, VARIANT_TRUE) << narrow(name.str());
+    }
+    sink.found.clear();
+    ASSERT_EQ(scan_file(walk(L"lib\\upper.exe"), static_cast<VARIANT_BOOL>(1), &completed), S_OK);
+    EXPECT_THAT(names(dependencies().get()), ElementsAre(L"gamma.dll")) << "our own libraries are on no list";
+}
+
+TEST_F(ScanFile, AMissingOrBrokenListFailsBeforeAnythingIsScannedAndSaysWhichFile) {
+    temp_dir tmp;
+    const std::wstring empty = tmp.mkdir(L"empty"), broken = tmp.mkdir(L"broken");
+    tmp.write(L"broken\\filters.xml", "<Filters><Exclude><File name=\"x.dll\"></Exclude>");
+    for (const std::wstring& dir : {empty, broken}) {
+        SCOPED_TRACE(narrow(dir));
+        env_scope support(L"QV_SUPPORT_DIR", dir.c_str());
+        VARIANT_BOOL completed = 5;
+        try {
+            scan_file(walk(L"lib\\upper.exe"), VARIANT_FALSE, &completed);
+            ADD_FAILURE() << "the scan must fail without its lists";
+        } catch (const com_exception& e) {
+            EXPECT_TRUE(FAILED(e.Error()));
+            std::wstring why = qv::take_error_description();
+            EXPECT_NE(lower(why).find(lower(dir + L"\\filters.xml")), std::wstring::npos) << narrow(why);
+        }
+        EXPECT_THAT(sink.found, IsEmpty());
+    }
+}
+
+TEST_F(ScanFile, ANameWithADoubleQuoteBreaksTheListQueryAndIsReported) {
+    // An import table may name anything; a name with a double quote cannot go into the list query.
+    temp_dir tmp;
+    qv::test::written_image image = qv::test::image_writer().import("bad\"name.dll").build();
+    const std::wstring file = tmp.write(L"quote.exe", image.str());
+    VARIANT_BOOL completed = 5;
+    try {
+        scan_file(file, VARIANT_TRUE, &completed);
+        ADD_FAILURE() << "the query must fail";
+    } catch (const com_exception& e) {
+        EXPECT_TRUE(FAILED(e.Error()));
+        EXPECT_NE(qv::take_error_description().find(L"bad\"name.dll"), std::wstring::npos);
+    }
 }
 
 } // namespace

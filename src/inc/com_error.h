@@ -1,0 +1,44 @@
+// Failures that carry a text for the person: the text goes into the thread's COM error object
+// (SetErrorInfo), where a client reads it with GetErrorInfo, and the HRESULT travels as com_exception.
+#pragma once
+
+#include "inc/com_exception.h"
+#include "inc/com_ptr.h"
+
+#include <oleauto.h>
+
+#include <string>
+
+namespace qv {
+
+// Sets the thread's error object to the description (source "QVWIScanners"); failures to do so are
+// ignored, the HRESULT still tells what went wrong.
+inline void set_error_description(const std::wstring& description) {
+    com_ptr<ICreateErrorInfo> create;
+    if (FAILED(CreateErrorInfo(create.put())))
+        return;
+    create->SetGUID(GUID_NULL);
+    create->SetSource(const_cast<LPOLESTR>(L"QVWIScanners"));
+    std::wstring text = description;
+    create->SetDescription(text.data());
+    com_ptr<IErrorInfo> info = create.query<IErrorInfo>(IID_IErrorInfo);
+    if (info)
+        SetErrorInfo(0, info.get());
+}
+
+[[noreturn]] inline void throw_described(HRESULT hr, const std::wstring& description) {
+    set_error_description(description);
+    throw com_exception(hr);
+}
+
+// The description of the thread's error object, taken (and so cleared); empty when there is none.
+inline std::wstring take_error_description() {
+    com_ptr<IErrorInfo> info;
+    if (GetErrorInfo(0, info.put()) != S_OK || !info)
+        return {};
+    bstr text;
+    info->GetDescription(text.put());
+    return text.str();
+}
+
+} // namespace qv
