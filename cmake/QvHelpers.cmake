@@ -11,7 +11,8 @@ function(qv_enable_gtest)
 endfunction()
 
 # qv_add_test(NAME SOURCES ... [LIBS ...] [DEPENDS ...] [OWN_MAIN])
-# One test binary; CTest learns its cases when it runs (under Wine), one CTest entry per case.
+# One test binary, one CTest entry: the binary runs all its cases in one process under Wine. Cases that
+# need a process of their own (another Path, a fresh process-wide cache) start one themselves.
 # OWN_MAIN: the sources bring main() (to check the module state after all cases, say).
 function(qv_add_test name)
     cmake_parse_arguments(T "OWN_MAIN" "" "SOURCES;LIBS;DEPENDS" ${ARGN})
@@ -25,8 +26,7 @@ function(qv_add_test name)
     if(T_DEPENDS)
         add_dependencies(${name} ${T_DEPENDS})
     endif()
-    include(GoogleTest)
-    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
-        WORKING_DIRECTORY ${QV_BIN_DIR}
-        PROPERTIES TIMEOUT 60)
+    add_test(NAME ${name} COMMAND ${name} --gtest_color=no WORKING_DIRECTORY ${QV_BIN_DIR})
+    set_tests_properties(${name} PROPERTIES TIMEOUT 300 ENVIRONMENT "QV_FIXTURES=${QV_FIXTURE_DIR}"
+        FAIL_REGULAR_EXPRESSION "\\[  FAILED  \\]")
 endfunction()
