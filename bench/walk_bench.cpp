@@ -5,6 +5,7 @@
 // dependency searched along the current folder and Path and mapped twice (the machine test, then the
 // walk). Files that are no usable image are counted as they come, since a scan of them is cheap but real.
 #include "QVWIScanners.h"
+#include "bench_support.h"
 #include "static/dep_walker.h"
 #include "static/pe_images.h"
 #include "toolkit/path_helpers.h"
@@ -16,50 +17,7 @@
 #include <string>
 #include <vector>
 
-namespace {
-
-// A sink that answers every event with success and counts FoundDepFile.
-class counting_sink : public IStaticScanEventsFellSP2 {
-public:
-    long events = 0;
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
-        if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IStaticScanEvents) ||
-            IsEqualIID(riid, IID_IStaticScanEventsTarn) || IsEqualIID(riid, IID_IStaticScanEventsFellSP2)) {
-            *ppv = this;
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-    ULONG STDMETHODCALLTYPE Release() override { return 1; }
-    HRESULT STDMETHODCALLTYPE FoundDepFile(BSTR) override {
-        ++events;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetReferencePath(BSTR, BSTR* p) override {
-        *p = nullptr;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE ErrorEncountered(BSTR, LONG, BSTR) override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE get_MMCatalog(IUnknown** p) override {
-        *p = nullptr;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetOtherReferences(VARIANT* v) override {
-        VariantInit(v);
-        return S_OK;
-    }
-};
-
-double now() {
-    LARGE_INTEGER f, c;
-    QueryPerformanceFrequency(&f);
-    QueryPerformanceCounter(&c);
-    return static_cast<double>(c.QuadPart) / static_cast<double>(f.QuadPart);
-}
-
-} // namespace
+using qv::bench::now;
 
 int wmain(int argc, wchar_t** argv) {
     std::wstring folder = argc > 1 ? argv[1] : qv::SystemFolder();
@@ -81,7 +39,7 @@ int wmain(int argc, wchar_t** argv) {
     FindClose(find);
 
     qv::GetSearchFolders(); // read Path before the clock starts, as a host would at load
-    counting_sink sink;
+    qv::bench::counting_sink sink;
     size_t images = 0, found = 0, missing = 0;
     double start = now();
     for (int round = 0; round < rounds; ++round) {

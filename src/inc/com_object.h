@@ -94,6 +94,29 @@ protected:
     LONG m_dwRef = 0;
 };
 
+namespace detail {
+
+// Runs final construction, turning what it throws into its HRESULT.
+template <class Construct> HRESULT final_construct(Construct&& construct) {
+    try {
+        return construct();
+    } catch (const com_exception& e) {
+        return e.Error();
+    } catch (const std::bad_alloc&) {
+        return E_OUTOFMEMORY;
+    }
+}
+
+// Hands out the first reference of a new object on the interface asked for; a failed query destroys it.
+template <class O> HRESULT hand_out(O* p, REFIID iid, void** ppv) {
+    p->AddRef();
+    HRESULT hr = p->QueryInterface(iid, ppv);
+    p->Release();
+    return hr;
+}
+
+} // namespace detail
+
 // A stand-alone object: the class's IUnknown methods count on the object itself.
 template <class T> class com_object final : public T {
 public:
@@ -130,14 +153,7 @@ public:
             return e.Error();
         }
         p->InternalAddRef();
-        HRESULT hr = S_OK;
-        try {
-            hr = p->FinalConstruct();
-        } catch (const com_exception& e) {
-            hr = e.Error();
-        } catch (const std::bad_alloc&) {
-            hr = E_OUTOFMEMORY;
-        }
+        HRESULT hr = detail::final_construct([p] { return p->FinalConstruct(); });
         p->InternalRelease();
         if (FAILED(hr)) {
             delete p;
@@ -154,12 +170,7 @@ public:
         *ppv = nullptr;
         com_object* p = nullptr;
         HRESULT hr = CreateInstance(&p);
-        if (FAILED(hr))
-            return hr;
-        p->AddRef();
-        hr = p->QueryInterface(iid, ppv);
-        p->Release();
-        return hr;
+        return FAILED(hr) ? hr : detail::hand_out(p, iid, ppv);
     }
 };
 
@@ -219,14 +230,7 @@ public:
             return e.Error();
         }
         p->m_dwRef++;
-        HRESULT hr = S_OK;
-        try {
-            hr = p->m_contained.FinalConstruct();
-        } catch (const com_exception& e) {
-            hr = e.Error();
-        } catch (const std::bad_alloc&) {
-            hr = E_OUTOFMEMORY;
-        }
+        HRESULT hr = detail::final_construct([p] { return p->m_contained.FinalConstruct(); });
         p->m_dwRef--;
         if (FAILED(hr)) {
             delete p;
@@ -255,12 +259,7 @@ template <class T> struct creator {
         } else {
             agg_object<T>* p = nullptr;
             HRESULT hr = agg_object<T>::CreateInstance(outer, &p);
-            if (FAILED(hr))
-                return hr;
-            p->AddRef();
-            hr = p->QueryInterface(iid, ppv);
-            p->Release();
-            return hr;
+            return FAILED(hr) ? hr : detail::hand_out(p, iid, ppv);
         }
     }
 };

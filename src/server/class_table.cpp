@@ -5,27 +5,35 @@
 #include "scanutil/scan_util.h"
 #include "server/dep_file.h"
 #include "server/resource.h"
+
+#include <array>
 #include "static/static_scan.h"
 
 namespace qv {
 
 namespace {
 
-class_entry g_classes[] = {
-    {&CLSID_StaticScan, L"StaticScan", L"QVWIScanners.StaticScan.1", L"QVWIScanners.StaticScan", L"Apartment",
-     IDS_CLASS_DESCRIPTION, &qv::creator<CStaticScan>::CreateInstance, nullptr},
-    {&CLSID_DepChecker, L"DepChecker", L"RunTimeDepChecker.DepChecker.1", L"RunTimeDepChecker.DepChecker",
-     L"Apartment", IDS_CLASS_DESCRIPTION, nullptr, nullptr},
-    {&CLSID_ScanUtil, L"ScanUtil", L"QVWIScanners.ScanUtil.1", L"QVWIScanners.ScanUtil", L"Apartment",
-     IDS_CLASS_DESCRIPTION, &qv::creator<CScanUtil>::CreateInstance, nullptr},
-    {&CLSID_VBPScan, L"VBPScan", L"QVWIScanners.VBPScan.1", L"QVWIScanners.VBPScan", L"Apartment",
-     IDS_CLASS_DESCRIPTION, nullptr, nullptr},
-    // The ProgID's spelling is what clients use, and stays.
-    {&CLSID_DotNetAssembly, L"DotNetAssembly", L"QVWIScanners.DotNetAssmembly.1", L"QVWIScanners.DotNetAssmembly",
-     L"Apartment", IDS_CLASS_DESCRIPTION, nullptr, nullptr},
-    {&CLSID_DepFile, L"DepFile", L"QVWIScanners.DepFile.1", L"QVWIScanners.DepFile", L"Apartment",
-     IDS_CLASS_DESCRIPTION, &qv::creator<CDepFile>::CreateInstance, nullptr},
-};
+using create_fn = HRESULT (*)(IUnknown*, REFIID, void**);
+
+// The creator of each class the server makes; the others answer CLASS_E_CLASSNOTAVAILABLE.
+create_fn creator_of(const CLSID& clsid) {
+    if (IsEqualCLSID(clsid, CLSID_StaticScan))
+        return &qv::creator<CStaticScan>::CreateInstance;
+    if (IsEqualCLSID(clsid, CLSID_ScanUtil))
+        return &qv::creator<CScanUtil>::CreateInstance;
+    if (IsEqualCLSID(clsid, CLSID_DepFile))
+        return &qv::creator<CDepFile>::CreateInstance;
+    return nullptr;
+}
+
+std::array<class_entry, std::size(class_registrations)> make_table() {
+    std::array<class_entry, std::size(class_registrations)> table{};
+    for (size_t i = 0; i < table.size(); ++i)
+        table[i] = {&class_registrations[i], creator_of(*class_registrations[i].clsid), nullptr};
+    return table;
+}
+
+std::array<class_entry, std::size(class_registrations)> g_classes = make_table();
 
 } // namespace
 
@@ -36,7 +44,7 @@ HRESULT GetClassObject(REFCLSID clsid, REFIID iid, void** ppv) {
         return E_POINTER;
     *ppv = nullptr;
     for (class_entry& entry : g_classes) {
-        if (!IsEqualCLSID(clsid, *entry.clsid))
+        if (!IsEqualCLSID(clsid, *entry.registration->clsid))
             continue;
         if (!entry.create)
             return CLASS_E_CLASSNOTAVAILABLE;
