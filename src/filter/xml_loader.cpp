@@ -45,23 +45,25 @@ qv::com_ptr<IXMLDOMDocument2> LoadXml(const std::wstring& path, std::span<const 
     VARIANT_BOOL loaded = VARIANT_FALSE;
     HRESULT hr = document->load(source, &loaded);
     if (FAILED(hr) || !loaded) {
-        // The parser's own words, for the person who has to mend the file.
+        // What is wrong, for the person who has to mend it: no file at all, or the parser's own words.
         std::wstring why;
-        qv::com_ptr<IXMLDOMParseError> error;
-        if (SUCCEEDED(document->get_parseError(error.put())) && error) {
-            qv::bstr reason;
-            long line = 0;
-            error->get_reason(reason.put());
-            error->get_line(&line);
-            why = reason.str();
-            while (!why.empty() && (why.back() == L'\n' || why.back() == L'\r' || why.back() == L' '))
-                why.pop_back();
-            if (line > 0)
-                why += L" (line " + std::to_wstring(line) + L")";
+        if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) {
+            why = L"the file does not exist";
+        } else {
+            qv::com_ptr<IXMLDOMParseError> error;
+            if (SUCCEEDED(document->get_parseError(error.put())) && error) {
+                qv::bstr reason;
+                long line = 0;
+                error->get_reason(reason.put());
+                error->get_line(&line);
+                why = reason.str();
+                while (!why.empty() && (why.back() == L'\n' || why.back() == L'\r' || why.back() == L' '))
+                    why.pop_back();
+                if (line > 0)
+                    why += L" at line " + std::to_wstring(line);
+            }
+            why = L"it is not a well-formed XML document" + (why.empty() ? std::wstring() : L" (" + why + L")");
         }
-        if (why.empty())
-            why = GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES ? L"the file does not exist"
-                                                                             : L"it is not a well-formed XML document";
         qv::throw_described(FAILED(hr) ? hr : E_FAIL, L"cannot load " + path + L": " + why);
     }
     return document;

@@ -112,6 +112,16 @@ def case_exits(a):
     doc = json.loads(r.stdout)
     expect(doc["exists"] is False and doc["completed"] is True and doc["dependencies"] == [],
            "a missing file: completed, empty, and said so")
+    # Without its lists the scan cannot run, and the person is told which file and why.
+    with tempfile.TemporaryDirectory() as empty:
+        for content, why in [(None, "does not exist"), ("<Filters><Exclude>", "")]:
+            if content is not None:
+                with open(os.path.join(empty, "filters.xml"), "w") as f:
+                    f.write(content)
+            env = dict(os.environ, QV_SUPPORT_DIR="Z:" + empty.replace("/", "\\"))
+            r = run([a.emulator, a.tool, "static", "C:\\windows\\system32\\notepad.exe"], env=env)
+            expect(r.returncode == 1, f"no lists: exit {r.returncode}")
+            expect("filters.xml" in r.stderr and why in r.stderr, f"no lists: stderr {r.stderr!r}")
     print("ok   exits")
 
 
