@@ -18,7 +18,7 @@ constexpr long ModeNoImportTables = 2;
 constexpr DWORD MachineItanium = 512;
 constexpr DWORD MachineAmd64 = 34404;
 
-const wchar_t* const InitialSkipNames[] = {L"kernel32.dll", L"ntdll.dll",    L"user32.dll", L"gdi32.dll",
+const wchar_t* const InitialSkipNames[] = {L"kernel32.dll", L"ntdll.dll",   L"user32.dll", L"gdi32.dll",
                                            L"advapi32.dll", L"shell32.dll", L"ole32.dll"};
 
 // Key and subject of a module the catalog has, from its record.
@@ -52,20 +52,43 @@ bool SkipNameOrder::operator()(const std::wstring& a, const std::wstring& b) con
     return a.size() < b.size();
 }
 
+namespace {
+
+// The machine test of a candidate: whether it is no usable image (taken at once) or an image of the
+// machine asked for. The headers sit at the front of nearly every image, so they are read with one
+// small read instead of a mapping of the whole file; the answer is the image reader's on the same
+// bytes. Only a file whose new header lies past the bytes read is mapped.
+bool TakesCandidate(const std::wstring& candidate, DWORD machine) {
+    if (machine == 0)
+        return true;
+    qv::unique_hfile file(CreateFileW(candidate.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (file) {
+        constexpr DWORD HeadSize = 4096;
+        std::uint8_t head[HeadSize];
+        DWORD got = 0;
+        // The size as the mapping sees it: its low 32 bits.
+        const DWORD size = GetFileSize(file.get(), nullptr);
+        if (size != INVALID_FILE_SIZE && ReadFile(file.get(), head, HeadSize, &got, nullptr)) {
+            const qv::format::byte_span bytes(head, got);
+            const auto newHeader = bytes.i32(60);
+            const bool decided = got == size || bytes.u16(0) != 0x5A4D || bytes.u16(24) < 64 ||
+                                 (newHeader && *newHeader >= 0 && std::uint64_t(*newHeader) + 26 <= got);
+            if (decided) {
+                auto image = qv::pe::pe_image::open(bytes);
+                return !image || image->machine() == machine;
+            }
+        }
+    }
+    CPEImage image(candidate);
+    return !image.NtHeaders() || image.GetMachine() == machine;
+}
+
+} // namespace
+
 bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result) {
     if (name.empty())
         return false;
-
-    std::vector<std::wstring> ownDirs;
-    const std::vector<std::wstring>* searchFolders = &ownDirs;
-    if (!root.empty()) {
-        ownDirs.push_back(root);
-    } else {
-        wchar_t current[MAX_PATH];
-        DWORD n = GetCurrentDirectoryW(MAX_PATH, current);
-        ownDirs.emplace_back(current, n < MAX_PATH ? n : 0);
-    }
-    const std::vector<std::wstring>& pathFolders = qv::GetSearchFolders();
 
     const std::wstring& systemFolder = qv::SystemFolder();
     const std::wstring& nativeFolder = qv::SysNativeFolder();
@@ -78,22 +101,22 @@ bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD ma
         DWORD attributes = GetFileAttributesW(candidate.c_str());
         if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY))
             return false;
-        CPEImage image(candidate);
-        if (image.NtHeaders() && machine != 0 && image.GetMachine() != machine)
+        if (!TakesCandidate(candidate, machine))
             return false;
         result = std::move(candidate);
         return true;
     };
 
-    for (const auto& dir : *searchFolders) {
+    // A root given is the one folder; otherwise the current folder, then the folders of Path.
+    if (!root.empty())
+        return tryFolder(root);
+    wchar_t current[MAX_PATH];
+    DWORD n = GetCurrentDirectoryW(MAX_PATH, current);
+    if (tryFolder(std::wstring(current, n < MAX_PATH ? n : 0)))
+        return true;
+    for (const auto& dir : qv::GetSearchFolders()) {
         if (tryFolder(dir))
             return true;
-    }
-    if (root.empty()) {
-        for (const auto& dir : pathFolders) {
-            if (tryFolder(dir))
-                return true;
-        }
     }
     return false;
 }
@@ -274,4 +297,6 @@ bool CDepWalker::PassesFilter(const std::wstring& path) {
     return true;
 }
 
-void CDepWalker::FireFoundDepFile(const std::wstring& path) { check_hr(m_pEvents->FoundDepFile(qv::bstr(path).get())); }
+void CDepWalker::FireFoundDepFile(const std::wstring& path) {
+    check_hr(m_pEvents->FoundDepFile(qv::bstr(path).get()));
+}

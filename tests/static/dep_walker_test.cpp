@@ -3,6 +3,7 @@
 //   <walk>\lib ; (empty) ; <walk>\path64 ; <walk>\path32 ; <system> ; <windows>
 #include "fake_catalog.h"
 #include "filter/filter_base.h"
+#include "image_writer.h"
 #include "inc/com_exception.h"
 #include "inc/com_module.h"
 #include "recording_sink.h"
@@ -24,7 +25,9 @@ using ::testing::UnorderedElementsAre;
 
 namespace {
 
-std::wstring walk(const std::wstring& rel) { return fixture(L"walk\\" + rel); }
+std::wstring walk(const std::wstring& rel) {
+    return fixture(L"walk\\" + rel);
+}
 
 std::wstring current_dir() {
     wchar_t buffer[MAX_PATH];
@@ -97,7 +100,7 @@ TEST_F(DepWalker, WalksTheTreeDepthFirstAndFiresEachImportAfterItsSubtree) {
                                             app + L"\\beta.dll",     // under app.exe under alpha
                                             lib + L"\\dirlike.dll",  //
                                             sys + L"\\kernel32.dll", //
-                                            L"missing_one.dll",       //
+                                            L"missing_one.dll",      //
                                             app + L"\\notpe.dll",    //
                                             app + L"\\app.exe",      // under alpha
                                             lib + L"\\gamma.dll",    //
@@ -105,7 +108,7 @@ TEST_F(DepWalker, WalksTheTreeDepthFirstAndFiresEachImportAfterItsSubtree) {
                                             app + L"\\beta.dll",     //
                                             lib + L"\\dirlike.dll",  //
                                             sys + L"\\kernel32.dll", //
-                                            L"missing_one.dll",       //
+                                            L"missing_one.dll",      //
                                             app + L"\\notpe.dll"));
 
         EXPECT_THAT(keys(walker.FoundFiles),
@@ -119,12 +122,12 @@ TEST_F(DepWalker, WalksTheTreeDepthFirstAndFiresEachImportAfterItsSubtree) {
             bool selfRegistering;
         };
         const expected_entry table[] = {
-            {L"alpha.dll", app + L"\\alpha.dll", false},  {L"app.exe", app + L"\\app.exe", false},
-            {L"gamma.dll", lib + L"\\gamma.dll", true},   // DllRegisterServer is the only export
-            {L"GAMMA.DLL", lib + L"\\GAMMA.DLL", true},   // the same file under a second spelling
-            {L"delta.dll", lib + L"\\delta.dll", false},  // ... second in the name table: not seen
-            {L"epsilon.dll", lib + L"\\epsilon.dll", true}, // ... third: seen through the stride of 8
-            {L"notpe.dll", app + L"\\notpe.dll", false},  // no image: kept, not looked into
+            {L"alpha.dll", app + L"\\alpha.dll", false},     {L"app.exe", app + L"\\app.exe", false},
+            {L"gamma.dll", lib + L"\\gamma.dll", true},      // DllRegisterServer is the only export
+            {L"GAMMA.DLL", lib + L"\\GAMMA.DLL", true},      // the same file under a second spelling
+            {L"delta.dll", lib + L"\\delta.dll", false},     // ... second in the name table: not seen
+            {L"epsilon.dll", lib + L"\\epsilon.dll", true},  // ... third: seen through the stride of 8
+            {L"notpe.dll", app + L"\\notpe.dll", false},     // no image: kept, not looked into
             {L"dirlike.dll", lib + L"\\dirlike.dll", false}, // the folder of that name was stepped over
         };
         for (const auto& row : table) {
@@ -191,11 +194,11 @@ TEST_F(DepWalker, ThirtyTwoBitImagesTakeOnlyThirtyTwoBitLibraries) {
 TEST_F(DepWalker, TopLevelFilesThatAreNoImagesYieldNothing) {
     temp_dir tmp;
     const std::wstring cases[] = {
-        tmp / L"absent.exe",            // no such file
-        walk(L"app\\notpe.dll"),        // a text file
-        walk(L"app\\dirlike.dll"),      // a folder
-        tmp.write(L"empty.exe", ""),    // a file that cannot be mapped
-        walk(L"lib\\noimports.exe"),    // an image with an empty import directory
+        tmp / L"absent.exe",         // no such file
+        walk(L"app\\notpe.dll"),     // a text file
+        walk(L"app\\dirlike.dll"),   // a folder
+        tmp.write(L"empty.exe", ""), // a file that cannot be mapped
+        walk(L"lib\\noimports.exe"), // an image with an empty import directory
     };
     for (const auto& file : cases) {
         SCOPED_TRACE(narrow(file));
@@ -528,11 +531,11 @@ TEST(FindDependency, SearchesTheCurrentFolderThenThePath) {
         std::wstring where;
     };
     const row table[] = {
-        {L"alpha.dll", 34404, true, walk(L"app\\alpha.dll")},    // current folder first
-        {L"gamma.dll", 34404, true, walk(L"lib\\gamma.dll")},    // then the path
+        {L"alpha.dll", 34404, true, walk(L"app\\alpha.dll")},     // current folder first
+        {L"gamma.dll", 34404, true, walk(L"lib\\gamma.dll")},     // then the path
         {L"dirlike.dll", 34404, true, walk(L"lib\\dirlike.dll")}, // a folder of that name is stepped over
-        {L"notpe.dll", 34404, true, walk(L"app\\notpe.dll")},    // a file that is no image is taken at once
-        {L"shadow.dll", 332, true, walk(L"path32\\shadow.dll")}, // the other machine is stepped over
+        {L"notpe.dll", 34404, true, walk(L"app\\notpe.dll")},     // a file that is no image is taken at once
+        {L"shadow.dll", 332, true, walk(L"path32\\shadow.dll")},  // the other machine is stepped over
         {L"shadow.dll", 34404, true, walk(L"path64\\shadow.dll")},
         {L"shadow.dll", 0, true, walk(L"path64\\shadow.dll")}, // machine 0 takes any
         {L"only64.dll", 332, false, L""},
@@ -546,6 +549,39 @@ TEST(FindDependency, SearchesTheCurrentFolderThenThePath) {
         std::wstring result = L"untouched";
         EXPECT_EQ(FindDependency(L"", r.name, r.machine, result), r.found);
         EXPECT_EQ(result, r.found ? r.where : L"untouched");
+    }
+}
+
+TEST(FindDependency, TheMachineTestReadsHeadersWhereverTheyLie) {
+    // Images whose new header stands early, at the edge of the first 4 KiB, and far behind it: the
+    // machine test must give the image reader's answer for each.
+    temp_dir tmp;
+    struct row {
+        std::uint32_t headerOffset;
+        std::uint16_t machine;
+        bool pe32plus;
+    };
+    const row images[] = {{64, 34404, true}, {4096 - 20, 34404, true}, {8192, 34404, true},
+                          {64, 332, false},  {4096 - 20, 332, false},  {8192, 332, false}};
+    for (const auto& r : images) {
+        const std::wstring dir = tmp.mkdir(std::to_wstring(r.headerOffset) + L"-" + std::to_wstring(r.machine));
+        auto image =
+            qv::test::image_writer().header_offset(r.headerOffset).machine(r.machine).pe32plus(r.pe32plus).build();
+        tmp.write(dir.substr(tmp.path().size() + 1) + L"\\far.dll", image.str());
+        for (DWORD asked : {332u, 34404u, 0u}) {
+            SCOPED_TRACE(std::to_string(r.headerOffset) + "/" + std::to_string(r.machine) + " asked " +
+                         std::to_string(asked));
+            std::wstring result;
+            EXPECT_EQ(FindDependency(dir, L"far.dll", asked, result), asked == 0 || asked == r.machine);
+        }
+    }
+    // A file that is no usable image is taken whatever the machine: short, a DOS program, a cut header.
+    const std::pair<const wchar_t*, std::string> others[] = {
+        {L"short", "MZ"}, {L"dos", std::string("MZ") + std::string(62, '\0')}, {L"text", std::string(5000, 'x')}};
+    for (const auto& [dir, bytes] : others) {
+        tmp.write(std::wstring(dir) + L"\\far.dll", bytes);
+        std::wstring result;
+        EXPECT_TRUE(FindDependency(tmp / dir, L"far.dll", 34404, result)) << narrow(dir);
     }
 }
 
