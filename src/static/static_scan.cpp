@@ -5,28 +5,6 @@
 #include "server/dep_files.h"
 #include "static/dep_walker.h"
 
-namespace {
-
-// Holds a reference on the client's sink for the length of a call.
-class sink_hold {
-public:
-    explicit sink_hold(IStaticScanEvents* events) : m_events(events) {
-        if (m_events)
-            m_events->AddRef();
-    }
-    ~sink_hold() {
-        if (m_events)
-            m_events->Release();
-    }
-    sink_hold(const sink_hold&) = delete;
-    sink_hold& operator=(const sink_hold&) = delete;
-
-private:
-    IStaticScanEvents* m_events;
-};
-
-} // namespace
-
 CStaticScan::CStaticScan() = default;
 CStaticScan::~CStaticScan() = default;
 
@@ -52,7 +30,7 @@ STDMETHODIMP CStaticScan::ScanWithFilter(BSTR file, IStaticScanEvents* events, V
                                          VARIANT_BOOL* completed, CFilterBase* filter, long scanType) {
     if (completed)
         *completed = VARIANT_FALSE;
-    sink_hold hold(events);
+    const qv::com_ptr<IStaticScanEvents> hold(events); // the client's sink, for the length of the call
     const std::wstring path = file ? std::wstring(file, SysStringLen(file)) : std::wstring();
 
     CDepWalker walker;
