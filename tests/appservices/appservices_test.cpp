@@ -5,7 +5,7 @@
 #include "companions.h"
 #include "dotnet/sibling_module_cache.h"
 #include "inc/com_ptr.h"
-#include "server_library.h"
+#include "test_support.h"
 #include "test_support.h"
 
 #include <gtest/gtest.h>

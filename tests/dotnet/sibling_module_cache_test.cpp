@@ -3,12 +3,12 @@
 // scratch tree, given a small script of requests. The child redirects HKEY_LOCAL_MACHINE to a scratch
 // key holding only the CommonFilesDir the case asks for. The library found is told apart by its own
 // answer: QvAppServices.dll reports its own folder as the programs folder.
-#include "child_process.h"
+#include "test_support.h"
 #include "companions.h"
 #include "dotnet/sibling_module_cache.h"
 #include "inc/com_ptr.h"
-#include "registry_override.h"
-#include "server_library.h"
+#include "test_support.h"
+#include "test_support.h"
 #include "test_support.h"
 
 #include <gtest/gtest.h>

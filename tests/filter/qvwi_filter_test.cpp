@@ -2,12 +2,12 @@
 // program) names: QV_SUPPORT_DIR points each case at a scratch folder of its own, or, for the shipped
 // data, is left unset. One case runs this program copied alone into a scratch folder, where no
 // QvAppServices.dll can be found.
-#include "child_process.h"
+#include "test_support.h"
 #include "companions.h"
 #include "dotnet/sibling_module_cache.h"
 #include "filter/qvwi_filter.h"
 #include "filter/xml_loader.h"
-#include "server_library.h"
+#include "test_support.h"
 #include "test_support.h"
 
 #include <gtest/gtest.h>

@@ -4,7 +4,7 @@
 #include "QVWIScanners.h"
 #include "fake_catalog.h"
 #include "inc/com_ptr.h"
-#include "server_library.h"
+#include "test_support.h"
 #include "test_support.h"
 
 #include <gtest/gtest.h>

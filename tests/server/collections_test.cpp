@@ -6,10 +6,10 @@
 #include "inc/com_collection.h"
 #include "inc/com_module.h"
 #include "inc/com_ptr.h"
-#include "registry_override.h"
+#include "test_support.h"
 #include "server/dep_files.h"
 #include "server/languages.h"
-#include "server_library.h"
+#include "test_support.h"
 #include "test_support.h"
 
 #include <gtest/gtest.h>

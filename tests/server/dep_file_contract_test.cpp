@@ -3,8 +3,8 @@
 // Filling a record from the disk is an internal operation, tested in dep_file_test.
 #include "QVWIScanners.h"
 #include "inc/com_ptr.h"
-#include "registry_override.h"
-#include "server_library.h"
+#include "test_support.h"
+#include "test_support.h"
 #include "test_support.h"
 
 #include <gtest/gtest.h>

@@ -8,7 +8,7 @@
 #include "filter/filter_base.h"
 #include "inc/com_exception.h"
 #include "inc/com_module.h"
-#include "registry_override.h"
+#include "test_support.h"
 #include "server/dep_file.h"
 #include "server/dep_files.h"
 #include "static/dep_walker.h"

@@ -2,7 +2,7 @@
 // lock, the empty registration exports, the embedded type library and the string resources.
 #include "QVWIScanners.h"
 #include "inc/unique_handles.h"
-#include "server_library.h"
+#include "test_support.h"
 #include "test_support.h"
 
 #include <gtest/gtest.h>

@@ -10,7 +10,7 @@
 #include "inc/com_ptr.h"
 #include "inc/priv_interfaces.h"
 #include "recording_sink.h"
-#include "server_library.h"
+#include "test_support.h"
 #include "test_support.h"
 #include "toolkit/probes.h"
 

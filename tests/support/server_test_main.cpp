@@ -1,6 +1,6 @@
 // main() of the test programs that use the server as a client: after the cases, no object of the
 // server may be left alive, and DllCanUnloadNow must say S_OK.
-#include "server_library.h"
+#include "test_support.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

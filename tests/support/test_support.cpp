@@ -1,9 +1,6 @@
 #include "test_support.h"
 
-#include <algorithm>
 #include <cwctype>
-#include <fstream>
-#include <iterator>
 #include <shellapi.h>
 #include <stdexcept>
 
@@ -11,119 +8,21 @@ namespace qv::test {
 
 std::wstring module_dir() {
     wchar_t buffer[MAX_PATH * 4];
-    DWORD n = GetModuleFileNameW(nullptr, buffer, static_cast<DWORD>(std::size(buffer)));
-    std::wstring path(buffer, n);
+    std::wstring path(buffer, GetModuleFileNameW(nullptr, buffer, MAX_PATH * 4));
     return path.substr(0, path.find_last_of(L'\\'));
 }
 
 std::wstring fixture(const std::wstring& relative) {
     std::wstring rel = relative;
-    std::replace(rel.begin(), rel.end(), L'/', L'\\');
+    for (auto& c : rel)
+        c = c == L'/' ? L'\\' : c;
     return module_dir() + L"\\fixtures\\" + rel;
 }
 
 std::wstring system_dir() {
     wchar_t buffer[MAX_PATH];
-    UINT n = GetSystemDirectoryW(buffer, MAX_PATH);
-    return std::wstring(buffer, n);
+    return std::wstring(buffer, GetSystemDirectoryW(buffer, MAX_PATH));
 }
-
-static void make_dirs(const std::wstring& path) {
-    for (size_t pos = path.find(L'\\', 3); pos != std::wstring::npos; pos = path.find(L'\\', pos + 1))
-        CreateDirectoryW(path.substr(0, pos).c_str(), nullptr);
-    CreateDirectoryW(path.c_str(), nullptr);
-}
-
-temp_dir::temp_dir() {
-    wchar_t base[MAX_PATH];
-    GetTempPathW(MAX_PATH, base);
-    static LONG counter = 0;
-    for (int attempt = 0; attempt < 1000; ++attempt) {
-        std::wstring candidate = std::wstring(base) + L"qvtest-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
-                                 std::to_wstring(InterlockedIncrement(&counter));
-        if (CreateDirectoryW(candidate.c_str(), nullptr)) {
-            m_path = candidate;
-            return;
-        }
-    }
-    throw std::runtime_error("cannot make a temporary folder");
-}
-
-static void remove_tree(const std::wstring& dir) {
-    WIN32_FIND_DATAW data;
-    HANDLE find = FindFirstFileW((dir + L"\\*").c_str(), &data);
-    if (find != INVALID_HANDLE_VALUE) {
-        do {
-            std::wstring name = data.cFileName;
-            if (name == L"." || name == L"..")
-                continue;
-            std::wstring full = dir + L"\\" + name;
-            if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-                remove_tree(full);
-            } else {
-                SetFileAttributesW(full.c_str(), FILE_ATTRIBUTE_NORMAL);
-                DeleteFileW(full.c_str());
-            }
-        } while (FindNextFileW(find, &data));
-        FindClose(find);
-    }
-    RemoveDirectoryW(dir.c_str());
-}
-
-temp_dir::~temp_dir() {
-    if (!m_path.empty())
-        remove_tree(m_path);
-}
-
-std::wstring temp_dir::write(const std::wstring& name, const std::string& bytes) const {
-    std::wstring full = *this / name;
-    make_dirs(full.substr(0, full.find_last_of(L'\\')));
-    HANDLE h = CreateFileW(full.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (h == INVALID_HANDLE_VALUE)
-        throw std::runtime_error("cannot write " + narrow(full));
-    DWORD written = 0;
-    BOOL ok = WriteFile(h, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
-    CloseHandle(h);
-    if (!ok || written != bytes.size())
-        throw std::runtime_error("short write to " + narrow(full));
-    return full;
-}
-
-std::wstring temp_dir::copy(const std::wstring& from, const std::wstring& name) const {
-    std::wstring full = *this / name;
-    make_dirs(full.substr(0, full.find_last_of(L'\\')));
-    if (!CopyFileW(from.c_str(), full.c_str(), FALSE))
-        throw std::runtime_error("cannot copy " + narrow(from));
-    return full;
-}
-
-std::wstring temp_dir::mkdir(const std::wstring& name) const {
-    std::wstring full = *this / name;
-    make_dirs(full);
-    return full;
-}
-
-env_scope::env_scope(const wchar_t* name, const wchar_t* value) : m_name(name) {
-    DWORD n = GetEnvironmentVariableW(name, nullptr, 0);
-    if (n > 0) {
-        m_old.resize(n);
-        n = GetEnvironmentVariableW(name, m_old.data(), n);
-        m_old.resize(n);
-        m_had = true;
-    }
-    SetEnvironmentVariableW(name, value);
-}
-
-env_scope::~env_scope() { SetEnvironmentVariableW(m_name.c_str(), m_had ? m_old.c_str() : nullptr); }
-
-cwd_scope::cwd_scope(const std::wstring& dir) {
-    wchar_t buffer[MAX_PATH];
-    DWORD n = GetCurrentDirectoryW(MAX_PATH, buffer);
-    m_old.assign(buffer, n);
-    SetCurrentDirectoryW(dir.c_str());
-}
-
-cwd_scope::~cwd_scope() { SetCurrentDirectoryW(m_old.c_str()); }
 
 std::string read_file(const std::wstring& path) {
     HANDLE h = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
@@ -139,8 +38,6 @@ std::string read_file(const std::wstring& path) {
 }
 
 std::string narrow(const std::wstring& text) {
-    if (text.empty())
-        return {};
     int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
     std::string out(n, '\0');
     WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n, nullptr, nullptr);
@@ -148,8 +45,6 @@ std::string narrow(const std::wstring& text) {
 }
 
 std::wstring widen(const std::string& text) {
-    if (text.empty())
-        return {};
     int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
     std::wstring out(n, L'\0');
     MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n);
@@ -160,6 +55,195 @@ std::wstring lower(std::wstring text) {
     for (auto& c : text)
         c = static_cast<wchar_t>(std::towlower(c));
     return text;
+}
+
+static void make_dirs(const std::wstring& path) {
+    for (size_t pos = path.find(L'\\', 3); pos != std::wstring::npos; pos = path.find(L'\\', pos + 1))
+        CreateDirectoryW(path.substr(0, pos).c_str(), nullptr);
+    CreateDirectoryW(path.c_str(), nullptr);
+}
+
+static void remove_tree(const std::wstring& dir) {
+    WIN32_FIND_DATAW data;
+    HANDLE find = FindFirstFileW((dir + L"\\*").c_str(), &data);
+    for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data)) {
+        std::wstring name = data.cFileName, full = dir + L"\\" + name;
+        if (name == L"." || name == L"..")
+            continue;
+        if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+            remove_tree(full);
+        } else {
+            SetFileAttributesW(full.c_str(), FILE_ATTRIBUTE_NORMAL);
+            DeleteFileW(full.c_str());
+        }
+    }
+    if (find != INVALID_HANDLE_VALUE)
+        FindClose(find);
+    RemoveDirectoryW(dir.c_str());
+}
+
+temp_dir::temp_dir() {
+    wchar_t base[MAX_PATH];
+    GetTempPathW(MAX_PATH, base);
+    static LONG counter = 0;
+    for (int attempt = 0; attempt < 1000 && m_path.empty(); ++attempt) {
+        std::wstring candidate = std::wstring(base) + L"qvtest-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
+                                 std::to_wstring(InterlockedIncrement(&counter));
+        if (CreateDirectoryW(candidate.c_str(), nullptr))
+            m_path = candidate;
+    }
+    if (m_path.empty())
+        throw std::runtime_error("cannot make a temporary folder");
+}
+
+temp_dir::~temp_dir() { remove_tree(m_path); }
+
+std::wstring temp_dir::write(const std::wstring& name, const std::string& bytes) const {
+    std::wstring full = *this / name;
+    make_dirs(full.substr(0, full.find_last_of(L'\\')));
+    HANDLE h = CreateFileW(full.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    DWORD written = 0;
+    BOOL ok = h != INVALID_HANDLE_VALUE &&
+              WriteFile(h, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
+    if (h != INVALID_HANDLE_VALUE)
+        CloseHandle(h);
+    if (!ok || written != bytes.size())
+        throw std::runtime_error("cannot write " + narrow(full));
+    return full;
+}
+
+std::wstring temp_dir::copy(const std::wstring& from, const std::wstring& name) const {
+    std::wstring full = *this / name;
+    make_dirs(full.substr(0, full.find_last_of(L'\\')));
+    if (!CopyFileW(from.c_str(), full.c_str(), FALSE))
+        throw std::runtime_error("cannot copy " + narrow(from));
+    return full;
+}
+
+std::wstring temp_dir::mkdir(const std::wstring& name) const {
+    make_dirs(*this / name);
+    return *this / name;
+}
+
+env_scope::env_scope(const wchar_t* name, const wchar_t* value) : m_name(name) {
+    DWORD n = GetEnvironmentVariableW(name, nullptr, 0);
+    if (n > 0) {
+        m_old.resize(n);
+        m_old.resize(GetEnvironmentVariableW(name, m_old.data(), n));
+        m_had = true;
+    }
+    SetEnvironmentVariableW(name, value);
+}
+
+env_scope::~env_scope() { SetEnvironmentVariableW(m_name.c_str(), m_had ? m_old.c_str() : nullptr); }
+
+cwd_scope::cwd_scope(const std::wstring& dir) {
+    wchar_t buffer[MAX_PATH];
+    m_old.assign(buffer, GetCurrentDirectoryW(MAX_PATH, buffer));
+    SetCurrentDirectoryW(dir.c_str());
+}
+
+cwd_scope::~cwd_scope() { SetCurrentDirectoryW(m_old.c_str()); }
+
+registry_override::registry_override(HKEY predefined) : m_predefined(predefined) {
+    static LONG counter = 0;
+    m_path = L"Software\\QVWI-tests\\" + std::to_wstring(GetCurrentProcessId()) + L"-" +
+             std::to_wstring(InterlockedIncrement(&counter));
+    if (RegCreateKeyExW(HKEY_CURRENT_USER, m_path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &m_key, nullptr) !=
+            ERROR_SUCCESS ||
+        RegOverridePredefKey(m_predefined, m_key) != ERROR_SUCCESS)
+        throw std::runtime_error("cannot redirect a predefined registry key");
+}
+
+registry_override::~registry_override() {
+    RegOverridePredefKey(m_predefined, nullptr);
+    RegCloseKey(m_key);
+    RegDeleteTreeW(HKEY_CURRENT_USER, m_path.c_str());
+    RegDeleteKeyW(HKEY_CURRENT_USER, L"Software\\QVWI-tests"); // only if no other scope still has one
+}
+
+void registry_override::set_value(HKEY root, const std::wstring& subkey, const wchar_t* name, DWORD type,
+                                  const void* data, DWORD size) {
+    HKEY key = nullptr;
+    if (RegCreateKeyExW(root, subkey.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr) != ERROR_SUCCESS)
+        throw std::runtime_error("cannot create a test key");
+    LONG status = RegSetValueExW(key, name, 0, type, static_cast<const BYTE*>(data), size);
+    RegCloseKey(key);
+    if (status != ERROR_SUCCESS)
+        throw std::runtime_error("cannot set a test value");
+}
+
+std::optional<DWORD> run_child(const std::wstring& exe, const std::wstring& args, const std::wstring& cwd,
+                               DWORD timeoutMs) {
+    std::wstring command = L"\"" + exe + L"\" " + args;
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    if (!CreateProcessW(exe.c_str(), command.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                        cwd.empty() ? nullptr : cwd.c_str(), &startup, &process))
+        return std::nullopt;
+    const DWORD wait = WaitForSingleObject(process.hProcess, timeoutMs);
+    if (wait != WAIT_OBJECT_0)
+        TerminateProcess(process.hProcess, 99);
+    DWORD code = 0;
+    GetExitCodeProcess(process.hProcess, &code);
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    return wait == WAIT_OBJECT_0 ? std::optional<DWORD>(code) : std::nullopt;
+}
+
+std::optional<std::vector<std::wstring>> child_arguments(const wchar_t* flag) {
+    int argc = 0;
+    LPWSTR* argv = CommandLineToArgvW(GetCommandLineW(), &argc);
+    std::optional<std::vector<std::wstring>> result;
+    if (argv && argc >= 2 && std::wstring(argv[1]) == flag)
+        result = std::vector<std::wstring>(argv + 2, argv + argc);
+    LocalFree(argv);
+    return result;
+}
+
+std::vector<std::wstring> split_lines(const std::wstring& text) {
+    std::vector<std::wstring> lines;
+    for (size_t start = 0, end; start < text.size(); start = end + 1) {
+        end = text.find(L'\n', start);
+        if (end == std::wstring::npos)
+            end = text.size();
+        lines.push_back(text.substr(start, end - start));
+        if (!lines.back().empty() && lines.back().back() == L'\r')
+            lines.back().pop_back();
+    }
+    return lines;
+}
+
+template <class F> static F export_of(HMODULE module, const char* name) {
+    auto p = reinterpret_cast<F>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+    if (!p)
+        throw std::runtime_error(std::string("QVWIScanners.dll does not export ") + name);
+    return p;
+}
+
+server_library::server_library() {
+    std::wstring path = module_dir() + L"\\QVWIScanners.dll";
+    m_module = LoadLibraryW(path.c_str());
+    if (!m_module)
+        throw std::runtime_error("cannot load " + narrow(path));
+    m_canUnload = export_of<decltype(m_canUnload)>(m_module, "DllCanUnloadNow");
+    m_getClassObject = export_of<decltype(m_getClassObject)>(m_module, "DllGetClassObject");
+}
+
+HRESULT server_library::Create(REFCLSID clsid, IUnknown* outer, REFIID iid, void** ppv) const {
+    IClassFactory* factory = nullptr;
+    HRESULT hr = GetClassObject(clsid, IID_IClassFactory, reinterpret_cast<void**>(&factory));
+    if (FAILED(hr))
+        return hr;
+    hr = factory->CreateInstance(outer, iid, ppv);
+    factory->Release();
+    return hr;
+}
+
+server_library& server() {
+    static server_library library;
+    return library;
 }
 
 } // namespace qv::test

@@ -1,20 +1,24 @@
-// Helpers shared by the test binaries: where the fixtures are, scratch folders, environment scopes.
+// What the test programs share: fixture paths, scratch folders and registry keys, environment and
+// folder scopes, child runs of a test program, and the server DLL loaded by path as a client loads it.
 #pragma once
 
 #include <windows.h>
 
+#include <objbase.h>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace qv::test {
 
-// Folder of the running test binary, without a trailing backslash.
-std::wstring module_dir();
+std::wstring module_dir();                          // folder of the test program, no trailing backslash
+std::wstring fixture(const std::wstring& relative); // <bin>\fixtures\<relative>
+std::wstring system_dir();                          // e.g. C:\windows\system32
 
-// Full path of a built fixture: <bin>\fixtures\<relative>.
-std::wstring fixture(const std::wstring& relative);
-
-// The Windows system folder of the running prefix, e.g. C:\windows\system32 (no trailing backslash).
-std::wstring system_dir();
+std::string read_file(const std::wstring& path); // empty when unreadable
+std::string narrow(const std::wstring& text);    // UTF-16 -> UTF-8
+std::wstring widen(const std::string& text);     // UTF-8 -> UTF-16
+std::wstring lower(std::wstring text);
 
 // A fresh folder below %TEMP%, removed with everything in it when the object dies.
 class temp_dir {
@@ -26,19 +30,16 @@ public:
 
     const std::wstring& path() const { return m_path; }
     std::wstring operator/(const std::wstring& name) const { return m_path + L"\\" + name; }
-
-    // Writes bytes to <dir>\<name>, making sub folders as needed; returns the full path.
+    // Each makes sub folders as needed and returns the full path.
     std::wstring write(const std::wstring& name, const std::string& bytes) const;
-    // Copies a file into the folder under a name; returns the full path.
     std::wstring copy(const std::wstring& from, const std::wstring& name) const;
-    // Makes a sub folder; returns its full path.
     std::wstring mkdir(const std::wstring& name) const;
 
 private:
     std::wstring m_path;
 };
 
-// Sets (or with nullptr removes) an environment variable, and restores the old state on exit.
+// Sets (nullptr: removes) an environment variable for a scope.
 class env_scope {
 public:
     env_scope(const wchar_t* name, const wchar_t* value);
@@ -47,12 +48,11 @@ public:
     env_scope& operator=(const env_scope&) = delete;
 
 private:
-    std::wstring m_name;
-    std::wstring m_old;
+    std::wstring m_name, m_old;
     bool m_had = false;
 };
 
-// Changes the current directory, and restores it on exit.
+// Changes the current folder for a scope.
 class cwd_scope {
 public:
     explicit cwd_scope(const std::wstring& dir);
@@ -64,14 +64,61 @@ private:
     std::wstring m_old;
 };
 
-// Reads a whole file; empty when it cannot be read.
-std::string read_file(const std::wstring& path);
+// A predefined key (HKEY_LOCAL_MACHINE, HKEY_CLASSES_ROOT, ...) redirected process-wide, companions
+// included, to a scratch key below HKEY_CURRENT_USER\Software\QVWI-tests, removed afterwards.
+class registry_override {
+public:
+    explicit registry_override(HKEY predefined);
+    ~registry_override();
+    registry_override(const registry_override&) = delete;
+    registry_override& operator=(const registry_override&) = delete;
+    HKEY key() const { return m_key; }
+    // Creates root\subkey and sets a value (nullptr: the default one) to raw bytes.
+    static void set_value(HKEY root, const std::wstring& subkey, const wchar_t* name, DWORD type, const void* data,
+                          DWORD size);
 
-// UTF-8 <-> UTF-16 for messages and comparisons.
-std::string narrow(const std::wstring& text);
-std::wstring widen(const std::string& text);
+private:
+    HKEY m_predefined;
+    HKEY m_key = nullptr;
+    std::wstring m_path;
+};
 
-// Lower-cases a path for comparisons that ignore case.
-std::wstring lower(std::wstring text);
+// Runs "exe" args in folder cwd (empty: ours) and waits; the exit code, or nullopt when the child did
+// not start or end in time (it is then terminated).
+std::optional<DWORD> run_child(const std::wstring& exe, const std::wstring& args, const std::wstring& cwd = {},
+                               DWORD timeoutMs = 60000);
+// The arguments after argv[0] when the first of them is flag: this program runs as a child.
+std::optional<std::vector<std::wstring>> child_arguments(const wchar_t* flag);
+std::vector<std::wstring> split_lines(const std::wstring& text); // at '\n', a '\r' before it dropped
+
+// QVWIScanners.dll beside the test program, loaded on first use and kept.
+class server_library {
+public:
+    server_library();
+    HRESULT CanUnloadNow() const { return m_canUnload(); }
+    HRESULT GetClassObject(REFCLSID clsid, REFIID iid, void** ppv) const { return m_getClassObject(clsid, iid, ppv); }
+    HRESULT Create(REFCLSID clsid, IUnknown* outer, REFIID iid, void** ppv) const; // outer may be null
+    HMODULE module() const { return m_module; }
+
+private:
+    HMODULE m_module = nullptr;
+    HRESULT(STDAPICALLTYPE* m_canUnload)() = nullptr;
+    HRESULT(STDAPICALLTYPE* m_getClassObject)(REFCLSID, REFIID, void**) = nullptr;
+};
+server_library& server();
+
+class com_apartment {
+public:
+    com_apartment() : m_hr(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)) {}
+    ~com_apartment() {
+        if (SUCCEEDED(m_hr))
+            CoUninitialize();
+    }
+    com_apartment(const com_apartment&) = delete;
+    com_apartment& operator=(const com_apartment&) = delete;
+
+private:
+    HRESULT m_hr;
+};
 
 } // namespace qv::test

@@ -1,7 +1,7 @@
 // Probes of the machine: path forms, existence, default registry values, processor, folder
 // constants, redirection, and the search folders (in child processes of this binary, since the
 // list is made once per process).
-#include "registry_override.h"
+#include "test_support.h"
 #include "test_support.h"
 #include "toolkit/probes.h"
 

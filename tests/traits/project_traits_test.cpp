@@ -1,6 +1,6 @@
 // The two traits tables, the word tests, and the manager's choice through the real QVObjMgr.DLL,
 // driven by its environment variable and by its registry value (HKEY_CURRENT_USER redirected).
-#include "registry_override.h"
+#include "test_support.h"
 #include "test_support.h"
 #include "traits/project_traits.h"
 
