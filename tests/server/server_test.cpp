@@ -1,0 +1,720 @@
+// The server as its clients meet it: QVWIScanners.dll loaded by path, its classes made through their
+// factories and used only through their interfaces. The static scans walk the fixture tree
+// (tests/fixtures/walk) along the Path that main() sets before anything reads it:
+//   <walk>\lib ; (empty) ; <walk>\path64 ; <walk>\path32 ; <system> ; <windows>
+#include "QVWIScanners.h"
+#include "companions.h"
+#include "filter/filter_base.h"
+#include "image_writer.h"
+#include "inc/com_error.h"
+#include "inc/com_exception.h"
+#include "inc/com_ptr.h"
+#include "inc/priv_interfaces.h"
+#include "recording_sink.h"
+#include "test_support.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <set>
+
+using namespace qv::test;
+using qv::com_ptr;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+std::wstring walk(const std::wstring& rel) { return fixture(L"walk\\" + rel); }
+
+std::wstring windows_dir() {
+    wchar_t buffer[MAX_PATH];
+    return std::wstring(buffer, GetWindowsDirectoryW(buffer, MAX_PATH));
+}
+
+VARIANT index_of(long i) {
+    VARIANT v;
+    V_VT(&v) = VT_I4;
+    V_I4(&v) = i;
+    return v;
+}
+
+// Drops the names in `drop`, and says those and the names in `listed` are on its lists.
+class list_filter : public CFilterBase {
+public:
+    explicit list_filter(std::set<std::wstring> drop = {}, std::set<std::wstring> listed = {})
+        : m_drop(std::move(drop)), m_listed(std::move(listed)) {}
+    std::vector<std::wstring> asked;
+    bool Filter(const std::wstring& name, bool& bInFilterList) override {
+        asked.push_back(name);
+        bInFilterList = m_listed.count(lower(name)) || m_drop.count(lower(name));
+        return m_drop.count(lower(name)) > 0;
+    }
+    void Initialize() override {}
+
+private:
+    std::set<std::wstring> m_drop, m_listed;
+};
+
+// A dependency record as the tests compare it.
+struct record {
+    std::wstring name, path, dest;
+    VARIANT_BOOL selfReg = 1, shared = 1, missing = 1, filterable = 1, module = 1;
+    long size = -1, major = -1, minor = -1;
+    std::vector<long> languages;
+    DATE modified = 0;
+};
+
+record read(IDepFile* f) {
+    record r;
+    qv::bstr text;
+    EXPECT_EQ(f->get_Name(text.put()), S_OK);
+    r.name = text.str();
+    EXPECT_EQ(f->get_Path(text.put()), S_OK);
+    r.path = text.str();
+    f->get_SelfRegistering(&r.selfReg);
+    f->get_Shared(&r.shared);
+    f->get_Size(&r.size);
+    f->get_MajorVersion(&r.major);
+    f->get_MinorVersion(&r.minor);
+    f->get_ModifiedTime(&r.modified);
+    com_ptr<ILanguages> langs;
+    EXPECT_EQ(f->get_Languages(langs.put()), S_OK);
+    long n = 0;
+    langs->get_Count(&n);
+    for (long i = 1; i <= n; ++i) {
+        long id = 0;
+        EXPECT_EQ(langs->get_Item(index_of(i), &id), S_OK);
+        r.languages.push_back(id);
+    }
+    auto tarn = com_ptr<IDepFile>(f).query<IDepFileTarn>(IID_IDepFileTarn);
+    tarn->GetDestPath(text.put());
+    r.dest = text.str();
+    auto info = com_ptr<IDepFile>(f).query<IDepFileInfo>(IID_IDepFileInfo);
+    info->get_IsMissing(&r.missing);
+    info->get_IsFilterable(&r.filterable);
+    info->get_IsMergeModule(&r.module);
+    return r;
+}
+
+// The records of a collection by Item(number), keyed by their lower-case name.
+std::map<std::wstring, record> records(IDepFiles* files) {
+    std::map<std::wstring, record> out;
+    long count = 0;
+    EXPECT_EQ(files->get_Count(&count), S_OK);
+    for (long i = 1; i <= count; ++i) {
+        com_ptr<IDepFile> f;
+        EXPECT_EQ(files->get_Item(index_of(i), f.put()), S_OK);
+        record r = read(f.get());
+        out[lower(r.name)] = r;
+    }
+    EXPECT_EQ(out.size(), static_cast<size_t>(count)) << "one record per name";
+    return out;
+}
+
+std::set<std::wstring> names(IDepFiles* files) {
+    std::set<std::wstring> out;
+    for (const auto& [name, r] : records(files))
+        out.insert(name);
+    return out;
+}
+
+// A stand-in for the host's merge-module catalog and its module records, slot for slot as
+// companions.idl declares them. Any call it was not set up for fails the test.
+#define QV_UNEXPECTED(name)                                                                                            \
+    HRESULT STDMETHODCALLTYPE name() override {                                                                        \
+        ADD_FAILURE() << "unexpected call of " #name;                                                                  \
+        return E_NOTIMPL;                                                                                              \
+    }
+
+struct fake_module : IQvMergeModule {
+    fake_module(std::wstring id, std::wstring key, std::wstring name) : id(id), key(key), name(name) {}
+    virtual ~fake_module() = default;
+    std::wstring id, key, name;
+    LONG refs = 1;
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
+        *ppv = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IQvMergeModule) ? this : nullptr;
+        return *ppv ? (AddRef(), S_OK) : E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&refs); }
+    ULONG STDMETHODCALLTYPE Release() override { return InterlockedDecrement(&refs); }
+    QV_UNEXPECTED(Reserved1) QV_UNEXPECTED(Reserved2) QV_UNEXPECTED(Reserved3) QV_UNEXPECTED(Reserved4)
+    QV_UNEXPECTED(Reserved5) QV_UNEXPECTED(Reserved6) QV_UNEXPECTED(Reserved7) QV_UNEXPECTED(Reserved8)
+    QV_UNEXPECTED(Reserved9)
+    HRESULT STDMETHODCALLTYPE get_ModuleId(BSTR* p) override { return *p = SysAllocString(id.c_str()), S_OK; }
+    HRESULT STDMETHODCALLTYPE get_ModuleKey(BSTR* p) override { return *p = SysAllocString(key.c_str()), S_OK; }
+    HRESULT STDMETHODCALLTYPE get_ModuleName(BSTR* p) override { return *p = SysAllocString(name.c_str()), S_OK; }
+};
+
+struct fake_catalog : IQvMergeModuleCatalog {
+    virtual ~fake_catalog() = default;
+    struct answer {
+        fake_module* module;
+        VARIANT_BOOL found;
+    };
+    std::map<std::wstring, answer> answers;           // by file key; others are in no module
+    std::map<std::wstring, std::wstring> missingKeys; // path -> key
+    std::map<std::wstring, std::wstring> subjects;    // key -> subject
+    std::vector<std::wstring> lookups;                // "key|version|language"
+    HRESULT result = S_OK;
+    LONG refs = 1;
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
+        *ppv = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IQvMergeModuleCatalog) ? this : nullptr;
+        return *ppv ? (AddRef(), S_OK) : E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&refs); }
+    ULONG STDMETHODCALLTYPE Release() override { return InterlockedDecrement(&refs); }
+    QV_UNEXPECTED(Reserved1) QV_UNEXPECTED(Reserved2) QV_UNEXPECTED(Reserved3) QV_UNEXPECTED(Reserved4)
+    QV_UNEXPECTED(Reserved5) QV_UNEXPECTED(Reserved6) QV_UNEXPECTED(Reserved7) QV_UNEXPECTED(Reserved8)
+    QV_UNEXPECTED(Reserved9) QV_UNEXPECTED(Reserved10) QV_UNEXPECTED(Reserved11) QV_UNEXPECTED(Reserved12)
+    QV_UNEXPECTED(Reserved13) QV_UNEXPECTED(Reserved14)
+    HRESULT STDMETHODCALLTYPE FindMergeModule(BSTR key, BSTR version, BSTR language, IUnknown** module,
+                                              VARIANT_BOOL* found) override {
+        lookups.push_back(std::wstring(key) + L"|" + version + L"|" + language);
+        auto it = answers.find(key);
+        if (it != answers.end() && it->second.module)
+            it->second.module->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(module));
+        *found = it == answers.end() ? VARIANT_FALSE : it->second.found;
+        return result;
+    }
+    HRESULT STDMETHODCALLTYPE GetMissingMergeModuleKey(BSTR source, BSTR* key) override {
+        auto it = missingKeys.find(source);
+        EXPECT_NE(it, missingKeys.end()) << "key asked for " << narrow(source);
+        return it == missingKeys.end() ? E_UNEXPECTED : (*key = SysAllocString(it->second.c_str()), S_OK);
+    }
+    HRESULT STDMETHODCALLTYPE GetMissingMergeModuleSubject(BSTR key, BSTR* subject) override {
+        auto it = subjects.find(key);
+        EXPECT_NE(it, subjects.end()) << "subject asked for " << narrow(key);
+        return it == subjects.end() ? E_UNEXPECTED : (*subject = SysAllocString(it->second.c_str()), S_OK);
+    }
+};
+#undef QV_UNEXPECTED
+
+class Server : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(server().Create(CLSID_StaticScan, nullptr, IID_IStaticScan, scan.put_void()), S_OK);
+        priv = scan.query<IPrivStaticScan>(IID_IPrivStaticScan);
+        ASSERT_EQ(server().Create(CLSID_ScanUtil, nullptr, IID_IScanUtilValeSP1, util.put_void()), S_OK);
+    }
+    void TearDown() override {
+        priv.reset();
+        scan.reset();
+        util.reset();
+        EXPECT_EQ(sink.refs, 1) << "references left on the sink";
+        EXPECT_EQ(catalog.refs, 1) << "references left on the catalog";
+    }
+
+    // One scan through the private entry with the test's filter (pass-all by default).
+    VARIANT_BOOL run(const std::wstring& file, long type = 0, CFilterBase* filter = nullptr,
+                     recording_sink* events = nullptr) {
+        list_filter passAll;
+        VARIANT_BOOL completed = 12345;
+        EXPECT_EQ(priv->ScanWithFilter(qv::bstr(file).get(), events ? events : &sink, VARIANT_TRUE,
+                                       qv::bstr(L"").get(), &completed, filter ? filter : &passAll, type),
+                  S_OK);
+        return completed;
+    }
+    com_ptr<IDepFiles> dependencies() {
+        com_ptr<IDepFiles> files;
+        EXPECT_EQ(scan->get_Dependencies(files.put()), S_OK);
+        return files;
+    }
+    // ScanFile with the shipped lists from the support folder.
+    HRESULT scan_file(const std::wstring& file, VARIANT_BOOL filter) {
+        VARIANT_BOOL completed = 0;
+        HRESULT hr = scan->ScanFile(qv::bstr(file).get(), &sink, filter, qv::bstr(L"").get(), estAny, &completed);
+        EXPECT_EQ(completed, VARIANT_TRUE);
+        return hr;
+    }
+    record pe(const std::wstring& path) {
+        com_ptr<IDepFile> f;
+        EXPECT_EQ(util->get_PE(qv::bstr(path).get(), f.put()), S_OK);
+        return f ? read(f.get()) : record{};
+    }
+
+    com_apartment apartment;
+    fake_catalog catalog; // outlives the objects that may hold it
+    recording_sink sink;
+    com_ptr<IStaticScan> scan;
+    com_ptr<IPrivStaticScan> priv;
+    com_ptr<IScanUtilValeSP1> util;
+};
+
+TEST_F(Server, WalkOfTheFixtureTree) {
+    const std::wstring app = walk(L"app"), lib = walk(L"lib"), sys = system_dir();
+    EXPECT_EQ(run(app + L"\\app.exe"), VARIANT_TRUE);
+    // Depth first, each import after its subtree. app.exe imports alpha beta dirlike kernel32 missing_one
+    // notpe (the linker sorts them); alpha imports app.exe (walked once more) and gamma; beta imports delta
+    // epsilon GAMMA.DLL KERNEL32.DLL. The seven system names fire but are not walked or recorded.
+    EXPECT_THAT(sink.found,
+                ElementsAre(app + L"\\alpha.dll", lib + L"\\delta.dll", lib + L"\\epsilon.dll", lib + L"\\GAMMA.DLL",
+                            sys + L"\\KERNEL32.DLL", app + L"\\beta.dll", lib + L"\\dirlike.dll",
+                            sys + L"\\kernel32.dll", L"missing_one.dll", app + L"\\notpe.dll", app + L"\\app.exe",
+                            lib + L"\\gamma.dll", app + L"\\alpha.dll", app + L"\\beta.dll", lib + L"\\dirlike.dll",
+                            sys + L"\\kernel32.dll", L"missing_one.dll", app + L"\\notpe.dll"));
+    EXPECT_THAT(sink.errors, IsEmpty());
+    EXPECT_THAT(sink.unexpected, IsEmpty());
+
+    // The top file drops out; gamma.dll and GAMMA.DLL are one name of the collection. Self-registration
+    // is read with a stride of two names: gamma (only export), epsilon (third) yes, delta (second) no.
+    struct row {
+        const wchar_t* name;
+        std::wstring path;
+        VARIANT_BOOL selfReg, missing;
+    };
+    const row table[] = {
+        {L"alpha.dll", app, 0, 0},         {L"beta.dll", app, 0, 0},    {L"delta.dll", lib, 0, 0},
+        {L"epsilon.dll", lib, -1, 0},      {L"gamma.dll", lib, -1, 0},  {L"notpe.dll", app, 0, 0},
+        {L"dirlike.dll", lib, 0, 0}, // the folder of that name beside app.exe is stepped over
+        {L"missing_one.dll", L"", 0, -1},
+    };
+    auto got = records(dependencies().get());
+    EXPECT_EQ(got.size(), std::size(table));
+    for (const auto& r : table) {
+        SCOPED_TRACE(narrow(r.name));
+        ASSERT_TRUE(got.count(r.name));
+        const record& g = got[r.name];
+        EXPECT_EQ(lower(g.path), lower(r.path));
+        EXPECT_EQ(g.selfReg, r.selfReg);
+        EXPECT_EQ(g.missing, r.missing);
+        EXPECT_EQ(g.filterable, VARIANT_FALSE);
+        EXPECT_EQ(g.module, VARIANT_FALSE);
+        EXPECT_EQ(g.shared, VARIANT_FALSE);
+    }
+    EXPECT_EQ(got[L"alpha.dll"].size, static_cast<long>(read_file(app + L"\\alpha.dll").size()));
+    EXPECT_EQ(got[L"missing_one.dll"].size, 0);
+}
+
+TEST_F(Server, CollectionsByNumberNameAndEnumerator) {
+    run(walk(L"lib\\upper.exe"));
+    com_ptr<IDepFiles> files = dependencies();
+    com_ptr<IDepFile> byName, byNumber;
+    VARIANT key;
+    V_VT(&key) = VT_BSTR;
+    V_BSTR(&key) = SysAllocString(walk(L"LIB\\Gamma.DLL").c_str()); // found files stand under their path, any case
+    EXPECT_EQ(files->get_Item(key, byName.put()), S_OK);
+    VariantClear(&key);
+    EXPECT_EQ(files->get_Item(index_of(1), byNumber.put()), S_OK);
+    ASSERT_TRUE(byName && byNumber);
+    EXPECT_EQ(byName.get(), byNumber.get());
+    for (long bad : {0L, 2L, -1L}) {
+        com_ptr<IDepFile> none;
+        EXPECT_TRUE(FAILED(files->get_Item(index_of(bad), none.put()))) << bad;
+    }
+
+    // A second scan makes a new collection; the first stays as it was. app32.exe takes the 32-bit shadow.dll
+    // behind the 64-bit one earlier on the Path; only64.dll exists only for the other machine: missing.
+    run(walk(L"app32\\app32.exe"));
+    com_ptr<IDepFiles> second = dependencies();
+    EXPECT_EQ(names(files.get()), (std::set<std::wstring>{L"gamma.dll"}));
+    auto got = records(second.get());
+    EXPECT_EQ(lower(got[L"shadow.dll"].path), lower(walk(L"path32")));
+    EXPECT_EQ(got[L"only64.dll"].missing, VARIANT_TRUE);
+
+    // The enumerator: Next what is left, Skip past the end, Reset, Clone at its own position.
+    com_ptr<IUnknown> unk;
+    ASSERT_EQ(second->get__NewEnum(unk.put()), S_OK);
+    auto e = unk.query<IEnumVARIANT>(IID_IEnumVARIANT);
+    ASSERT_TRUE(e);
+    VARIANT items[3];
+    ULONG fetched = 99;
+    EXPECT_EQ(e->Next(3, items, &fetched), S_FALSE);
+    ASSERT_EQ(fetched, 2u);
+    for (ULONG i = 0; i < fetched; ++i) {
+        EXPECT_EQ(V_VT(&items[i]), VT_DISPATCH);
+        VariantClear(&items[i]);
+    }
+    EXPECT_EQ(e->Reset(), S_OK);
+    EXPECT_EQ(e->Skip(1), S_FALSE); // items remain
+    com_ptr<IEnumVARIANT> clone;
+    ASSERT_EQ(e->Clone(clone.put()), S_OK);
+    EXPECT_EQ(e->Skip(1), S_OK); // at the end now
+    EXPECT_EQ(e->Next(1, items, &fetched), S_FALSE);
+    EXPECT_EQ(fetched, 0u);
+    EXPECT_EQ(clone->Next(1, items, &fetched), S_OK);
+    EXPECT_EQ(fetched, 1u);
+    VariantClear(&items[0]);
+}
+
+TEST_F(Server, ScanTypesAndTopFilesThatAreNoImages) {
+    temp_dir tmp;
+    struct row {
+        std::wstring file;
+        long type;
+        std::set<std::wstring> records;
+        size_t events;
+    };
+    const row table[] = {
+        {walk(L"lib\\upper.exe"), 0, {L"gamma.dll"}, 2}, // KERNEL32.DLL fires, gamma.dll is recorded
+        {walk(L"lib\\upper.exe"), 1, {L"gamma.dll"}, 2}, // a plain top image: as type 0
+        {walk(L"lib\\upper.exe"), 2, {}, 0},             // no import table is read
+        {walk(L"lib\\upper.exe"), 0x8000, {L"gamma.dll"}, 2},
+        {walk(L"lib\\upper.exe"), 0x8002, {}, 0},
+        {tmp / L"absent.exe", 0, {}, 0},
+        {walk(L"app\\notpe.dll"), 0, {}, 0},
+        {walk(L"app\\dirlike.dll"), 0, {}, 0},
+        {tmp.write(L"empty.exe", ""), 0, {}, 0},
+        {walk(L"lib\\noimports.exe"), 0, {}, 0},
+    };
+    for (const auto& r : table) {
+        SCOPED_TRACE(narrow(r.file) + " type " + std::to_string(r.type));
+        sink.found.clear();
+        EXPECT_EQ(run(r.file, r.type), VARIANT_TRUE);
+        EXPECT_EQ(names(dependencies().get()), r.records);
+        EXPECT_EQ(sink.found.size(), r.events);
+    }
+    // A name without folder is found in the current folder, which the scan gives back unchanged.
+    cwd_scope here(walk(L"lib"));
+    run(L"upper.exe");
+    EXPECT_EQ(names(dependencies().get()), (std::set<std::wstring>{L"gamma.dll"}));
+    wchar_t now[MAX_PATH];
+    GetCurrentDirectoryW(MAX_PATH, now);
+    EXPECT_EQ(lower(now), lower(walk(L"lib")));
+}
+
+TEST_F(Server, FiltersDropAndMarkByFileName) {
+    list_filter filter({L"delta.dll", L"missing_one.dll"}, {L"gamma.dll"});
+    run(walk(L"app\\app.exe"), 0, &filter);
+    auto got = records(dependencies().get());
+    EXPECT_FALSE(got.count(L"delta.dll"));
+    EXPECT_FALSE(got.count(L"missing_one.dll")) << "a missing name on a list is not reported";
+    EXPECT_EQ(got[L"gamma.dll"].filterable, VARIANT_TRUE);
+    EXPECT_EQ(got[L"alpha.dll"].filterable, VARIANT_FALSE);
+    EXPECT_EQ(std::count(sink.found.begin(), sink.found.end(), walk(L"lib\\delta.dll")), 1) << "it still fires";
+    EXPECT_EQ(std::count(filter.asked.begin(), filter.asked.end(), L"missing_one.dll"), 1) << "asked once";
+    for (const auto& name : filter.asked) {
+        EXPECT_EQ(name.find(L'\\'), std::wstring::npos) << "asked by name: " << narrow(name);
+        EXPECT_NE(lower(name), L"kernel32.dll") << "the system names never reach the filter";
+    }
+    list_filter dropTop({L"app.exe"});
+    sink.found.clear();
+    run(walk(L"app\\app.exe"), 0, &dropTop);
+    EXPECT_THAT(sink.found, IsEmpty());
+}
+
+TEST_F(Server, FailuresLeaveAsExceptionsAndKeepTheLastCollection) {
+    run(walk(L"lib\\upper.exe"));
+    com_ptr<IDepFiles> before = dependencies();
+    recording_sink partial(true), failing;
+    failing.failFoundAfter = 2;
+    const std::pair<recording_sink*, HRESULT> table[] = {{&partial, E_NOINTERFACE}, {&failing, E_ABORT}};
+    for (const auto& [events, expected] : table) {
+        cwd_scope restore(module_dir());
+        try {
+            run(walk(L"app\\app.exe"), 0, nullptr, events);
+            ADD_FAILURE() << "the scan must fail";
+        } catch (const com_exception& e) {
+            EXPECT_EQ(e.Error(), expected);
+        }
+        EXPECT_EQ(dependencies().get(), before.get());
+    }
+    EXPECT_THAT(partial.found, IsEmpty()) << "a sink without FellSP2 fails before any file is read";
+    EXPECT_EQ(failing.found.size(), 2u);
+    EXPECT_EQ(partial.refs + failing.refs, 2);
+}
+
+TEST_F(Server, MergeModulesOfTheHostsCatalog) {
+    fake_module gamma(L"Gamma.Module.1", L"gamma.msm", L"Gamma module");
+    fake_module mondo(L"mondo.E4183BB4_18A8_11D5_A549_0090278A1BB8", L"mondo.msm", L"Catch-all");
+    catalog.answers[L"gamma.dll:x64"] = {&gamma, VARIANT_TRUE}; // a module the catalog has
+    catalog.answers[L"alpha.dll:x64"] = {&mondo, VARIANT_TRUE}; // the catch-all module: a plain file
+    catalog.answers[L"beta.dll:x64"] = {nullptr, VARIANT_TRUE}; // a module the catalog lacks
+    catalog.missingKeys[walk(L"app\\beta.dll")] = L"Beta.Missing";
+    catalog.subjects[L"Beta.Missing"] = L"Beta (missing)";
+    sink.catalog = &catalog;
+    run(walk(L"app\\app.exe"));
+    auto got = records(dependencies().get());
+    // A module stands under its subject, with its key for a folder; its files are not walked.
+    EXPECT_EQ(got[L"gamma module"].path, L"gamma.msm");
+    EXPECT_EQ(got[L"gamma module"].module, VARIANT_TRUE);
+    EXPECT_EQ(got[L"gamma module"].missing, VARIANT_FALSE);
+    EXPECT_EQ(got[L"beta (missing)"].path, L"Beta.Missing");
+    EXPECT_EQ(got[L"beta (missing)"].missing, VARIANT_TRUE);
+    EXPECT_EQ(got[L"alpha.dll"].module, VARIANT_FALSE);
+    EXPECT_FALSE(got.count(L"delta.dll")) << "beta's imports are the module's business";
+    EXPECT_FALSE(got.count(L"gamma.dll"));
+    EXPECT_NE(std::find(catalog.lookups.begin(), catalog.lookups.end(), L"alpha.dll:x64||0"), catalog.lookups.end())
+        << "asked with key, version and language";
+    const size_t lookups = catalog.lookups.size();
+
+    sink.catalog = nullptr;
+    run(walk(L"app\\app.exe"), 0x8000);
+    EXPECT_EQ(catalog.lookups.size(), lookups) << "32768 leaves the catalog unused";
+    EXPECT_EQ(gamma.refs + mondo.refs, 2);
+
+    // Key texts by machine, with ScanUtil's own lookup; the catch-all module is no module.
+    ASSERT_EQ(util->put_MMCatalog(&catalog), S_OK);
+    const std::pair<long, const wchar_t*> machines[] = {
+        {332, L"translations.dll"}, {34404, L"translations.dll:x64"}, {512, L"translations.dll:i64"}, {452, L""}};
+    for (const auto& [machine, key] : machines) {
+        catalog.lookups.clear();
+        com_ptr<IUnknown> module;
+        VARIANT_BOOL yes = 7;
+        EXPECT_EQ(util->InMergeModuleEx(qv::bstr(fixture(L"version\\translations.dll")).get(), machine, module.put(),
+                                        &yes),
+                  S_OK);
+        ASSERT_EQ(catalog.lookups.size(), 1u);
+        EXPECT_EQ(catalog.lookups[0], std::wstring(key) + L"|1.2.3.4|1033");
+        EXPECT_EQ(yes, VARIANT_FALSE);
+    }
+    catalog.answers[L"translations.dll:x64"] = {&mondo, VARIANT_TRUE};
+    com_ptr<IUnknown> module;
+    VARIANT_BOOL yes = 7;
+    EXPECT_EQ(util->InMergeModule(qv::bstr(fixture(L"version\\translations.dll")).get(), module.put(), &yes), S_OK);
+    EXPECT_EQ(yes, VARIANT_FALSE);
+    EXPECT_FALSE(module);
+    catalog.answers[L"translations.dll:x64"] = {&gamma, VARIANT_TRUE};
+    EXPECT_EQ(util->InMergeModule(qv::bstr(fixture(L"version\\translations.dll")).get(), module.put(), &yes), S_OK);
+    EXPECT_EQ(yes, VARIANT_TRUE);
+    EXPECT_EQ(module.get(), static_cast<IUnknown*>(&gamma));
+    module.reset();
+    util.reset();
+}
+
+TEST_F(Server, RecordsOfSingleFiles) {
+    const std::wstring sys = system_dir();
+    struct row {
+        std::wstring path;
+        const wchar_t* type; // QV_ACTIVE_PROJECT_TYPE
+        long major, minor;
+        std::vector<long> languages;
+        VARIANT_BOOL selfReg, shared;
+        std::wstring dest;
+    };
+    const row table[] = {
+        {fixture(L"version\\translations.dll"), L"0", 0x00010002, 0x00030004, {0x0407}, 0, 0, fixture(L"version")},
+        {fixture(L"version\\translations_reversed.dll"), L"0", 0x00010002, 0x00030004, {0x0409}, 0, 0, L""},
+        {fixture(L"version\\translations32.dll"), L"0", 0x00010002, 0x00030004, {0x0407}, 0, 0, L""},
+        {fixture(L"version\\no_translation.dll"), L"0", 0x00090008, 0x00070006, {}, 0, 0, L""},
+        {fixture(L"version\\no_version.dll"), L"0", 0, 0, {}, 0, 0, L""},
+        // The entry point of refuses_load.dll fails: only its export table tells that it registers itself.
+        {fixture(L"scanutil\\refuses_load.dll"), L"0", 0, 0, {}, -1, 0, L""},
+        {sys + L"\\ole32.dll", L"0", -2, -2, {}, 0, -1, L"[SystemFolder]"},
+        {sys + L"\\ole32.dll", L"1", -2, -2, {}, 0, -1, L"<WINSYSDIR>"},
+        {windows_dir() + L"\\notepad.exe", L"0", -2, -2, {}, 0, -1, L"[WindowsFolder]"},
+    };
+    registry_override machine(HKEY_LOCAL_MACHINE);
+    for (const auto& r : table) {
+        SCOPED_TRACE(narrow(r.path) + " type " + narrow(r.type));
+        env_scope type(L"QV_ACTIVE_PROJECT_TYPE", r.type);
+        record g = pe(r.path);
+        EXPECT_EQ(lower(g.name), lower(r.path.substr(r.path.rfind(L'\\') + 1)));
+        if (r.major != -2) {
+            EXPECT_EQ(g.major, r.major);
+            EXPECT_EQ(g.minor, r.minor);
+            EXPECT_EQ(g.languages, r.languages);
+        }
+        EXPECT_EQ(g.selfReg, r.selfReg);
+        EXPECT_EQ(g.shared, r.shared);
+        EXPECT_EQ(g.missing, VARIANT_FALSE);
+        EXPECT_EQ(g.size, static_cast<long>(read_file(r.path).size()));
+        if (!r.dest.empty())
+            EXPECT_EQ(lower(g.dest), lower(r.dest));
+    }
+    EXPECT_EQ(GetModuleHandleW(fixture(L"scanutil\\refuses_load.dll").c_str()), nullptr) << "never loaded";
+    // Elsewhere a file is shared when a value of SharedDlls names a file of the same name.
+    DWORD one = 1;
+    registry_override::set_value(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\SharedDlls",
+                                 L"D:\\any\\TRANSLATIONS.DLL", REG_DWORD, &one, sizeof one);
+    EXPECT_EQ(pe(fixture(L"version\\translations.dll")).shared, VARIANT_TRUE);
+    EXPECT_EQ(pe(fixture(L"version\\no_version.dll")).shared, VARIANT_FALSE);
+
+    // Anything but an image is no record, and no failure.
+    temp_dir tmp;
+    for (const std::wstring& path : {fixture(L"version\\not_an_image.dll"), tmp / L"absent.dll",
+                                     tmp.write(L"empty.dll", ""), tmp.path(), std::wstring()}) {
+        IDepFile* none = reinterpret_cast<IDepFile*>(1);
+        EXPECT_EQ(util->get_PE(qv::bstr(path).get(), &none), S_OK);
+        EXPECT_EQ(none, nullptr) << narrow(path);
+    }
+
+    // The modified time is local time to the two-second grain of DOS times.
+    const std::wstring timed = tmp.write(L"timed.dll", read_file(fixture(L"version\\no_version.dll")));
+    SYSTEMTIME utc{2021, 6, 0, 15, 13, 45, 31, 700}, local;
+    FILETIME written, localFile;
+    SystemTimeToFileTime(&utc, &written);
+    HANDLE h = CreateFileW(timed.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    SetFileTime(h, nullptr, nullptr, &written);
+    CloseHandle(h);
+    FileTimeToLocalFileTime(&written, &localFile);
+    FileTimeToSystemTime(&localFile, &local);
+    local.wSecond -= local.wSecond % 2;
+    local.wMilliseconds = 0;
+    DATE expected = 0;
+    SystemTimeToVariantTime(&local, &expected);
+    EXPECT_NEAR(pe(timed).modified, expected, 1e-7);
+}
+
+TEST_F(Server, RecordsMadeByTheClient) {
+    com_ptr<IDepFileTarn> f;
+    ASSERT_EQ(server().Create(CLSID_DepFile, nullptr, IID_IDepFileTarn, f.put_void()), S_OK);
+    record empty = read(f.get());
+    EXPECT_EQ(empty.name + empty.path + empty.dest, L"");
+    EXPECT_EQ(empty.selfReg | empty.shared | empty.missing | empty.module, VARIANT_FALSE);
+    EXPECT_EQ(f->PutName(qv::bstr(L"x.dll").get()), S_OK);
+    EXPECT_EQ(f->PutPath(qv::bstr(L"C:\\dir").get()), S_OK);
+    EXPECT_EQ(f->PutDestPath(qv::bstr(L"[SystemFolder]").get()), S_OK);
+    EXPECT_EQ(f->PutSelfReg(1), S_OK);
+    record set = read(f.get());
+    EXPECT_EQ(set.name + L"|" + set.path + L"|" + set.dest, L"x.dll|C:\\dir|[SystemFolder]");
+    EXPECT_EQ(set.selfReg, VARIANT_TRUE);
+    IUnknown* outer = reinterpret_cast<IUnknown*>(f.get());
+    void* p = nullptr;
+    EXPECT_EQ(server().Create(CLSID_DepFile, outer, IID_IUnknown, &p), CLASS_E_NOAGGREGATION);
+}
+
+TEST_F(Server, ShippedListsThroughScanFile) {
+    const std::wstring notepad = system_dir() + L"\\notepad.exe";
+    ASSERT_EQ(scan_file(notepad, VARIANT_TRUE), S_OK);
+    EXPECT_THAT(names(dependencies().get()), IsEmpty()) << "every import of notepad is the system's own";
+    ASSERT_EQ(scan_file(notepad, VARIANT_FALSE), S_OK);
+    auto kept = records(dependencies().get());
+    EXPECT_GT(kept.size(), 3u);
+    for (const auto& [name, r] : kept)
+        EXPECT_EQ(r.filterable, VARIANT_TRUE) << narrow(name);
+    ASSERT_EQ(scan_file(walk(L"lib\\upper.exe"), 1), S_OK);
+    EXPECT_EQ(names(dependencies().get()), (std::set<std::wstring>{L"gamma.dll"}));
+
+    // Without well-formed lists the scan fails before it reads a file, and says which file and why.
+    temp_dir tmp;
+    tmp.write(L"broken\\filters.xml", "<Filters><Exclude><File name=\"x.dll\"></Exclude>");
+    const std::pair<std::wstring, const wchar_t*> table[] = {
+        {tmp.mkdir(L"empty"), L"does not exist"}, {tmp / L"broken", L"it is not a well-formed XML document ("}};
+    for (const auto& [dir, why] : table) {
+        env_scope support(L"QV_SUPPORT_DIR", dir.c_str());
+        sink.found.clear();
+        try {
+            scan_file(walk(L"lib\\upper.exe"), VARIANT_FALSE);
+            ADD_FAILURE() << "no lists in " << narrow(dir);
+        } catch (const com_exception& e) {
+            std::wstring text = qv::take_error_description();
+            EXPECT_NE(lower(text).find(lower(dir + L"\\filters.xml: ")), std::wstring::npos) << narrow(text);
+            EXPECT_NE(text.find(why), std::wstring::npos) << narrow(text);
+            EXPECT_NE(text.back(), L'\n') << narrow(text);
+            EXPECT_NE(text.back(), L' ') << narrow(text);
+        }
+        EXPECT_THAT(sink.found, IsEmpty());
+    }
+    // A name with a double quote cannot go into the list query: the scan fails and names it.
+    const std::wstring quote = tmp.write(L"quote.exe", image_writer().import("bad\"name.dll").build().str());
+    EXPECT_THROW(scan_file(quote, VARIANT_TRUE), com_exception);
+    EXPECT_NE(qv::take_error_description().find(L"bad\"name.dll"), std::wstring::npos);
+}
+
+TEST_F(Server, AggregationAndLateBinding) {
+    struct outer_object : IUnknown {
+        LONG refs = 1;
+        IUnknown* inner = nullptr;
+        HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
+            if (!IsEqualIID(iid, IID_IUnknown))
+                return inner->QueryInterface(iid, ppv);
+            *ppv = this;
+            return AddRef(), S_OK;
+        }
+        ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
+        ULONG STDMETHODCALLTYPE Release() override { return --refs; }
+    } outer;
+    for (const CLSID* clsid : {&CLSID_StaticScan, &CLSID_ScanUtil}) {
+        ASSERT_EQ(server().Create(*clsid, &outer, IID_IUnknown, reinterpret_cast<void**>(&outer.inner)), S_OK);
+        IDispatch* through = nullptr;
+        ASSERT_EQ(outer.QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&through)), S_OK);
+        IUnknown* back = nullptr;
+        ASSERT_EQ(through->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&back)), S_OK);
+        EXPECT_EQ(back, static_cast<IUnknown*>(&outer));
+        back->Release();
+        through->Release();
+        EXPECT_EQ(outer.refs, 1);
+        outer.inner->Release();
+    }
+
+    // A script's view of the results: the type library registered in a scratch HKEY_CLASSES_ROOT only.
+    registry_override classes(HKEY_CLASSES_ROOT);
+    std::wstring path = module_dir() + L"\\QVWIScanners.dll";
+    com_ptr<ITypeLib> lib;
+    ASSERT_EQ(LoadTypeLibEx(path.c_str(), REGKIND_NONE, lib.put()), S_OK);
+    ASSERT_EQ(RegisterTypeLib(lib.get(), path.data(), nullptr), S_OK);
+    run(walk(L"lib\\upper.exe"));
+    auto invoke = [](IDispatch* d, const wchar_t* name, VARIANT* arg) {
+        LPOLESTR text = const_cast<LPOLESTR>(name);
+        DISPID id = 0;
+        EXPECT_EQ(d->GetIDsOfNames(IID_NULL, &text, 1, LOCALE_USER_DEFAULT, &id), S_OK) << narrow(name);
+        DISPPARAMS params = {arg, nullptr, arg ? 1u : 0u, 0};
+        VARIANT result;
+        VariantInit(&result);
+        EXPECT_EQ(d->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_PROPERTYGET | DISPATCH_METHOD, &params,
+                            &result, nullptr, nullptr),
+                  S_OK)
+            << narrow(name);
+        return result;
+    };
+    auto files = dependencies().query<IDispatch>(IID_IDispatch);
+    VARIANT count = invoke(files.get(), L"Count", nullptr);
+    EXPECT_EQ(V_VT(&count), VT_I4);
+    EXPECT_EQ(V_I4(&count), 1);
+    VARIANT one = index_of(1);
+    VARIANT item = invoke(files.get(), L"Item", &one);
+    ASSERT_EQ(V_VT(&item), VT_DISPATCH);
+    VARIANT name = invoke(V_DISPATCH(&item), L"Name", nullptr);
+    EXPECT_EQ(lower(V_BSTR(&name)), L"gamma.dll");
+    VariantClear(&name);
+    VariantClear(&item);
+    VARIANT file;
+    V_VT(&file) = VT_BSTR;
+    V_BSTR(&file) = SysAllocString((system_dir() + L"\\kernel32.dll").c_str());
+    VARIANT record = invoke(util.query<IDispatch>(IID_IDispatch).get(), L"PE", &file);
+    VariantClear(&file);
+    ASSERT_EQ(V_VT(&record), VT_DISPATCH);
+    name = invoke(V_DISPATCH(&record), L"Name", nullptr);
+    EXPECT_EQ(lower(V_BSTR(&name)), L"kernel32.dll");
+    VariantClear(&name);
+    VariantClear(&record);
+}
+
+TEST(ServerFrame, ClassesRegistrationAndResources) {
+    com_apartment apartment;
+    const std::pair<const CLSID*, HRESULT> table[] = {
+        {&CLSID_StaticScan, S_OK},          {&CLSID_ScanUtil, S_OK},
+        {&CLSID_DepFile, S_OK},             {&CLSID_DepChecker, CLASS_E_CLASSNOTAVAILABLE},
+        {&CLSID_VBPScan, CLASS_E_CLASSNOTAVAILABLE}, {&CLSID_DotNetAssembly, CLASS_E_CLASSNOTAVAILABLE},
+        {&IID_IUnknown, CLASS_E_CLASSNOTAVAILABLE},
+    };
+    for (const auto& [clsid, expected] : table) {
+        void* factory = reinterpret_cast<void*>(1);
+        EXPECT_EQ(server().GetClassObject(*clsid, IID_IClassFactory, &factory), expected);
+        if (factory)
+            static_cast<IClassFactory*>(factory)->Release();
+    }
+    // Registration writes nothing; the string resources are there.
+    registry_override machine(HKEY_LOCAL_MACHINE), classes(HKEY_CLASSES_ROOT);
+    auto reg = reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(
+        reinterpret_cast<void*>(GetProcAddress(server().module(), "DllRegisterServer")));
+    ASSERT_TRUE(reg);
+    EXPECT_EQ(reg(), S_OK);
+    DWORD keys = 1;
+    RegQueryInfoKeyW(classes.key(), nullptr, nullptr, nullptr, &keys, nullptr, nullptr, nullptr, nullptr, nullptr,
+                     nullptr, nullptr);
+    EXPECT_EQ(keys, 0u);
+    for (UINT id = 109; id <= 114; ++id) {
+        const wchar_t* text = nullptr;
+        EXPECT_GT(LoadStringW(server().module(), id, reinterpret_cast<LPWSTR>(&text), 0), 0) << id;
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::wstring path = walk(L"lib") + L";;" + walk(L"path64") + L";" + walk(L"path32") + L";" + system_dir() + L";" +
+                        windows_dir();
+    SetEnvironmentVariableW(L"Path", path.c_str());
+    ::testing::InitGoogleMock(&argc, argv);
+    struct unload_check : ::testing::Environment {
+        void TearDown() override {
+            com_apartment apartment;
+            EXPECT_EQ(server().CanUnloadNow(), S_OK) << "an object of the server is still alive";
+        }
+    };
+    ::testing::AddGlobalTestEnvironment(new unload_check);
+    return RUN_ALL_TESTS();
+}
