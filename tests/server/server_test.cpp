@@ -291,11 +291,11 @@ TEST_F(Server, CollectionsByNumberNameAndEnumerator) {
     run(walk(L"lib\\upper.exe"));
     com_ptr<IDepFiles> files = dependencies();
     com_ptr<IDepFile> byName, byNumber;
+    qv::bstr path(walk(L"LIB\\Gamma.DLL")); // found files stand under their path, in any case
     VARIANT key;
     V_VT(&key) = VT_BSTR;
-    V_BSTR(&key) = SysAllocString(walk(L"LIB\\Gamma.DLL").c_str()); // found files stand under their path, any case
+    V_BSTR(&key) = path.get();
     EXPECT_EQ(files->get_Item(key, byName.put()), S_OK);
-    VariantClear(&key);
     EXPECT_EQ(files->get_Item(index_of(1), byNumber.put()), S_OK);
     ASSERT_TRUE(byName && byNumber);
     EXPECT_EQ(byName.get(), byNumber.get());
@@ -660,11 +660,11 @@ TEST_F(Server, AggregationAndLateBinding) {
     EXPECT_EQ(lower(V_BSTR(&name)), L"gamma.dll");
     VariantClear(&name);
     VariantClear(&item);
+    qv::bstr kernel32(system_dir() + L"\\kernel32.dll");
     VARIANT file;
     V_VT(&file) = VT_BSTR;
-    V_BSTR(&file) = SysAllocString((system_dir() + L"\\kernel32.dll").c_str());
+    V_BSTR(&file) = kernel32.get();
     VARIANT record = invoke(util.query<IDispatch>(IID_IDispatch).get(), L"PE", &file);
-    VariantClear(&file);
     ASSERT_EQ(V_VT(&record), VT_DISPATCH);
     name = invoke(V_DISPATCH(&record), L"Name", nullptr);
     EXPECT_EQ(lower(V_BSTR(&name)), L"kernel32.dll");
