@@ -4,7 +4,7 @@
 #include "format/pe/pe_image.h"
 #include "format/pe/pe_layout.h"
 #include "format/pe/resources.h"
-#include "pe_test_support.h"
+#include "image_writer.h"
 
 #include <cstdint>
 #include <cstdio>

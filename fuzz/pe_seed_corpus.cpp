@@ -32,8 +32,8 @@ int main(int argc, char** argv) {
           image_writer()
               .section(".text", std::string(0x10, '\xC3'))
               .section(".bss", "", 0x400)
-              .import("kernel32.dll", {"GetModuleHandleW"})
-              .import("ole32.dll", {"CoInitialize", "CoCreateInstance"})
+              .import("kernel32.dll")
+              .import("ole32.dll")
               .exports({"DllCanUnloadNow", "DllGetClassObject", "DllRegisterServer", "DllUnregisterServer"})
               .build()
               .bytes);
@@ -41,7 +41,7 @@ int main(int argc, char** argv) {
           image_writer()
               .machine(L::machine::i386)
               .pe32plus(false)
-              .import("msvcrt.dll", {"malloc"})
+              .import("msvcrt.dll")
               .exports({"A", "DllRegisterServer"})
               .build()
               .bytes);
