@@ -1,0 +1,438 @@
+// The machine probes, the version readers, the project traits with QVObjMgr.DLL, QvAppServices.dll reached as the
+// library reaches it, the filter over filters.xml in the folder it names, and the sibling search, run in children.
+#include "companions.h"
+#include "dotnet/sibling_module_cache.h"
+#include "filter/qvwi_filter.h"
+#include "filter/xml_loader.h"
+#include "inc/com_error.h"
+#include "test_support.h"
+#include "toolkit/probes.h"
+#include "toolkit/version_info.h"
+#include "traits/project_traits.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <memory>
+#include <regex>
+
+using namespace qv::test;
+using std::wstring;
+using lines = std::vector<wstring>;
+
+namespace {
+
+constexpr unsigned F = qv::path_accept_file, D = qv::path_accept_folder, T = qv::path_throw_errors;
+
+TEST(Probes, PathFormsRealFilesAndSearchPathSplit) {
+    for (auto [path, absolute] : {std::pair{L"C:", true}, {L"z:rel\\x", true}, {L"\\\\a", true}, {L"\\\\", false},
+                                  {L"\\foo", false}, {L"..\\x", false}, {L"C", false}, {L"", false}, {L":C", false}})
+        EXPECT_EQ(qv::IsAbsolutePath(path), absolute) << narrow(path);
+    temp_dir dir;
+    const wstring file = dir.write(L"present.dll", "MZ"), folder = dir.mkdir(L"sub"), wild = dir / L"wild*.dll";
+    for (auto [path, flags, expected] : {std::tuple{file, F, true}, {file, D, false}, {folder, F, false},
+                                         {folder + L"\\", D, true}, {system_dir() + L"\\kernel32.dll", F | T, true},
+                                         {wild, F | D, false}, {dir / L"absent\\deeper.dll", F | D | T, false}}) // a plain no
+        EXPECT_EQ(qv::PathExists(path, flags), expected) << narrow(path) << " flags " << flags;
+    EXPECT_THROW(qv::PathExists(wild, F | D | T), qv::win32_exception); // neither not found nor access denied
+    for (const auto& [text, expected] : {std::pair<const wchar_t*, lines>{L"a;;b", {L"a", L"", L"b"}},
+                                         {L";a", {L"", L"a"}}, {L"a;;", {L"a", L""}}, {L"a;", {L"a"}}, {L"a", {L"a"}}})
+        ASSERT_EQ(qv::detail::SplitSearchPath(text), expected) << narrow(text); // a wrong split may never end
+}
+
+struct scripted_probe : qv::detail::path_probe {
+    DWORD attributes = 0, error = 0, findError = 0, finds = 0;
+    std::optional<DWORD> found;
+    DWORD Attributes(const wstring&, DWORD& e) override { return e = error, attributes; }
+    bool FindAttributes(const wstring&, DWORD& a, DWORD& e) override {
+        return ++finds, e = findError, a = found.value_or(0), found.has_value();
+    }
+    bool UrlOpens(const wstring&, bool) override { return false; }
+};
+
+TEST(Probes, PathExistsDecidesByTheError) {
+    constexpr DWORD no = INVALID_FILE_ATTRIBUTES, file = FILE_ATTRIBUTE_ARCHIVE, dir = FILE_ATTRIBUTE_DIRECTORY;
+    constexpr DWORD denied = ERROR_ACCESS_DENIED, shared = ERROR_SHARING_VIOLATION, net = ERROR_BAD_NETPATH;
+    // outcome: 0 no, 1 yes, else the error thrown; finds: how often FindFirstFileW was asked.
+    const struct { DWORD attributes, error; std::optional<DWORD> found; DWORD findError, flags, outcome, finds; } rows[] = {
+        {file, 0, {}, 0, F, 1, 0}, {file, 0, {}, 0, D, 0, 0}, {dir, 0, {}, 0, D | T, 1, 0},
+        {no, ERROR_FILE_NOT_FOUND, {}, 0, F | T, 0, 0}, {no, ERROR_PATH_NOT_FOUND, {}, 0, F | T, 0, 0},
+        {no, denied, file, 0, F, 1, 1}, {no, denied, dir, 0, F, 0, 1}, {no, denied, {}, denied, F, 0, 1},
+        {no, denied, {}, shared, F | T, shared, 1}, {no, ERROR_INVALID_NAME, {}, 0, F, 0, 0}, {no, net, {}, 0, F | T, net, 0}};
+    for (const auto& r : rows) {
+        scripted_probe probe;
+        probe.attributes = r.attributes, probe.error = r.error, probe.found = r.found, probe.findError = r.findError;
+        const DWORD outcome = [&]() -> DWORD {
+            try { return qv::detail::PathExists(L"C:\\x", r.flags, probe); } catch (const qv::win32_exception& e) { return e.Error(); }
+        }();
+        EXPECT_EQ(std::pair(outcome, probe.finds), std::pair(r.outcome, r.finds)) << "row " << &r - rows;
+    }
+}
+
+TEST(Probes, DefaultRegistryValueChecksTypeAndTerminators) {
+    using namespace std::string_literals;
+    registry_override classes(HKEY_CLASSES_ROOT);
+    const wstring full(129, L'a'); // with its terminator, the 260 bytes read
+    // odd: one byte more stored than the text has.
+    const struct { const wchar_t* key; DWORD type; wstring data; bool odd; wstring expected; } rows[] = {
+        {L".vbp", REG_SZ, L"VisualBasic.Project\0"s, false, L"VisualBasic.Project"}, {L"odd", REG_SZ, L"hi\0"s, true, L""},
+        {L"expand", REG_EXPAND_SZ, L"%X%\\y\0"s, false, L"%X%\\y"}, {L"unterminated", REG_SZ, L"hi"s, false, L""},
+        {L"multi", REG_MULTI_SZ, L"one\0two\0\0"s, false, L"one"}, {L"multi1", REG_MULTI_SZ, L"one\0two\0"s, false, L""},
+        {L"dword", REG_DWORD, L"ab"s, false, L""}, {L"full", REG_SZ, full + L'\0', false, full},
+        {L"too-long", REG_SZ, full + L"b\0"s, false, L""}};
+    for (const auto& r : rows) {
+        const wstring padded = r.data + L"########"; // so that a missing terminator is not found by chance
+        registry_override::set_value(HKEY_CLASSES_ROOT, r.key, nullptr, r.type, padded.data(),
+                                     static_cast<DWORD>(r.data.size() * sizeof(wchar_t) + r.odd));
+        EXPECT_EQ(qv::ReadDefaultRegistryValue(HKEY_CLASSES_ROOT, r.key), r.expected) << narrow(r.key);
+    }
+}
+
+TEST(Probes, ProcessorFoldersAndRedirection) {
+    SYSTEM_INFO info;
+    GetNativeSystemInfo(&info);
+    EXPECT_EQ(qv::IsAmd64(), info.wProcessorArchitecture == PROCESSOR_ARCHITECTURE_AMD64);
+    EXPECT_EQ(qv::IsItanium(), info.wProcessorArchitecture == PROCESSOR_ARCHITECTURE_IA64);
+    EXPECT_TRUE(qv::Is64BitOs() && !qv::IsWow64()); // an x64 program runs on nothing else
+    EXPECT_EQ(lower(qv::SystemFolder()), lower(system_dir() + L"\\"));
+    EXPECT_EQ(lower(qv::SystemFolder()), lower(qv::WindowsFolder() + L"system32\\"));
+    EXPECT_EQ(qv::SysWow64Folder(), qv::WindowsFolder() + L"syswow64\\");
+    EXPECT_EQ(qv::SysNativeFolder(), L"");
+
+    const qv::detail::redirection_folders folders{L"C:\\W\\system32\\", L"C:\\W\\sysnative\\", L"C:\\W\\SysWOW64\\"};
+    const struct { const wchar_t *path, *toNative, *fromNative; } rows[] = { // nullptr: unchanged
+        {L"c:\\w\\SYSTEM32\\x\\a.dll", L"C:\\W\\sysnative\\x\\a.dll", L"C:\\W\\SysWOW64\\x\\a.dll"},
+        {L"C:\\W\\syswow64\\a.dll", L"C:\\W\\system32\\a.dll", nullptr},
+        {L"C:\\W\\SysNative\\a.dll", nullptr, L"C:\\W\\system32\\a.dll"}, {L"D:\\C:\\W\\system32\\a", nullptr, nullptr}};
+    for (const auto& r : rows) {
+        EXPECT_EQ(qv::detail::MapToNativePath(r.path, true, folders), r.toNative ? r.toNative : r.path);
+        EXPECT_EQ(qv::detail::MapFromNativePath(r.path, true, folders), r.fromNative ? r.fromNative : r.path);
+        EXPECT_EQ(qv::detail::MapToNativePath(r.path, false, folders) + qv::detail::MapFromNativePath(r.path, false, folders),
+                  wstring(r.path) + r.path);
+    }
+}
+
+
+wstring Version(const wchar_t* name) { return fixture(wstring(L"version\\") + name); }
+wstring Text(const wchar_t* value) { return value ? value : L"(null)"; }
+
+// Either reader of a fixture, and whether it found a resource (Load's answer, or a fixed record).
+template <class Info> std::pair<Info, bool> Read(const wchar_t* name) {
+    if constexpr (std::is_same_v<Info, ::version_info>) {
+        Info info(Version(name));
+        return {info, info.dwSignature == VS_FFI_SIGNATURE};
+    } else {
+        Info info;
+        const bool loaded = info.Load(Version(name));
+        return {info, loaded};
+    }
+}
+std::vector<DWORD> Translations(const ::version_info& info) { return info.m_translations; }
+std::vector<DWORD> Translations(const qv::version_info& i) { return {i.m_pTranslations, i.m_pTranslations + i.m_nTranslations}; }
+
+template <class Info> class VersionInfo : public ::testing::Test {};
+using Infos = ::testing::Types<::version_info, qv::version_info>;
+TYPED_TEST_SUITE(VersionInfo, Infos);
+
+TYPED_TEST(VersionInfo, FixedRecordTranslationsAndStrings) {
+    const std::vector<DWORD> us{0x04B00409, 0x04E40407}, german{0x04E40407, 0x04B00409};
+    const struct { const wchar_t* file; DWORD ms, ls; std::vector<DWORD> translations; } files[] = {
+        {L"translations.dll", 0x10002, 0x30004, us}, {L"translations32.dll", 0x10002, 0x30004, us},
+        {L"translations_reversed.dll", 0x10002, 0x30004, german}, {L"no_translation.dll", 0x90008, 0x70006, {}},
+        {L"no_version.dll", 0, 0, {}}, {L"not_an_image.dll", 0, 0, {}}};
+    for (const auto& f : files) {
+        const auto [info, loaded] = Read<TypeParam>(f.file);
+        EXPECT_EQ(std::tuple(loaded, info.dwFileVersionMS, info.dwFileVersionLS, Translations(info)),
+                  std::tuple(f.ms != 0, f.ms, f.ls, f.translations)) << narrow(f.file);
+    }
+    // Each language of the list is paired with the code page of the FIRST entry, in list order.
+    const wchar_t *us1 = L"translations.dll", *de1 = L"translations_reversed.dll", *bare = L"no_translation.dll";
+    const struct { const wchar_t* file; const char* name; const wchar_t* expected; } lookups[] = {
+        {us1, "fileDESCRIPTION", L"Version fixture (040904B0)"}, {us1, "Shared", L"from 040904B0"},
+        {us1, "GermanUnicodeOnly", L"only under 040704B0"}, {us1, "GermanAnsiOnly", nullptr},
+        {us1, "OLESelfRegister", L""}, {us1, "\\StringFileInfo\\040704E4\\GermanAnsiOnly", L"only under 040704E4"},
+        {de1, "UsAnsiOnly", L"only under 040904E4"}, {de1, "FileDescription", nullptr},
+        {bare, "FileDescription", nullptr}, {bare, "\\StringFileInfo\\040904B0\\FileDescription", L"no translation list"},
+        {L"no_version.dll", "FileDescription", nullptr}};
+    for (const auto& c : lookups)
+        EXPECT_EQ(Text(Read<TypeParam>(c.file).first.GetString(c.name)), Text(c.expected)) << narrow(c.file) << c.name;
+}
+
+TYPED_TEST(VersionInfo, CopiesShareTheBlockAndOutliveTheOriginal) {
+    auto original = std::make_unique<TypeParam>(Read<TypeParam>(L"translations.dll").first);
+    TypeParam copy(*original), assigned = Read<TypeParam>(L"no_version.dll").first;
+    assigned = *original;
+    EXPECT_EQ(assigned.GetString("Shared"), original->GetString("Shared")); // the very same block
+    original.reset();
+    // Fresh blocks of the same size, scribbled over, take the place of a block freed too early.
+    DWORD handle = 0, size = GetFileVersionInfoSizeW(Version(L"translations.dll").c_str(), &handle);
+    std::vector<std::unique_ptr<BYTE[]>> scribbles;
+    for (int i = 0; i < 16; ++i)
+        FillMemory(scribbles.emplace_back(new BYTE[size]).get(), size, 0x5A);
+    EXPECT_EQ(Text(copy.GetString("GermanUnicodeOnly")), L"only under 040704B0");
+    EXPECT_EQ(Text(assigned.GetString("GermanUnicodeOnly")), L"only under 040704B0");
+}
+
+TEST(VersionText, FixturesSelfRegistrationAndWineDlls) {
+    EXPECT_EQ(qv::GetFileVersionText(Version(L"translations.dll"), L", "), L"1, 2, 3, 4");
+    EXPECT_TRUE(qv::IsOleSelfRegister(Version(L"translations.dll")));           // an empty value, but there
+    EXPECT_FALSE(qv::IsOleSelfRegister(Version(L"translations_reversed.dll"))); // its block is not tried
+    const auto lines = split_lines(widen(read_file(Version(L"system_versions.txt")))); // windres's "name=a.b.c.d"
+    EXPECT_EQ(lines.size(), 5u);
+    for (const wstring& line : lines) {
+        const wstring name = line.substr(0, line.find(L'=')), path = qv::SystemFolder() + name;
+        EXPECT_EQ(qv::GetFileVersionText(path, L"."), line.substr(name.size() + 1));
+        EXPECT_EQ(lower(Text(::version_info(path).GetString("OriginalFilename"))), lower(name));
+    }
+}
+
+TEST(ProjectType, FromTheVariableElseTheRegistry) {
+    env_scope unset(L"QV_ACTIVE_PROJECT_TYPE", nullptr);
+    registry_override user(HKEY_CURRENT_USER);
+    EXPECT_EQ(GetActiveProjectType(), 0);
+    const ULONGLONG one = 1; // a REG_DWORD's 4 bytes, or a REG_QWORD's 8
+    const struct { DWORD type; const void* data; DWORD size; const wchar_t* variable; int expected; } rows[] = {
+        {REG_DWORD, &one, 4, nullptr, 1}, {REG_SZ, L"1", 4, nullptr, 0}, {REG_QWORD, &one, 8, nullptr, 0},
+        {REG_DWORD, &one, 4, L"0", 0}, {REG_DWORD, &one, 4, L"5", 0}, {REG_SZ, L"1", 4, L" 1 ", 1}, {REG_SZ, L"1", 4, L"+01", 1},
+        {REG_SZ, L"1", 4, L"1x", 0}, {REG_SZ, L"1", 4, L"4294967297", 0}, {REG_DWORD, &one, 4, L"", 1}}; // "": unset
+    for (const auto& r : rows) {
+        registry_override::set_value(HKEY_CURRENT_USER, L"Software\\QVWI\\QVObjMgr", L"ActiveProjectType", r.type,
+                                     r.data, r.size);
+        env_scope variable(L"QV_ACTIVE_PROJECT_TYPE", r.variable);
+        EXPECT_EQ(GetActiveProjectType(), r.expected) << "row " << &r - rows;
+    }
+    CProjectTraitsManager& manager = CProjectTraitsManager::Instance();
+    ASSERT_EQ(manager.m_traits.size(), 2u); // both kinds, and the current one follows every change
+    for (auto [variable, kind, system] : {std::tuple{L"0", 2, L"[SystemFolder]"}, {L"1", 4, L"<WINSYSDIR>"},
+                                          {L"", 4, L"<WINSYSDIR>"}}) { // "": the registry's 1
+        env_scope set(L"QV_ACTIVE_PROJECT_TYPE", variable);
+        EXPECT_EQ(std::pair(manager.Current().KindNumber(), qv::traits::SystemFolderToken()), std::pair(kind, wstring(system)));
+    }
+    const ProjectTraits &msi = *manager.m_traits[0], &pro = *manager.m_traits[1]; // words compare exactly
+    EXPECT_TRUE(msi.KnowsPredefinedFolder(L"SystemFolder") && !pro.KnowsPredefinedFolder(L"SystemFolder"));
+    EXPECT_TRUE(pro.KnowsPredefinedFolder(L"WINDIR") && !pro.KnowsPredefinedFolder(L"windir") &&
+                msi.KnowsShortcutFolder(L"SendToFolder") && !pro.KnowsShortcutFolder(L"SendToFolder"));
+}
+
+constexpr wchar_t kChildFlag[] = L"--child", kCompanion[] = L"QvAppServices.dll";
+const wstring kMissing = L"80040154"; // REGDB_E_CLASSNOTREG
+
+wstring Hex(HRESULT hr) { wchar_t t[16]; return swprintf(t, 16, L"%08lX", static_cast<unsigned long>(hr)), t; }
+template <class Fn> HRESULT Thrown(Fn&& fn) try { return fn(), S_OK; } catch (const com_exception& e) { return e.Error(); }
+template <class T> T Export(const char* name) {
+    return reinterpret_cast<T>(reinterpret_cast<void (*)()>(GetProcAddress(GetModuleHandleW(kCompanion), name)));
+}
+
+class Companion : public ::testing::Test { // an apartment, a support folder, and no object of the companion left
+protected:
+    void TearDown() override { EXPECT_EQ(CanUnloadNow(), S_OK) << "an object of the companion is alive"; }
+    static HRESULT CanUnloadNow() { return Export<HRESULT(STDAPICALLTYPE*)()>("DllCanUnloadNow")(); }
+    template <class T> qv::com_ptr<T> Create(REFCLSID clsid, REFIID iid) {
+        qv::com_ptr<T> object;
+        EXPECT_EQ(CoCreateFromLibrary(kCompanion, clsid, iid, object.put()), S_OK);
+        return object;
+    }
+    com_apartment m_apartment;
+    temp_dir m_support;
+    env_scope m_supportDir{L"QV_SUPPORT_DIR", m_support.path().c_str()};
+};
+
+struct probe_filter : CQVWIFilter { using CQVWIFilter::Match; };
+
+TEST_F(Companion, FilterListsAndTheirLoading) {
+    m_support.write(L"filters.xml", R"(<Filters><Include><File name="both.dll"/><File name="keep.dll"/></Include>
+  <Exclude><File name="both.dll"/><File name="foo.dll"/><File name="bar.ni.dll"/><File name="Upper.dll"/></Exclude>
+</Filters>)");
+    probe_filter filter;
+    for (auto [name, filtering, inList] : {std::tuple{L"both.dll", true, false}, {L"keep.dll", true, false},
+                                           {L"Foo.Dll", true, true}, {L"foo.dll", false, true}, {L"Upper.dll", true, false},
+                                           {L"FOO.NI.DLL", true, true}, {L"both.ni.dll", true, false},
+                                           {L"bar.ni.dll", true, true}, {L"foo.ni.dll.old", true, false}}) {
+        filter.SetFiltering(filtering);
+        bool listed = !inList, dropped = !inList;
+        EXPECT_EQ(filter.Match(name, listed, dropped), inList) << narrow(name);
+        EXPECT_EQ(std::tuple(listed, dropped, filter.Filter(name, listed)),
+                  std::tuple(inList, inList && filtering, inList && filtering)) << narrow(name);
+    }
+    bool listed = true; // names go into the query unescaped: a double quote breaks it
+    EXPECT_TRUE(FAILED(Thrown([&] { filter.Filter(L"a\"b.dll", listed); })) && !listed);
+    const wstring start = L"cannot load " + m_support / L"filters.xml" + L": ";
+    DeleteFileW((m_support / L"filters.xml").c_str()); // lists that cannot be loaded are thrown with the reason
+    EXPECT_EQ(Thrown([&] { filter.SetFiltering(true); }), E_FAIL);
+    EXPECT_EQ(qv::take_error_description(), start + L"the file does not exist");
+    for (const char* text : {"", "kernel32.dll\n", "<Filters><Exclude/>", "<Filters/><Filters/>"}) {
+        m_support.write(L"filters.xml", text);
+        EXPECT_EQ(Thrown([&] { filter.SetFiltering(false); }), E_FAIL) << text;
+        const wstring why = qv::take_error_description(), prefix = start + L"it is not a well-formed XML document (";
+        const size_t end = why.rfind(L" at line ") == wstring::npos ? why.size() - 1 : why.rfind(L" at line ");
+        ASSERT_TRUE(why.compare(0, prefix.size(), prefix) == 0 && end > prefix.size()) << narrow(why);
+        EXPECT_TRUE(!iswspace(why[end - 1]) && why.back() == L')') << narrow(why); // the parser's reason, trimmed
+    }
+}
+
+
+TEST_F(Companion, FilterShippedDataAndMsxmlVersions) {
+    env_scope shipped(L"QV_SUPPORT_DIR", nullptr);
+    CQVWIFilter filter;
+    filter.SetFiltering(true);
+    for (auto [name, dropped] : {std::pair{L"kernel32.dll", true}, {L"OLE32.DLL", true}, {L"kernel32.ni.dll", true},
+                                 {L"api-ms-win-crt-runtime-l1-1-0.dll", true}, {L"msvcp140.dll", false}, {kCompanion, false}}) {
+        bool inList = !dropped;
+        EXPECT_EQ(std::pair(filter.Filter(name, inList), inList), std::pair(dropped, dropped)) << narrow(name);
+    }
+    // MSXML: the newest version the machine has, known by the name it registers; unknown classes passed over.
+    auto classOf = [](std::span<const CLSID> classes) {
+        qv::com_ptr<IPersistStreamInit> persist;
+        CLSID clsid = {};
+        detail::CreateXmlDocument(classes)->QueryInterface(IID_IPersistStreamInit, persist.put_void());
+        return persist && SUCCEEDED(persist->GetClassID(&clsid)), clsid;
+    };
+    CLSID newest = {}, oldest = {};
+    ASSERT_EQ(CLSIDFromProgID(L"Msxml2.DOMDocument.6.0", &newest) | CLSIDFromProgID(L"Msxml2.DOMDocument.3.0", &oldest), S_OK);
+    EXPECT_EQ(classOf(kXmlDocumentClasses), newest);
+    EXPECT_EQ(classOf(std::vector{CLSID_NULL, oldest, newest}), oldest);
+    qv::com_ptr<IUnknown> object; // without a library name, CoCreateFromLibrary is plain CoCreateInstance
+    EXPECT_EQ(CoCreateFromLibrary(L"", newest, IID_IUnknown, object.put()), S_OK);
+    EXPECT_EQ(CoCreateFromLibrary(L"", CLSID_NULL, IID_IUnknown, object.put()), REGDB_E_CLASSNOTREG);
+}
+
+TEST_F(Companion, ServicesStrongNameAndResultGroups) {
+    env_scope support(L"QV_SUPPORT_DIR", nullptr);
+    auto services = Create<IQvAppServices>(CLSID_QvAppServices, IID_IQvAppServices);
+    auto strong = Create<IQvStrongNameServices>(CLSID_QvAppServices, IID_IQvStrongNameServices);
+    auto answers = [&] {
+        qv::bstr a[4];
+        EXPECT_EQ(services->GetSupportFolder(a[0].put()) | services->GetProgramsFolder(a[1].put()) |
+                      services->GetPath(8, a[2].put()) | strong->GetStrongNameLibrary(a[3].put()), S_OK);
+        return std::vector<wstring>{lower(a[0].str()), lower(a[1].str()), lower(a[2].str()), lower(a[3].str())};
+    };
+    const wstring here = lower(module_dir());
+    const std::vector<wstring> defaults{here + L"\\support", here, here + L"\\qvsettings.xml", here + L"\\qvappservices.dll"};
+    EXPECT_EQ(answers(), defaults);
+    const wchar_t* variables[] = {L"QV_SUPPORT_DIR", L"QV_PROGRAMS_DIR", L"QV_SETTINGS_PATH", L"QV_STRONGNAME_LIBRARY"};
+    for (size_t i = 0; i < 4; ++i) {
+        env_scope set(variables[i], L"D:\\Tool Data\\x");
+        std::vector<wstring> expected = defaults;
+        expected[i] = L"d:\\tool data\\x";
+        EXPECT_EQ(answers(), expected) << narrow(variables[i]);
+        env_scope empty(variables[i], L""); // an empty variable does not count
+        EXPECT_EQ(answers(), defaults) << narrow(variables[i]);
+    }
+    auto token = Export<BOOLEAN(__stdcall*)(BYTE*, ULONG, BYTE**, ULONG*)>("StrongNameTokenFromPublicKey");
+    auto release = Export<void(__stdcall*)(BYTE*)>("StrongNameFreeBuffer");
+    auto tokenOf = [&](std::string blob) {
+        BYTE* out = nullptr;
+        ULONG size = 0;
+        std::string hex = token(reinterpret_cast<BYTE*>(blob.data()), ULONG(blob.size()), &out, &size) ? "" : "no";
+        for (ULONG i = 0; i < size; ++i)
+            hex += "0123456789abcdef"[out[i] >> 4], hex += "0123456789abcdef"[out[i] & 15];
+        return release(out), hex;
+    };
+    const std::string key = read_file(fixture(L"appservices\\public_key.bin"));
+    EXPECT_EQ(tokenOf(key), read_file(fixture(L"appservices\\public_key.token")).substr(0, 16));
+    EXPECT_EQ(tokenOf(std::string("\0\0\0\0\0\0\0\0\4\0\0\0\0\0\0\0", 16)), "b77a5c561934e089"); // the published one
+    EXPECT_EQ(tokenOf(key.substr(0, 159)), "no");
+
+
+    auto group = Create<IQvDepFileGroup>(CLSID_QvDepFileGroup, IID_IQvDepFileGroup);
+    auto groups = Create<IQvDepFileGroups>(CLSID_QvDepFileGroups, IID_IQvDepFileGroups);
+    auto files = reinterpret_cast<IDepFiles*>(services.get()); // a group only holds its files and hands them back
+    // The server calls Init by its slot, the seventh method after IUnknown's, and Add, the fourth.
+    void* init = (*reinterpret_cast<void***>(group.get()))[3 + 6];
+    void* add = (*reinterpret_cast<void***>(groups.get()))[3 + 3];
+    qv::bstr name(L"C:\\app\\Project1.vbp");
+    EXPECT_EQ(reinterpret_cast<HRESULT(STDMETHODCALLTYPE*)(void*, IDepFiles*, BSTR)>(init)(group.get(), files, name.get()) |
+              reinterpret_cast<HRESULT(STDMETHODCALLTYPE*)(void*, void*)>(add)(groups.get(), group.get()), S_OK);
+    group.reset();
+    EXPECT_EQ(CanUnloadNow(), S_FALSE);
+    long count = 0;
+    qv::com_ptr<IQvDepFileGroup> item;
+    qv::com_ptr<IDepFiles> back;
+    ASSERT_EQ(groups->get_Count(&count) | groups->get_Item(1, item.put()), S_OK);
+    EXPECT_EQ(item->get_Name(name.put()) | item->get_Files(back.put()), S_OK);
+    EXPECT_EQ(std::tuple(count, name.str(), back.get()), std::tuple(1L, wstring(L"C:\\app\\Project1.vbp"), files));
+}
+
+
+// One output line (into the file args[0]) per command: "commonfiles|<folder>" (in the most bytes read), "get|<name>"
+// (<hr> <its programs folder>), "filter" (<hr>), "folders" (<entry> lines, then whether kept after a change of Path).
+int RunChild(const std::vector<wstring>& args) {
+    wstring out;
+    com_apartment apartment;
+    registry_override machine(HKEY_LOCAL_MACHINE);
+    for (size_t i = 1; i < args.size(); ++i) {
+        const wstring verb = args[i].substr(0, args[i].find(L'|')), name = args[i].substr(verb.size() + (verb != args[i]));
+        qv::com_ptr<IQvAppServices> services;
+        qv::bstr folder;
+        HRESULT hr = verb == L"filter" ? Thrown([] { CQVWIFilter().SetFiltering(false); }) : S_OK;
+        if (verb == L"commonfiles")
+            registry_override::set_value(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion",
+                                         L"CommonFilesDir", REG_SZ, (name + wstring(MAX_PATH, L'\0')).data(), MAX_PATH * 2);
+        if (verb == L"get" && SUCCEEDED(hr = CoCreateFromLibrary(name, CLSID_QvAppServices, IID_IQvAppServices, services.put())))
+            hr = services->GetProgramsFolder(folder.put());
+        if (verb == L"folders") {
+            const std::vector<wstring> first = qv::GetSearchFolders();
+            for (const wstring& entry : first)
+                out += L"<" + entry + L">\n";
+            SetEnvironmentVariableW(L"Path", L"changed;later");
+            out += qv::GetSearchFolders() == first ? L"kept\n" : L"changed\n";
+        } else
+            out += Hex(hr) + (folder.str().empty() ? L"" : L" " + folder.str()) + L"\n";
+    }
+    const std::string bytes = narrow(out);
+    FILE* file = args.empty() ? nullptr : _wfopen(args[0].c_str(), L"wb");
+    return file && fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() && fclose(file) == 0 ? 0 : 3;
+}
+
+// Runs the commands in a child with the companion in the folders given; compares its lines without regard to case.
+void ExpectChild(const lines& companions, const lines& commands, const lines& expected) {
+    temp_dir dir;
+    for (const wchar_t* file : {L"toolkit_tests.exe", L"QVObjMgr.DLL"})
+        dir.copy(module_dir() + L"\\" + file, L"root\\one\\two\\app\\" + wstring(file));
+    for (const wstring& to : companions) // a folder for QvAppServices.dll, or a file name of its own
+        dir.copy(module_dir() + L"\\" + kCompanion, to.substr(4) + (to.ends_with(L".dll") ? L"" : wstring(L"\\") + kCompanion));
+    wstring line = wstring(kChildFlag) + L" \"" + (dir / L"out.txt") + L"\"";
+    for (const wstring& command : commands)
+        line += L" \"" + std::regex_replace(command, std::wregex(L"\\{T\\}"), dir.path()) + L"\"";
+    ASSERT_EQ(run_child(dir / L"root\\one\\two\\app\\toolkit_tests.exe", line, dir.path()), std::optional<DWORD>(0));
+    wstring want;
+    for (const wstring& text : expected)
+        want += text + L"\n";
+    EXPECT_EQ(lower(widen(read_file(dir / L"out.txt"))), lower(std::regex_replace(want, std::wregex(L"\\{T\\}"), dir.path())));
+}
+
+TEST(Children, SearchFoldersOfTheirOwnPathExpandedAndKept) {
+    env_scope qvx(L"QVX", L"C:\\qv x"), path(L"Path", L"a;;%QVX%;b;%QVX%\\bin;%QVX_UNSET%;");
+    ExpectChild({}, {L"folders"}, {L"<a>", L"<>", L"<C:\\qv x>", L"<b>", L"<C:\\qv x\\bin>", L"<%QVX_UNSET%>", L"kept"});
+    ExpectChild({}, {L"filter"}, {kMissing}); // the filter without the services library
+}
+
+TEST(Children, SiblingLadderFirstExistingFolderWins) {
+    const std::vector<wstring> ladder = {L"{T}\\root\\one\\two\\app", L"{T}\\root\\one\\two\\app\\System",
+                                         L"{T}\\common\\Qorvex", L"{T}\\common\\Qorvex\\Zephal",
+                                         L"{T}\\root\\one\\two\\System\\x64", L"{T}\\root\\System\\x64"};
+    for (size_t from = 0; from < ladder.size(); ++from)
+        ExpectChild({ladder.begin() + from, ladder.end()}, {L"commonfiles|{T}\\common", L"get|QvAppServices.dll"},
+                    {L"00000000", L"00000000 " + ladder[from]});
+    ExpectChild({ladder[2], ladder[5]}, {L"get|QvAppServices.dll"}, {L"00000000 " + ladder[5]}); // no CommonFilesDir
+    ExpectChild({ladder[0] + L"\\System\\x64"}, {L"get|QvAppServices.dll"}, {kMissing});
+}
+
+// A failed load is not entered; a name seen before is not searched again, even when the search would now find
+// another file; another spelling is another entry.
+TEST(Children, SiblingCacheKeyedByTheExactSpelling) {
+    ExpectChild({L"{T}\\common\\Qorvex", L"{T}\\common\\Qorvex\\Other.dll", L"{T}\\root\\System\\x64"},
+                {L"get|Other.dll", L"get|QvAppServices.dll", L"commonfiles|{T}\\common", L"get|Other.dll",
+                 L"get|QvAppServices.dll", L"get|qvappservices.dll"},
+                {kMissing, L"00000000 {T}\\root\\System\\x64", L"00000000", L"00000000 {T}\\common\\Qorvex",
+                 L"00000000 {T}\\root\\System\\x64", L"00000000 {T}\\common\\Qorvex"});
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (auto args = child_arguments(kChildFlag))
+        return RunChild(*args);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
