@@ -1,12 +1,7 @@
 #!/usr/bin/env python3
-"""The command-line host as a person and a pipeline use it, checked on the Linux side.
-
-  cli_test.py --emulator WINE_RUN --tool QVSCAN_EXE --dump WALK_DUMP --prefix PREFIX --fixtures DIR CASE
-
-CASE: json (real system programs against an independent reading of their import tables, and the fixture
-tree record by record), table (the aligned table), exits (usage errors, exit codes, messages), script (a
-JScript client through the registration entries, in a prefix of its own).
-"""
+"""The command-line host as a person and a pipeline use it, checked on the Linux side. CASE: json (real
+programs against an independent reading of their import tables; the fixture tree record by record), table,
+exits (usage errors, exit codes, messages), script (a JScript client through the registration entries)."""
 import argparse, json, os, shutil, subprocess, sys, tempfile
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "static"))
@@ -31,8 +26,7 @@ def case_json(a):
     for top in [NOTEPAD, "C:\\windows\\regedit.exe"]:
         r = run(a, ["static", top, "--no-filter", "--json"])
         expect(r.returncode == 0 and r.stderr == "", f"{top}: exit {r.returncode}, stderr {r.stderr!r}")
-        doc = json.loads(r.stdout)
-        deps = doc["dependencies"]
+        doc, deps = json.loads(r.stdout), json.loads(r.stdout)["dependencies"]
         expect(doc["completed"] and doc["exists"] and doc["summary"]["files"] == len(deps), f"{top}: summary")
         dump = subprocess.run([a.emulator, a.dump, top], capture_output=True, text=True, errors="replace").stdout
         search = [l.split("\t", 1)[1] if "\t" in l else "" for l in dump.splitlines() if l.startswith("folder")]

@@ -12,11 +12,9 @@
 #include <cstdio>
 
 int wmain(int argc, wchar_t** argv) {
-    if (argc != 2) {
-        fprintf(stderr, "usage: walk_dump FILE\n");
-        return 2;
-    }
     using qv::test::narrow;
+    if (argc != 2)
+        return fprintf(stderr, "usage: walk_dump FILE\n"), 2;
     for (const auto& folder : qv::GetSearchFolders())
         printf("folder\t%s\n", narrow(folder).c_str());
     qv::test::recording_sink sink;
@@ -24,8 +22,7 @@ int wmain(int argc, wchar_t** argv) {
     try {
         walker.Scan(argv[1], &sink, nullptr, L"", 0);
     } catch (const com_exception& e) {
-        fprintf(stderr, "walk_dump: scan failed: 0x%08lx\n", static_cast<unsigned long>(e.Error()));
-        return 1;
+        return fprintf(stderr, "walk_dump: scan failed: 0x%08lx\n", static_cast<unsigned long>(e.Error())), 1;
     }
     for (const auto& path : sink.found)
         printf("event\t%s\n", narrow(path).c_str());

@@ -1,6 +1,9 @@
 #include "test_support.h"
 
+#include <algorithm>
 #include <cwctype>
+#include <filesystem>
+#include <fstream>
 #include <shellapi.h>
 #include <shlobj.h>
 #include <stdexcept>
@@ -26,16 +29,8 @@ std::wstring system_dir() {
 }
 
 std::string read_file(const std::wstring& path) {
-    HANDLE h = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (h == INVALID_HANDLE_VALUE)
-        return {};
-    std::string bytes;
-    char buffer[65536];
-    DWORD got = 0;
-    while (ReadFile(h, buffer, sizeof buffer, &got, nullptr) && got > 0)
-        bytes.append(buffer, got);
-    CloseHandle(h);
-    return bytes;
+    std::ifstream in(std::filesystem::path(path), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 std::string narrow(const std::wstring& text) {
@@ -79,13 +74,8 @@ temp_dir::~temp_dir() {
 std::wstring temp_dir::write(const std::wstring& name, const std::string& bytes) const {
     std::wstring full = *this / name;
     make_dirs(full.substr(0, full.find_last_of(L'\\')));
-    HANDLE h = CreateFileW(full.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    DWORD written = 0;
-    BOOL ok = h != INVALID_HANDLE_VALUE &&
-              WriteFile(h, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
-    if (h != INVALID_HANDLE_VALUE)
-        CloseHandle(h);
-    if (!ok || written != bytes.size())
+    std::ofstream out(std::filesystem::path(full), std::ios::binary);
+    if (!out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())).flush())
         throw std::runtime_error("cannot write " + narrow(full));
     return full;
 }
@@ -183,9 +173,7 @@ std::optional<std::vector<std::wstring>> child_arguments(const wchar_t* flag) {
 std::vector<std::wstring> split_lines(const std::wstring& text) {
     std::vector<std::wstring> lines;
     for (size_t start = 0, end; start < text.size(); start = end + 1) {
-        end = text.find(L'\n', start);
-        if (end == std::wstring::npos)
-            end = text.size();
+        end = std::min(text.find(L'\n', start), text.size());
         lines.push_back(text.substr(start, end - start));
         if (!lines.back().empty() && lines.back().back() == L'\r')
             lines.back().pop_back();

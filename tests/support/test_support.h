@@ -26,8 +26,6 @@ public:
     temp_dir();
     ~temp_dir();
     temp_dir(const temp_dir&) = delete;
-    temp_dir& operator=(const temp_dir&) = delete;
-
     const std::wstring& path() const { return m_path; }
     std::wstring operator/(const std::wstring& name) const { return m_path + L"\\" + name; }
     // Each makes sub folders as needed and returns the full path.
@@ -45,7 +43,6 @@ public:
     env_scope(const wchar_t* name, const wchar_t* value);
     ~env_scope();
     env_scope(const env_scope&) = delete;
-    env_scope& operator=(const env_scope&) = delete;
 
 private:
     std::wstring m_name, m_old;
@@ -58,7 +55,6 @@ public:
     explicit cwd_scope(const std::wstring& dir);
     ~cwd_scope();
     cwd_scope(const cwd_scope&) = delete;
-    cwd_scope& operator=(const cwd_scope&) = delete;
 
 private:
     std::wstring m_old;
@@ -71,7 +67,6 @@ public:
     explicit registry_override(HKEY predefined);
     ~registry_override();
     registry_override(const registry_override&) = delete;
-    registry_override& operator=(const registry_override&) = delete;
     HKEY key() const { return m_key; }
     // Creates root\subkey and sets a value (nullptr: the default one) to raw bytes.
     static void set_value(HKEY root, const std::wstring& subkey, const wchar_t* name, DWORD type, const void* data,
@@ -115,7 +110,6 @@ public:
             CoUninitialize();
     }
     com_apartment(const com_apartment&) = delete;
-    com_apartment& operator=(const com_apartment&) = delete;
 
 private:
     HRESULT m_hr;
