@@ -328,6 +328,12 @@ TEST_F(Server, ScanTypesAndTopFilesThatAreNoImages) {
         EXPECT_EQ(names(dependencies().get()), r.records);
         EXPECT_EQ(sink.found.size(), r.events);
     }
+    // The machine test reads a candidate's headers wherever they lie: far.dll's begin 8 KiB into the file.
+    tmp.write(L"far\\far.dll", image_writer().header_offset(0x2000).build().str());
+    run(tmp.write(L"far\\top.exe", image_writer().dll(false).import("far.dll").build().str()));
+    EXPECT_EQ(records(dependencies().get())[L"far.dll"].missing, VARIANT_FALSE);
+    run(tmp.write(L"far\\top32.exe", image_writer().machine(0x14c).pe32plus(false).import("far.dll").build().str()));
+    EXPECT_EQ(records(dependencies().get())[L"far.dll"].missing, VARIANT_TRUE) << "an image of the other machine";
     // A name without folder is found in the current folder, which the scan gives back unchanged.
     cwd_scope here(walk(L"lib"));
     run(L"upper.exe");

@@ -1,29 +1,17 @@
 #!/usr/bin/env python3
-"""Cross-checks the import walk of real system files against objdump's reading of the same files.
-
-For each file, walk_dump (run under Wine) prints the walker's events and maps. Independently, this
-script reads every import table with objdump, resolves each name along the same folders by the
-same rules (current folder = the file's folder, then the Path folders; a folder of that name is
-stepped over, an image of another machine too, a file that is no image is taken), and rebuilds what
-the two maps and the event list must be. Any difference fails the check.
-"""
-import argparse
-import os
-import re
-import subprocess
-import sys
+"""The import walk of real system files (walk_dump, under Wine) against objdump's reading of their import
+tables, each name resolved along the same folders by the same rules: the file's folder, then the Path; a folder
+of that name and an image of another machine are stepped over, a file that is no image is taken."""
+import argparse, functools, os, re, subprocess, sys
 
 SKIP = {"kernel32.dll", "ntdll.dll", "user32.dll", "gdi32.dll", "advapi32.dll", "shell32.dll", "ole32.dll"}
 
 
 def win_to_unix(prefix, path):
     m = re.match(r"^([A-Za-z]):\\(.*)$", path)
-    if not m:
-        return None
-    drive = m.group(1).lower()
-    rest = m.group(2).replace("\\", "/")
+    drive = m and m.group(1).lower()
     base = os.path.join(prefix, "drive_" + drive) if drive != "z" else "/"
-    return resolve_case(base, rest)
+    return m and resolve_case(base, m.group(2).replace("\\", "/"))
 
 
 def resolve_case(base, rest):  # base/rest found without regard to case, as Wine does; None when absent
@@ -42,13 +30,9 @@ def resolve_case(base, rest):  # base/rest found without regard to case, as Wine
     return cur
 
 
-_cache = {}
-
-
+@functools.lru_cache(maxsize=None)
 def read_image(path):
     """(machine, [import names]) of a PE image, or None for a file objdump cannot read as one."""
-    if path in _cache:
-        return _cache[path]
     out = subprocess.run(["x86_64-w64-mingw32-objdump", "-p", path], capture_output=True, text=True,
                          errors="replace")
     result = None
@@ -67,7 +51,6 @@ def read_image(path):
         off = int.from_bytes(data[60:64], "little")
         machine = int.from_bytes(data[off + 4:off + 6], "little")
         result = (machine, names)
-    _cache[path] = result
     return result
 
 

@@ -5,6 +5,7 @@
 #include "filter/qvwi_filter.h"
 #include "filter/xml_loader.h"
 #include "inc/com_error.h"
+#include "server/dep_file.h"
 #include "test_support.h"
 #include "toolkit/probes.h"
 #include "toolkit/version_info.h"
@@ -98,6 +99,10 @@ TEST(Probes, ProcessorFoldersAndRedirection) {
     EXPECT_EQ(lower(qv::SystemFolder()), lower(qv::WindowsFolder() + L"system32\\"));
     EXPECT_EQ(qv::SysWow64Folder(), qv::WindowsFolder() + L"syswow64\\");
     EXPECT_EQ(qv::SysNativeFolder(), L"");
+    // Under WOW64 the SharedDlls entry of a 64-bit image lives in the registry's 64-bit view.
+    using qv::dep_file_detail::SharedDllsAccess;
+    EXPECT_EQ(SharedDllsAccess(true, IMAGE_FILE_MACHINE_AMD64), KEY_READ | KEY_WOW64_64KEY);
+    EXPECT_EQ(SharedDllsAccess(true, IMAGE_FILE_MACHINE_I386) | SharedDllsAccess(false, IMAGE_FILE_MACHINE_IA64), KEY_READ);
 
     const qv::detail::redirection_folders folders{L"C:\\W\\system32\\", L"C:\\W\\sysnative\\", L"C:\\W\\SysWOW64\\"};
     const struct { const wchar_t *path, *toNative, *fromNative; } rows[] = { // nullptr: unchanged
