@@ -15,6 +15,7 @@
 #include <objbase.h>
 #include <oleauto.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cwchar>
 #include <exception>
@@ -26,6 +27,7 @@
 #include "inc/com_error.h"
 #include "inc/com_exception.h"
 #include "inc/com_ptr.h"
+#include "toolkit/path_helpers.h"
 
 using namespace qvscan;
 
@@ -304,6 +306,21 @@ bool exists(const std::wstring& path) {
     return attributes != INVALID_FILE_ATTRIBUTES && !(attributes & FILE_ATTRIBUTE_DIRECTORY);
 }
 
+// Why a FILE that is not a file on disk cannot be scanned, in words: a folder, a device, or what the
+// system says of it (a link that leads nowhere, say); "no such file" when it simply is not there.
+std::string not_a_file(const std::wstring& path) {
+    if (qv::IsDeviceName(path))
+        return "is a device, not a file";
+    SetLastError(0);
+    DWORD attributes = GetFileAttributesW(path.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES)
+        return "is a folder, not a file";
+    DWORD error = GetLastError();
+    if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND || error == 0)
+        return "no such file";
+    return describe(HRESULT_FROM_WIN32(error));
+}
+
 struct options {
     std::wstring command, file, lang;
     long type = 0;
@@ -332,13 +349,18 @@ options parse(int argc, wchar_t** argv) {
             o.json = true;
         } else if (o.command == L"static" && a == L"--lang") {
             o.lang = value("--lang");
+            if (o.lang.size() > 64)
+                throw usage_error{"--lang wants a language of a .dep file (such as 0409 or enu), not " +
+                                  std::to_string(o.lang.size()) + " characters"};
         } else if (o.command == L"static" && a == L"--type") {
             std::wstring v = value("--type");
             wchar_t* end = nullptr;
-            long n = std::wcstol(v.c_str(), &end, 0);
-            if (v.empty() || *end != L'\0' || n < 0)
-                throw usage_error{"--type wants a whole number (0, 1, 2, optionally with 32768 added)"};
-            o.type = n;
+            errno = 0;
+            long long n = std::wcstoll(v.c_str(), &end, 0);
+            // The scan mode in the low bits (0, 1 or 2), and 32768 to leave the merge-module catalog out.
+            if (v.empty() || *end != L'\0' || errno == ERANGE || n < 0 || n > 32770 || (n & 32767) > 2)
+                throw usage_error{"--type wants 0, 1 or 2, optionally with 32768 added"};
+            o.type = static_cast<long>(n);
         } else if (o.command == L"static" && a == L"--no-filter") {
             o.filter = false;
         } else if (registers && a == L"--user") {
@@ -411,8 +433,14 @@ int run_static(const server_dll& dll, const options& o) {
             " merge modules (marks: M missing, F filterable, G merge module, S shared, R self-registering)\n");
     }
     if (!present) {
-        err("qvscan: " + utf8(file) + ": no such file\n");
+        err("qvscan: " + utf8(file) + ": " + not_a_file(file) + "\n");
         return ExitNoFile;
+    }
+    if (records.empty() && sink.files == 0) {
+        qv::com_ptr<IDepFile> pe;
+        auto util = dll.create<IScanUtil>(CLSID_ScanUtil, IID_IScanUtil);
+        if (SUCCEEDED(util->get_PE(path.get(), pe.put())) && !pe)
+            err("qvscan: " + utf8(file) + " is not a Windows image, so nothing was scanned\n");
     }
     return ExitOk;
 }
@@ -427,7 +455,7 @@ int run_pe(const server_dll& dll, const options& o) {
         if (o.json)
             out("{\"file\": " + json_string(file) + ", \"pe\": null}\n");
         if (!exists(file)) {
-            err("qvscan: " + utf8(file) + ": no such file\n");
+            err("qvscan: " + utf8(file) + ": " + not_a_file(file) + "\n");
             return ExitNoFile;
         }
         if (!o.json)

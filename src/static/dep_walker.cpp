@@ -63,6 +63,9 @@ bool TakesCandidate(const std::wstring& candidate, DWORD machine) {
         return true;
     qv::unique_hfile file(CreateFileW(candidate.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                       FILE_ATTRIBUTE_NORMAL, nullptr));
+    // A pipe or a device opened under a file's name would block the read: only a disk file is a candidate.
+    if (file && GetFileType(file.get()) != FILE_TYPE_DISK)
+        return false;
     if (file) {
         constexpr DWORD HeadSize = 4096;
         std::uint8_t head[HeadSize];
@@ -87,7 +90,8 @@ bool TakesCandidate(const std::wstring& candidate, DWORD machine) {
 } // namespace
 
 bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result) {
-    if (name.empty())
+    // A device name is no file on disk in any folder: it is missing, and nothing is opened for it.
+    if (name.empty() || qv::IsDeviceName(name))
         return false;
 
     const std::wstring& systemFolder = qv::SystemFolder();

@@ -48,4 +48,23 @@ inline std::wstring_view ExtensionPart(std::wstring_view path) {
     return path.substr(dot);
 }
 
+// Whether the file-name part of a path names a device of the platform rather than a file: CON, PRN, AUX,
+// NUL, COM0 to COM9, LPT0 to LPT9, CONIN$, CONOUT$, in any case, with any extension ("com1.dll") and
+// trailing spaces. Such a name opens the device in every folder, so it is never a file on disk.
+inline bool IsDeviceName(std::wstring_view path) {
+    std::wstring_view name = path.substr(path.find_last_of(L"\\/") + 1);
+    name = name.substr(0, name.find(L'.'));
+    while (!name.empty() && (name.back() == L' ' || name.back() == L':'))
+        name.remove_suffix(1);
+    auto is = [&](std::wstring_view device) {
+        return name.size() == device.size() &&
+               CompareStringOrdinal(name.data(), static_cast<int>(name.size()), device.data(),
+                                    static_cast<int>(device.size()), TRUE) == CSTR_EQUAL;
+    };
+    if (is(L"CON") || is(L"PRN") || is(L"AUX") || is(L"NUL") || is(L"CONIN$") || is(L"CONOUT$"))
+        return true;
+    return name.size() == 4 && (is(std::wstring(L"COM") + name[3]) || is(std::wstring(L"LPT") + name[3])) &&
+           name[3] >= L'0' && name[3] <= L'9';
+}
+
 } // namespace qv

@@ -80,14 +80,18 @@ def case_exits(a):
     table = [
         ([], 2, "no command given"), (["bogus"], 2, "unknown command"), (["static"], 2, "needs a FILE"),
         (["static", "C:\\x.exe", "--type"], 2, "--type needs a value"),
-        (["static", "C:\\x.exe", "--type", "abc"], 2, "--type wants a whole number"),
+        (["static", "C:\\x.exe", "--type", "abc"], 2, "--type wants 0, 1 or 2"),
+        (["static", "C:\\x.exe", "--type", "4294967296"], 2, "--type wants"), (["static", "C:\\x.exe", "--type", "3"], 2, "--type"),
+        (["static", "C:\\x.exe", "--lang", "x" * 4000], 2, "not 4000 characters"),
+        (["static", "C:\\windows"], 3, "is a folder, not a file"), (["pe", "C:\\x\\com1.dll"], 3, "is a device"),
+        (["static", "C:\\windows\\win.ini"], 0, "is not a Windows image, so nothing was scanned"),
         (["static", "C:\\x.exe", "--frobnicate"], 2, "unknown option"), (["pe", "a", "b"], 2, "unexpected argument"),
         (["--help"], 0, "usage:"), (["static", "C:\\no\\such\\file.exe"], 3, "no such file"),
         (["pe", "C:\\no\\such\\file.dll"], 3, "no such file"),
     ]
     for args, code, text in table:
         r = run(a, args)
-        expect(r.returncode == code and text in r.stderr, f"{args}: exit {r.returncode}, stderr {r.stderr!r}")
+        expect(r.returncode == code and text in r.stderr, f"{str(args)[:80]}: exit {r.returncode}, {r.stderr!r}")
     doc = json.loads(run(a, ["static", "C:\\no\\such\\file.exe", "--json"]).stdout)
     expect(not doc["exists"] and doc["completed"] and doc["dependencies"] == [], "a missing file: complete, empty")
     # Without its lists the scan cannot run, and the person is told which file and why.

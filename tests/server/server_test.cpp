@@ -334,6 +334,14 @@ TEST_F(Server, ScanTypesAndTopFilesThatAreNoImages) {
     EXPECT_EQ(records(dependencies().get())[L"far.dll"].missing, VARIANT_FALSE);
     run(tmp.write(L"far\\top32.exe", image_writer().machine(0x14c).pe32plus(false).import("far.dll").build().str()));
     EXPECT_EQ(records(dependencies().get())[L"far.dll"].missing, VARIANT_TRUE) << "an image of the other machine";
+    // A device name is never a file on disk: missing, and never opened (a serial port would block the read).
+    image_writer devices;
+    for (const char* name : {"com1.dll", "aux.dll", "con.dll", "CON", "CONIN$", "nul", "lpt1", "prn.dll"})
+        devices.import(name);
+    run(tmp.write(L"far\\devices.exe", devices.dll(false).build().str()));
+    for (const auto& [name, r] : records(dependencies().get()))
+        EXPECT_EQ(r.missing, VARIANT_TRUE) << narrow(name);
+    EXPECT_EQ(records(dependencies().get()).size(), 8u);
     // A name without folder is found in the current folder, which the scan gives back unchanged.
     cwd_scope here(walk(L"lib"));
     run(L"upper.exe");
