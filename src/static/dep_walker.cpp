@@ -154,6 +154,9 @@ void CDepWalker::Scan(const std::wstring& file, IStaticScanEvents* events, CFilt
         m_bUseCatalog = true;
     }
 
+    m_searches.clear();
+    m_passed.clear();
+    m_settledMissing.clear();
     EnterFileDirectory(file);
     Status = ScanOneFile(file, false);
     // An exception from the walk skips this: the process stays in the scanned file's folder.
@@ -212,7 +215,7 @@ void CDepWalker::WalkImage(const CScannedPE& image, const std::wstring& path, bo
     const DWORD machine = image.GetMachine();
     for (const std::wstring& name : image.ImportNames()) {
         std::wstring result;
-        if (FindDependency(std::wstring(), name, machine, result)) {
+        if (FindCached(name, machine, result)) {
             ScanOneFile(result, true);
         } else {
             result = name;
@@ -220,6 +223,20 @@ void CDepWalker::WalkImage(const CScannedPE& image, const std::wstring& path, bo
         }
         FireFoundDepFile(result);
     }
+}
+
+bool CDepWalker::FindCached(const std::wstring& name, DWORD machine, std::wstring& result) {
+    std::wstring key = name + L'|' + std::to_wstring(machine);
+    auto it = m_searches.find(key);
+    if (it == m_searches.end()) {
+        std::optional<std::wstring> found;
+        if (FindDependency(std::wstring(), name, machine, result))
+            found = result;
+        it = m_searches.emplace(std::move(key), std::move(found)).first;
+    }
+    if (it->second)
+        result = *it->second;
+    return it->second.has_value();
 }
 
 bool CDepWalker::AddFound(const std::wstring& path, ScannedFile& record) {
@@ -263,6 +280,9 @@ bool CDepWalker::InMergeModule(const std::wstring& path, ScannedFile& record) {
 }
 
 void CDepWalker::MissingDependency(const std::wstring& path, DWORD machine) {
+    // A missing name met again (an import table may repeat one a million times) was settled the first time.
+    if (!m_settledMissing.insert(path + L'|' + std::to_wstring(machine)).second)
+        return;
     ScannedFile record(path, false);
     if (m_bUseCatalog) {
         qv::com_ptr<IUnknown> module;
@@ -289,7 +309,7 @@ bool CDepWalker::PassesFilter(const std::wstring& path) {
     std::wstring name = qv::FileNamePart(path);
     if (m_skipNames.count(name))
         return false;
-    if (!m_pFilter)
+    if (!m_pFilter || m_passed.count(name))
         return true;
     bool inList = false;
     bool drop = false;
@@ -298,6 +318,7 @@ bool CDepWalker::PassesFilter(const std::wstring& path) {
         m_skipNames[name] = true;
         return false;
     }
+    m_passed.insert(std::move(name));
     return true;
 }
 

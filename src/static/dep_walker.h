@@ -11,6 +11,9 @@
 #include <windows.h>
 
 #include <map>
+#include <optional>
+#include <unordered_map>
+#include <unordered_set>
 #include <string>
 
 class CFilterBase;
@@ -81,6 +84,14 @@ private:
     bool InMergeModule(const std::wstring& path, ScannedFile& record);
     void MissingDependency(const std::wstring& path, DWORD machine);
     void FireFoundDepFile(const std::wstring& path);
+
+    // Search answers of this scan by name as written and machine: the folders searched (the scanned file's
+    // folder, then Path) are the same for every image of the scan, so a name is searched once.
+    bool FindCached(const std::wstring& name, DWORD machine, std::wstring& result);
+    std::unordered_map<std::wstring, std::optional<std::wstring>> m_searches;
+    // Names the filter let pass in this scan, as written: its answer for a name does not change.
+    std::unordered_set<std::wstring> m_passed;
+    std::unordered_set<std::wstring> m_settledMissing; // "name|machine" of missing names already settled
 
     std::map<std::wstring, bool, SkipNameOrder> m_skipNames;
     qv::com_ptr<IStaticScanEventsFellSP2> m_pEvents;

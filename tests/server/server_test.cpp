@@ -342,6 +342,14 @@ TEST_F(Server, ScanTypesAndTopFilesThatAreNoImages) {
     for (const auto& [name, r] : records(dependencies().get()))
         EXPECT_EQ(r.missing, VARIANT_TRUE) << narrow(name);
     EXPECT_EQ(records(dependencies().get()).size(), 8u);
+    // A name repeated by thousands of descriptors is one record, and each descriptor still fires.
+    image_writer repeated;
+    for (int i = 0; i < 5000; ++i)
+        repeated.import("gamma.dll").import("nowhere.dll");
+    sink.found.clear();
+    run(tmp.write(L"far\\repeated.exe", repeated.dll(false).build().str()));
+    EXPECT_EQ(names(dependencies().get()), (std::set<std::wstring>{L"gamma.dll", L"nowhere.dll"}));
+    EXPECT_EQ(sink.found.size(), 10000u);
     // A name without folder is found in the current folder, which the scan gives back unchanged.
     cwd_scope here(walk(L"lib"));
     run(L"upper.exe");
