@@ -87,6 +87,9 @@ bool TakesCandidate(const std::wstring& candidate, DWORD machine) {
     return !image.NtHeaders() || image.GetMachine() == machine;
 }
 
+// The key of a name as written and the machine it is looked for, in the scan's settled answers.
+std::wstring SettledKey(const std::wstring& name, DWORD machine) { return name + L'|' + std::to_wstring(machine); }
+
 } // namespace
 
 bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result) {
@@ -226,7 +229,7 @@ void CDepWalker::WalkImage(const CScannedPE& image, const std::wstring& path, bo
 }
 
 bool CDepWalker::FindCached(const std::wstring& name, DWORD machine, std::wstring& result) {
-    std::wstring key = name + L'|' + std::to_wstring(machine);
+    std::wstring key = SettledKey(name, machine);
     auto it = m_searches.find(key);
     if (it == m_searches.end()) {
         std::optional<std::wstring> found;
@@ -281,7 +284,7 @@ bool CDepWalker::InMergeModule(const std::wstring& path, ScannedFile& record) {
 
 void CDepWalker::MissingDependency(const std::wstring& path, DWORD machine) {
     // A missing name met again (an import table may repeat one a million times) was settled the first time.
-    if (!m_settledMissing.insert(path + L'|' + std::to_wstring(machine)).second)
+    if (!m_settledMissing.insert(SettledKey(path, machine)).second)
         return;
     ScannedFile record(path, false);
     if (m_bUseCatalog) {
