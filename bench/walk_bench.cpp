@@ -52,7 +52,7 @@ int wmain(int argc, wchar_t** argv) {
     }
     double seconds = now() - start;
     for (const auto& file : files)
-        images += CPEImage(file).NtHeaders() ? 1 : 0;
+        images += CPEImage(file).Usable() ? 1 : 0;
 
     size_t scans = files.size() * static_cast<size_t>(rounds);
     wprintf(L"folder        %ls\n", folder.c_str());

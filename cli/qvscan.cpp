@@ -52,8 +52,9 @@ std::string hex(HRESULT hr) {
 
 std::string describe(HRESULT hr) {
     wchar_t* text = nullptr;
-    DWORD n = FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                             nullptr, static_cast<DWORD>(hr), 0, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
+    DWORD n =
+        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                       nullptr, static_cast<DWORD>(hr), 0, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
     std::wstring message = n ? std::wstring(text, n) : std::wstring();
     if (text)
         LocalFree(text);
@@ -283,22 +284,80 @@ std::string json_record(const record& r, const char* indent) {
     std::string langs;
     for (long id : r.languages)
         langs += (langs.empty() ? "" : ", ") + std::to_string(id);
-    std::string s = std::string(indent) + "{\"name\": " + json_string(r.name) + ", \"folder\": " + json_string(r.path) +
-                    ", \"version\": " + json_string(version_text(r.major, r.minor)) +
-                    ", \"size\": " + std::to_string(r.size) + ", \"modified\": " + json_string(time_text(r.modified)) +
-                    ", \"destination\": " + json_string(r.destPath) + ", \"languages\": [" + langs + "]" +
-                    ", \"missing\": " + (r.missing ? "true" : "false") +
-                    ", \"filterable\": " + (r.filterable ? "true" : "false") +
-                    ", \"mergeModule\": " + (r.mergeModule ? "true" : "false") +
-                    ", \"shared\": " + (r.shared ? "true" : "false") +
-                    ", \"selfRegistering\": " + (r.selfRegistering ? "true" : "false") + "}";
+    std::string s =
+        std::string(indent) + "{\"name\": " + json_string(r.name) + ", \"folder\": " + json_string(r.path) +
+        ", \"version\": " + json_string(version_text(r.major, r.minor)) + ", \"size\": " + std::to_string(r.size) +
+        ", \"modified\": " + json_string(time_text(r.modified)) + ", \"destination\": " + json_string(r.destPath) +
+        ", \"languages\": [" + langs + "]" + ", \"missing\": " + (r.missing ? "true" : "false") +
+        ", \"filterable\": " + (r.filterable ? "true" : "false") +
+        ", \"mergeModule\": " + (r.mergeModule ? "true" : "false") + ", \"shared\": " + (r.shared ? "true" : "false") +
+        ", \"selfRegistering\": " + (r.selfRegistering ? "true" : "false") + "}";
     return s;
 }
 
-std::wstring full_path(const std::wstring& path) {
-    wchar_t buffer[MAX_PATH * 4];
-    DWORD n = GetFullPathNameW(path.c_str(), static_cast<DWORD>(std::size(buffer)), buffer, nullptr);
-    return (n > 0 && n < std::size(buffer)) ? std::wstring(buffer, n) : path;
+// The name of a Unix file's component as Windows programs see it under Wine: a name that Windows cannot
+// hold ('"', '*', ':', '<', '>', '?', '|', '\\') is reachable only by the short name Wine makes for it,
+// which the folder's listing gives.
+std::wstring windows_component(const std::wstring& folder, const std::wstring& name) {
+    if (name.find_first_of(L"\"*:<>?|\\") == std::wstring::npos)
+        return name;
+    WIN32_FIND_DATAW data{};
+    HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &data);
+    std::wstring result = name;
+    for (bool more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data)) {
+        if (name == data.cFileName && data.cAlternateFileName[0]) {
+            result = data.cAlternateFileName;
+            break;
+        }
+    }
+    if (find != INVALID_HANDLE_VALUE)
+        FindClose(find);
+    return result;
+}
+
+// A FILE given as a Unix path ("/home/me/app.exe") while the tool runs under Wine: the Windows path of
+// the same file, of any length. Elsewhere, or for any other path, the path as it is.
+std::wstring from_unix(const std::wstring& file) {
+    using to_dos_fn = WCHAR*(CDECL*)(const char*);
+    HMODULE kernel = GetModuleHandleW(L"kernel32");
+    auto to_dos = reinterpret_cast<to_dos_fn>(
+        reinterpret_cast<void (*)()>(kernel ? GetProcAddress(kernel, "wine_get_dos_file_name") : nullptr));
+    if (!to_dos || file.empty() || file[0] != L'/')
+        return file;
+    // The longest head of plain names is Wine's to convert; the rest is added a component at a time.
+    size_t head = file.size();
+    for (size_t start = 1; start < file.size();) {
+        size_t end = std::min(file.find(L'/', start), file.size());
+        if (file.find_first_of(L"\"*:<>?|\\", start) < end) {
+            head = start;
+            break;
+        }
+        start = end + 1;
+    }
+    WCHAR* converted = to_dos(utf8(file.substr(0, head)).c_str());
+    if (!converted)
+        return file;
+    std::wstring result = converted;
+    HeapFree(GetProcessHeap(), 0, converted);
+    for (size_t start = head; start < file.size();) {
+        size_t end = std::min(file.find(L'/', start), file.size());
+        if (end > start) {
+            if (!result.empty() && result.back() == L'\\')
+                result.pop_back();
+            result += L'\\' + windows_component(result, file.substr(start, end - start));
+        }
+        start = end + 1;
+    }
+    return result;
+}
+
+// The full path of FILE (made from a Unix path first, under Wine), of any length.
+std::wstring full_path(const std::wstring& given) {
+    const std::wstring path = from_unix(given);
+    DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
+    std::wstring full(size, L'\0');
+    DWORD n = size ? GetFullPathNameW(path.c_str(), size, full.data(), nullptr) : 0;
+    return (n > 0 && n < size) ? full.substr(0, n) : path;
 }
 
 bool exists(const std::wstring& path) {
@@ -398,8 +457,8 @@ int run_static(const server_dll& dll, const options& o) {
     if (FAILED(hr)) {
         // The server says in words what went wrong where it can (a list it cannot load, say).
         std::wstring why = qv::take_error_description();
-        err("qvscan: scanning " + utf8(file) + " failed: " + (why.empty() ? describe(hr) : utf8(why) + " (" + hex(hr) + ")") +
-            "\n");
+        err("qvscan: scanning " + utf8(file) +
+            " failed: " + (why.empty() ? describe(hr) : utf8(why) + " (" + hex(hr) + ")") + "\n");
         return ExitFailed;
     }
     qv::com_ptr<IDepFiles> files;
@@ -417,10 +476,11 @@ int run_static(const server_dll& dll, const options& o) {
                         ",\n  \"completed\": " + (completed ? "true" : "false") + ",\n  \"dependencies\": [";
         for (size_t i = 0; i < records.size(); ++i)
             s += (i ? ",\n" : "\n") + json_record(records[i], "    ");
-        s += std::string(records.empty() ? "" : "\n  ") + "],\n  \"summary\": {\"files\": " +
-             std::to_string(records.size()) + ", \"missing\": " + std::to_string(missing) +
-             ", \"filterable\": " + std::to_string(filterable) + ", \"mergeModules\": " + std::to_string(modules) +
-             ", \"filesMet\": " + std::to_string(sink.files) + "}\n}\n";
+        s += std::string(records.empty() ? "" : "\n  ") +
+             "],\n  \"summary\": {\"files\": " + std::to_string(records.size()) +
+             ", \"missing\": " + std::to_string(missing) + ", \"filterable\": " + std::to_string(filterable) +
+             ", \"mergeModules\": " + std::to_string(modules) + ", \"filesMet\": " + std::to_string(sink.files) +
+             "}\n}\n";
         out(s);
     } else {
         table t({"NAME", "FOLDER", "VERSION", "SIZE", "MARKS"});
@@ -581,8 +641,8 @@ int run_register(const server_dll& dll, const options& o, bool add) {
             hr = S_OK; // nothing was registered
     }
     if (FAILED(hr)) {
-        err(std::string("qvscan: cannot ") + (add ? "register" : "unregister") + " the type library: " +
-            describe(hr) + "\n");
+        err(std::string("qvscan: cannot ") + (add ? "register" : "unregister") + " the type library: " + describe(hr) +
+            "\n");
         return ExitFailed;
     }
     out(std::string(add ? "registered" : "unregistered") + " the type library and " + std::to_string(done) +

@@ -39,16 +39,6 @@ bool ServerPath(std::wstring& path) {
     return true;
 }
 
-// The folder of a path as PathRemoveFileSpecW cuts it: "C:\x.dll" gives "C:\".
-std::wstring FolderOf(const std::wstring& path) {
-    if (path.size() >= MAX_PATH)
-        return qv::DirectoryPart(path);
-    wchar_t buffer[MAX_PATH];
-    wcscpy_s(buffer, path.c_str());
-    PathRemoveFileSpecW(buffer);
-    return buffer;
-}
-
 // The fixed part of the ladder, tested by GetFileAttributesW.
 std::vector<std::wstring> FixedCandidates(const std::wstring& serverFolder, const std::wstring& commonFiles,
                                           const std::wstring& fileName) {
@@ -117,7 +107,7 @@ CSiblingModuleCache& CSiblingModuleCache::Instance() {
 std::vector<std::wstring> CSiblingModuleCache::SearchCandidates(const std::wstring& serverPath,
                                                                 const std::wstring& commonFiles,
                                                                 const std::wstring& fileName) {
-    const std::wstring folder = FolderOf(serverPath);
+    const std::wstring folder = qv::DirectoryPart(serverPath);
     std::vector<std::wstring> paths = FixedCandidates(folder, commonFiles, fileName);
     std::vector<std::wstring> parents = ParentCandidates(folder, fileName);
     paths.insert(paths.end(), parents.begin(), parents.end());
@@ -128,7 +118,7 @@ std::wstring CSiblingModuleCache::FindLibrary(const std::wstring& fileName) {
     std::wstring server;
     if (!ServerPath(server))
         return fileName;
-    const std::wstring folder = FolderOf(server);
+    const std::wstring folder = qv::DirectoryPart(server);
     for (const std::wstring& path : FixedCandidates(folder, CommonFilesFolder(), fileName))
         if (GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES)
             return path;
@@ -152,7 +142,7 @@ HRESULT CSiblingModuleCache::GetClassObject(const std::wstring& fileName, REFCLS
         const std::wstring path = fileName.find(L'\\') != std::wstring::npos ? fileName : FindLibrary(fileName);
         {
             // The library finds the neighbours it imports from its own folder.
-            current_folder_switch inFolder(qv::DirectoryPart(path).empty() ? std::wstring() : FolderOf(path));
+            current_folder_switch inFolder(qv::DirectoryPart(path));
             module = LoadLibraryW(path.c_str());
         }
         if (!module)

@@ -52,11 +52,6 @@ struct handle_traits {
     static type invalid() noexcept { return nullptr; }
     static void close(type h) noexcept { ::CloseHandle(h); }
 };
-struct view_traits {
-    using type = const void*;
-    static type invalid() noexcept { return nullptr; }
-    static void close(type p) noexcept { ::UnmapViewOfFile(p); }
-};
 struct hkey_traits {
     using type = HKEY;
     static type invalid() noexcept { return nullptr; }
@@ -70,9 +65,8 @@ struct hmodule_traits {
 
 // A file handle: INVALID_HANDLE_VALUE is empty.
 using unique_hfile = unique_resource<file_handle_traits>;
-// Any other kernel handle (mapping, process, event): NULL is empty.
+// Any other kernel handle (process, event): NULL is empty.
 using unique_handle = unique_resource<handle_traits>;
-using unique_view = unique_resource<view_traits>;
 using unique_hkey = unique_resource<hkey_traits>;
 using unique_hmodule = unique_resource<hmodule_traits>;
 

@@ -1,5 +1,6 @@
 #include "scanutil/scan_util.h"
 
+#include "format/pe/pe_layout.h"
 #include "inc/com_boundary.h"
 #include "server/dep_file.h"
 #include "static/pe_images.h"
@@ -10,10 +11,6 @@
 #include <string_view>
 
 namespace {
-
-constexpr DWORD MachineI386 = 332;
-constexpr DWORD MachineAmd64 = 34404;
-constexpr DWORD MachineItanium = 512;
 
 // The one module the catalog answers for files it has no real module for: a hit on it is no hit.
 constexpr wchar_t CatchAllModuleId[] = L"mondo.E4183BB4_18A8_11D5_A549_0090278A1BB8";
@@ -26,11 +23,11 @@ std::wstring Text(BSTR text) {
 // other machine word (none, ARM, ...) gives an empty key, which matches no file by name.
 std::wstring FileKey(std::wstring_view path, DWORD machine) {
     switch (machine) {
-    case MachineI386:
+    case qv::pe::layout::machine::i386:
         return qv::FileNamePart(path);
-    case MachineAmd64:
+    case qv::pe::layout::machine::amd64:
         return qv::FileNamePart(path) + L":x64";
-    case MachineItanium:
+    case qv::pe::layout::machine::ia64:
         return qv::FileNamePart(path) + L":i64";
     default:
         return {};
@@ -65,7 +62,7 @@ STDMETHODIMP CScanUtil::get_PE(BSTR FileName, IDepFile** ppPE) {
         bool selfRegistering = false;
         {
             CPEImage image(path);
-            if (!image.NtHeaders())
+            if (!image.Usable())
                 return S_OK;
             selfRegistering = image.ExportsDllRegisterServer();
         }
@@ -115,7 +112,7 @@ STDMETHODIMP CScanUtil::InMergeModule(BSTR bstrSource, IUnknown** ppMM, VARIANT_
         DWORD machine = 0;
         {
             CPEImage image(Text(bstrSource));
-            if (image.NtHeaders())
+            if (image.Usable())
                 machine = image.GetMachine();
         }
         return static_cast<IScanUtilValeSP1*>(this)->InMergeModuleEx(bstrSource, static_cast<LONG>(machine), ppMM,

@@ -1,6 +1,7 @@
 #include "server/dep_file.h"
 
 #include "filter/filter_base.h"
+#include "format/pe/pe_layout.h"
 #include "inc/com_boundary.h"
 #include "inc/unique_handles.h"
 #include "server/dep_files.h"
@@ -10,8 +11,6 @@
 #include "toolkit/probes.h"
 #include "toolkit/version_info.h"
 #include "traits/project_traits.h"
-
-#include <shlwapi.h>
 
 #include <algorithm>
 #include <vector>
@@ -114,22 +113,10 @@ std::wstring ReadCommonFilesDir() {
 
 namespace qv::dep_file_detail {
 
-// The shell's own path functions read these forms exactly as the rest of the platform does (drive
-// roots, UNC and "\\?\" prefixes); both stop at the first null of the text.
-std::wstring NamePart(const std::wstring& path) {
-    return std::wstring(PathFindFileNameW(path.c_str()));
-}
-
-std::wstring DirectoryPart(const std::wstring& path) {
-    std::vector<wchar_t> buffer(path.c_str(), path.c_str() + path.size() + 1);
-    PathRemoveFileSpecW(buffer.data());
-    return std::wstring(buffer.data());
-}
-
 std::wstring RemoveDotComponents(std::wstring_view path) {
     std::vector<std::wstring_view> parts;
     for (size_t start = 0;;) {
-        size_t end = path.find(L'\\', start);
+        size_t end = path.find_first_of(L"\\/", start);
         parts.push_back(path.substr(start, end == std::wstring_view::npos ? std::wstring_view::npos : end - start));
         if (end == std::wstring_view::npos)
             break;
@@ -183,7 +170,7 @@ bool InSharedFolder(std::wstring_view dir, const shared_folders& folders) {
 }
 
 REGSAM SharedDllsAccess(bool wow64, DWORD machine) {
-    bool image64 = machine == IMAGE_FILE_MACHINE_IA64 || machine == IMAGE_FILE_MACHINE_AMD64;
+    bool image64 = machine == qv::pe::layout::machine::ia64 || machine == qv::pe::layout::machine::amd64;
     return wow64 && image64 ? (KEY_READ | KEY_WOW64_64KEY) : KEY_READ;
 }
 
@@ -198,7 +185,7 @@ bool ListedInSharedDlls(std::wstring_view name, REGSAM access) {
         if (RegEnumValueW(key.get(), index, valueName.data(), &length, nullptr, nullptr, nullptr, nullptr) !=
             ERROR_SUCCESS)
             return false; // the end of the values, or a key that cannot be read further
-        if (EqualNoCase(NamePart(std::wstring(valueName.data(), length)), name))
+        if (EqualNoCase(qv::FileNamePart(std::wstring_view(valueName.data(), length)), name))
             return true;
     }
 }
@@ -390,6 +377,7 @@ std::optional<std::wstring> CDepFile::MapDestPath(const std::wstring& path) {
     if (path.empty())
         return std::nullopt;
     std::wstring mapped = Lower(path);
+    std::replace(mapped.begin(), mapped.end(), L'/', L'\\');
     DropTrailingBackslash(mapped);
 
     struct folder_token {
@@ -417,7 +405,7 @@ std::optional<std::wstring> CDepFile::MapDestPath(const std::wstring& path) {
 void CDepFile::SetPaths(const std::wstring& name, const std::wstring& path) {
     if (!name.empty()) {
         m_bstrName = qv::bstr(name);
-        m_bstrPath = qv::bstr(DirectoryPart(path));
+        m_bstrPath = qv::bstr(qv::DirectoryPart(path));
     } else {
         m_bstrName = qv::bstr(path);
         m_bstrPath = qv::bstr(path);
@@ -427,7 +415,7 @@ void CDepFile::SetPaths(const std::wstring& name, const std::wstring& path) {
 }
 
 void CDepFile::SetMissing(const std::wstring& path) {
-    SetPaths(NamePart(path), path);
+    SetPaths(qv::FileNamePart(path), path);
     m_bIsMissing = true;
     m_bSelfRegistering = VARIANT_FALSE;
     m_bShared = VARIANT_FALSE;
@@ -464,7 +452,7 @@ bool CDepFile::TestSelfRegistration(const std::wstring& path, const version_info
 
 bool CDepFile::TestShared(const std::wstring& path) const {
     std::wstring dir = m_bstrPath.str();
-    if (dir.empty() || dir.back() != L'\\')
+    if (dir.empty() || !qv::IsPathSeparator(dir.back()))
         dir += L'\\';
     shared_folders folders{qv::SystemFolder(), qv::WindowsFolder(), qv::IsWow64(), qv::SysNativeFolder(),
                            qv::SysWow64Folder()};
@@ -480,7 +468,7 @@ bool CDepFile::TestShared(const std::wstring& path) const {
 }
 
 void CDepFile::LoadFromFile(const std::wstring& path) {
-    std::wstring name = NamePart(path);
+    std::wstring name = qv::FileNamePart(path);
     if (!qv::PathExists(path, qv::path_accept_any)) {
         SetMissing(path);
         return;

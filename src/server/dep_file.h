@@ -150,11 +150,7 @@ void MakeDepFile(CDepFiles* files, const ScannedFile& record, CFilterBase* filte
 // Path rules of the record, shared with the tests.
 namespace qv::dep_file_detail {
 
-// The last component of a path, as the shell reads it: "C:\" stays "C:\", "C:\dir\" gives "dir\".
-std::wstring NamePart(const std::wstring& path);
-// The path without its last component; a root keeps its backslash ("C:\x" gives "C:\").
-std::wstring DirectoryPart(const std::wstring& path);
-// The path with its "." components dropped and each ".." taking the component before it away.
+// The path (either separator) with its "." components dropped and each ".." taking the component before it away.
 std::wstring RemoveDotComponents(std::wstring_view path);
 
 // The folders that make a file shared by where it stands.

@@ -20,8 +20,6 @@ public:
     ActivationScope(const ActivationScope&) = delete;
     ActivationScope& operator=(const ActivationScope&) = delete;
 
-    // Whether a context was made and activated.
-    bool Active() const { return m_hContext != INVALID_HANDLE_VALUE; }
     // The resource name that was asked for: 1 for ".exe", 2 for ".dll", 0 otherwise.
     static ULONG_PTR ManifestResourceFor(const std::wstring& path);
     // Whether a usable image holds the manifest resource a scope for path would ask for.

@@ -2,6 +2,7 @@
 
 #include "companions.h"
 #include "filter/filter_base.h"
+#include "format/pe/pe_layout.h"
 #include "scanutil/scan_util.h"
 #include "static/activation_scope.h"
 #include "static/pe_images.h"
@@ -10,13 +11,13 @@
 #include "toolkit/string_convert.h"
 
 #include <algorithm>
+#include <memory>
+#include <vector>
 
 namespace {
 
 constexpr long IgnoreCatalogFlag = 0x8000;
 constexpr long ModeNoImportTables = 2;
-constexpr DWORD MachineItanium = 512;
-constexpr DWORD MachineAmd64 = 34404;
 
 const wchar_t* const InitialSkipNames[] = {L"kernel32.dll", L"ntdll.dll",   L"user32.dll", L"gdi32.dll",
                                            L"advapi32.dll", L"shell32.dll", L"ole32.dll"};
@@ -55,40 +56,32 @@ bool SkipNameOrder::operator()(const std::wstring& a, const std::wstring& b) con
 namespace {
 
 // The machine test of a candidate: whether it is no usable image (taken at once) or an image of the
-// machine asked for. The headers sit at the front of nearly every image, so they are read with one
-// small read instead of a mapping of the whole file; the answer is the image reader's on the same
-// bytes. Only a file whose new header lies past the bytes read is mapped.
+// machine asked for (0 takes any). What is no file on disk (a device, a pipe) is never taken.
 bool TakesCandidate(const std::wstring& candidate, DWORD machine) {
-    if (machine == 0)
-        return true;
-    qv::unique_hfile file(CreateFileW(candidate.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr));
-    // A pipe or a device opened under a file's name would block the read: only a disk file is a candidate.
-    if (file && GetFileType(file.get()) != FILE_TYPE_DISK)
-        return false;
-    if (file) {
-        constexpr DWORD HeadSize = 4096;
-        std::uint8_t head[HeadSize];
-        DWORD got = 0;
-        // The size as the mapping sees it: its low 32 bits.
-        const DWORD size = GetFileSize(file.get(), nullptr);
-        if (size != INVALID_FILE_SIZE && ReadFile(file.get(), head, HeadSize, &got, nullptr)) {
-            const qv::format::byte_span bytes(head, got);
-            const auto newHeader = bytes.i32(60);
-            const bool decided = got == size || bytes.u16(0) != 0x5A4D || bytes.u16(24) < 64 ||
-                                 (newHeader && *newHeader >= 0 && std::uint64_t(*newHeader) + 26 <= got);
-            if (decided) {
-                auto image = qv::pe::pe_image::open(bytes);
-                return !image || image->machine() == machine;
-            }
-        }
-    }
     CPEImage image(candidate);
-    return !image.NtHeaders() || image.GetMachine() == machine;
+    if (image.OpenStatus() == CFileView::OpenNotDisk)
+        return false;
+    return machine == 0 || !image.Usable() || image.GetMachine() == machine;
+}
+
+// The process's current directory, of any length.
+std::wstring CurrentDirectory() {
+    std::wstring dir(MAX_PATH, L'\0');
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        DWORD n = GetCurrentDirectoryW(static_cast<DWORD>(dir.size()), dir.data());
+        if (n < dir.size()) {
+            dir.resize(n);
+            return dir;
+        }
+        dir.resize(n);
+    }
+    return {};
 }
 
 // The key of a name as written and the machine it is looked for, in the scan's settled answers.
-std::wstring SettledKey(const std::wstring& name, DWORD machine) { return name + L'|' + std::to_wstring(machine); }
+std::wstring SettledKey(const std::wstring& name, DWORD machine) {
+    return name + L'|' + std::to_wstring(machine);
+}
 
 } // namespace
 
@@ -99,7 +92,8 @@ bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD ma
 
     const std::wstring& systemFolder = qv::SystemFolder();
     const std::wstring& nativeFolder = qv::SysNativeFolder();
-    const bool redirect = (machine == MachineItanium || machine == MachineAmd64) && !nativeFolder.empty();
+    const bool redirect = (machine == qv::pe::layout::machine::ia64 || machine == qv::pe::layout::machine::amd64) &&
+                          !nativeFolder.empty();
 
     auto tryFolder = [&](const std::wstring& dir) {
         std::wstring candidate = qv::JoinPath(dir, name);
@@ -110,16 +104,15 @@ bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD ma
             return false;
         if (!TakesCandidate(candidate, machine))
             return false;
-        result = std::move(candidate);
+        // A name that climbs ("..\\x.dll") or holds forward slashes is recorded where the file really is.
+        result = qv::NormalisedPath(candidate);
         return true;
     };
 
     // A root given is the one folder; otherwise the current folder, then the folders of Path.
     if (!root.empty())
         return tryFolder(root);
-    wchar_t current[MAX_PATH];
-    DWORD n = GetCurrentDirectoryW(MAX_PATH, current);
-    if (tryFolder(std::wstring(current, n < MAX_PATH ? n : 0)))
+    if (tryFolder(CurrentDirectory()))
         return true;
     for (const auto& dir : qv::GetSearchFolders()) {
         if (tryFolder(dir))
@@ -164,68 +157,109 @@ void CDepWalker::Scan(const std::wstring& file, IStaticScanEvents* events, CFilt
     Status = ScanOneFile(file, false);
     // An exception from the walk skips this: the process stays in the scanned file's folder.
     if (m_bDirectoryChanged)
-        SetCurrentDirectoryW(m_szSavedDirectory);
+        SetCurrentDirectoryW(m_sSavedDirectory.c_str());
     m_pEvents.reset();
 }
 
 void CDepWalker::EnterFileDirectory(const std::wstring& file) {
     m_bDirectoryChanged = false;
-    auto slash = file.find_last_of(L'\\');
+    auto slash = file.find_last_of(L"\\/");
     if (slash == std::wstring::npos)
         return;
-    GetCurrentDirectoryW(MAX_PATH, m_szSavedDirectory);
+    m_sSavedDirectory = CurrentDirectory();
     // For a file in a drive's root this is "C:", the drive's own current folder: kept so.
     SetCurrentDirectoryW(file.substr(0, slash).c_str());
     m_bDirectoryChanged = true;
 }
 
+// One image whose imports are being walked, as the walk keeps it on its own stack: a chain of any
+// depth costs heap, never the thread's stack. The image itself is closed once its names are read.
+struct CDepWalker::ImportFrame {
+    std::wstring path;
+    std::vector<std::wstring> names;
+    DWORD machine = 0;
+    size_t next = 0;                        // the name being walked
+    std::wstring found;                     // where it was found, announced when the walk below it ends
+    std::unique_ptr<ActivationScope> scope; // the image's own manifest, active while its imports are walked
+};
+
 DWORD CDepWalker::ScanOneFile(const std::wstring& path, bool isDependency) {
+    std::vector<ImportFrame> stack;
+    // Frames end newest first, on an exception too, so that activation contexts end in the reverse order
+    // of their start.
+    struct unwind {
+        std::vector<ImportFrame>& frames;
+        ~unwind() {
+            while (!frames.empty())
+                frames.pop_back();
+        }
+    } guard{stack};
+
+    EnterFile(path, isDependency, stack);
+    while (!stack.empty()) {
+        ImportFrame& top = stack.back();
+        if (top.next == top.names.size()) {
+            stack.pop_back();
+            if (!stack.empty()) {
+                FireFoundDepFile(stack.back().found);
+                ++stack.back().next;
+            }
+            continue;
+        }
+        const std::wstring& name = top.names[top.next];
+        std::wstring result;
+        if (!FindCached(name, top.machine, result)) {
+            MissingDependency(name, top.machine);
+            FireFoundDepFile(name);
+            ++top.next;
+            continue;
+        }
+        top.found = result;
+        const size_t depth = stack.size();
+        EnterFile(result, true, stack); // may add a frame, and so move top
+        if (stack.size() == depth) {
+            FireFoundDepFile(result);
+            ++stack.back().next;
+        }
+    }
+    return 0;
+}
+
+void CDepWalker::EnterFile(const std::wstring& path, bool isDependency, std::vector<ImportFrame>& stack) {
     // The image is opened first so that the scope can tell from its resources whether a manifest of its
     // own is there to activate; only a usable image is walked under it.
     CScannedPE image(path);
-    ActivationScope scope(path, ActivationScope::HasManifest(image, path));
+    std::unique_ptr<ActivationScope> scope;
+    if (ActivationScope::HasManifest(image, path))
+        scope = std::make_unique<ActivationScope>(path);
     if (image.ImageError().bError) {
         check_hr(m_pEvents->ErrorEncountered(qv::bstr(path).get(), image.ImageError().hrCode,
                                              qv::bstr(image.ImageError().sText).get()));
-    } else if (!image.NtHeaders()) {
+    } else if (!image.Usable()) {
         // No such file, or no usable image: kept as a dependency if it passes the filter, not looked into.
         // The top-level file in this state yields nothing.
         if (isDependency) {
             ScannedFile record(path, false);
             AddFound(path, record);
         }
-    } else if (!image.Assembly()) {
-        WalkImage(image, path, isDependency);
+    } else if (!image.Assembly() && WalkImage(image, path, isDependency)) {
+        stack.push_back({path, image.ImportNames(), image.GetMachine(), 0, {}, std::move(scope)});
     }
-    return 0;
 }
 
-void CDepWalker::WalkImage(const CScannedPE& image, const std::wstring& path, bool isDependency) {
+bool CDepWalker::WalkImage(const CScannedPE& image, const std::wstring& path, bool isDependency) {
     // The one guard against cycles and double work, by name only: the first file of a name wins.
     if (FoundFiles.count(qv::bstr(qv::FileNamePart(path))))
-        return;
+        return false;
     if (isDependency) {
         // Entered before anything below it is walked: that is what ends a cycle.
         ScannedFile record(path, image.ExportsDllRegisterServer());
         if (!AddFound(path, record))
-            return;
+            return false;
     } else if (!PassesFilter(path)) {
-        return;
+        return false;
     }
-
-    if (m_nScanMode == ModeNoImportTables || image.DirectorySize(1) == 0 || !image.DirectoryPointer(1))
-        return;
-    const DWORD machine = image.GetMachine();
-    for (const std::wstring& name : image.ImportNames()) {
-        std::wstring result;
-        if (FindCached(name, machine, result)) {
-            ScanOneFile(result, true);
-        } else {
-            result = name;
-            MissingDependency(result, machine);
-        }
-        FireFoundDepFile(result);
-    }
+    return m_nScanMode != ModeNoImportTables && image.DirectorySize(1) != 0 && image.DirectoryInFile(1);
 }
 
 bool CDepWalker::FindCached(const std::wstring& name, DWORD machine, std::wstring& result) {

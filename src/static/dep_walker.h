@@ -1,6 +1,6 @@
-// CDepWalker: the recursion at the heart of the static scan. From one file it follows import tables
-// down the tree, decides for each name whether the file exists, belongs to a merge module of the host's
-// catalog, is filtered or is missing, and collects the outcome in two maps. It lives for one scan,
+// CDepWalker: the walk at the heart of the static scan. From one file it follows import tables
+// down the tree, depth first on a stack of its own, decides for each name whether the file exists, belongs to a merge
+// module of the host's catalog, is filtered or is missing, and collects the outcome in two maps. It lives for one scan,
 // changes the process's current directory while it runs, and so must never overlap another scan in the
 // process.
 #pragma once
@@ -15,6 +15,7 @@
 #include <unordered_map>
 #include <unordered_set>
 #include <string>
+#include <vector>
 
 class CFilterBase;
 class CScannedPE;
@@ -47,7 +48,8 @@ struct SkipNameOrder {
 
 // Searches the current directory and then the folders of the Path variable (or only root, when it is
 // not empty) for name, taking a file that is no usable image, or an image of the given machine
-// (0 takes any). Folders are stepped over; so is an image of another machine.
+// (0 takes any). Folders, devices and pipes are stepped over; so is an image of another machine. The
+// path found is normalised when the name climbs or holds forward slashes.
 bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result);
 
 class CDepWalker {
@@ -69,15 +71,14 @@ public:
     FileMap MissingFiles; // keyed by the name as the referring file writes it
     DWORD Status = 3;     // "General failure" until a walk has ended
 
-    const std::map<std::wstring, bool, SkipNameOrder>& SkipNames() const { return m_skipNames; }
-    bool DirectoryChanged() const { return m_bDirectoryChanged; }
-    bool UseCatalog() const { return m_bUseCatalog; }
-    long ScanMode() const { return m_nScanMode; }
-    const std::wstring& LangId() const { return m_sLangId; }
-
 private:
+    struct ImportFrame;
+
     void EnterFileDirectory(const std::wstring& file);
-    void WalkImage(const CScannedPE& image, const std::wstring& path, bool isDependency);
+    // Opens one file, reports it, and adds a frame for its imports when they are to be walked.
+    void EnterFile(const std::wstring& path, bool isDependency, std::vector<ImportFrame>& stack);
+    // Records a usable image; true when its import table is to be walked.
+    bool WalkImage(const CScannedPE& image, const std::wstring& path, bool isDependency);
     bool AddFound(const std::wstring& path, ScannedFile& record);
     // Asks the catalog about a found file and fills the record's module fields. True when the entry
     // stands for a module: one the catalog has, or a missing one whose key and subject it names.
@@ -101,5 +102,5 @@ private:
     long m_nScanMode = 0;
     bool m_bUseCatalog = false;
     bool m_bDirectoryChanged = false;
-    wchar_t m_szSavedDirectory[MAX_PATH] = {};
+    std::wstring m_sSavedDirectory;
 };

@@ -19,7 +19,7 @@ const wchar_t* ImageStatusText(DWORD status) {
     }
 }
 
-CExeImage::CExeImage(const std::wstring& path) : CMappedFile(path) {
+CExeImage::CExeImage(const std::wstring& path) : CFileView(path) {
     if (OpenStatus() != OpenOk)
         return;
     auto c = qv::pe::classify(Bytes());
@@ -28,21 +28,22 @@ CExeImage::CExeImage(const std::wstring& path) : CMappedFile(path) {
     m_kind = c.kind;
 }
 
-std::wstring CExeImage::KindName() const { return qv::WidenAscii(qv::pe::kind_name(m_kind)); }
+std::wstring CExeImage::KindName() const {
+    return qv::WidenAscii(qv::pe::kind_name(m_kind));
+}
 
 CPEImage::CPEImage(const std::wstring& path) : CExeImage(path) {
     if (m_nStatus != StatusUsable)
         return;
     if (m_kind == image_kind::pe || m_kind == image_kind::pe64)
         m_reader = qv::pe::pe_image::open(Bytes());
-    if (!m_reader) {
+    if (!m_reader)
         m_nStatus = StatusUnknownKind;
-        return;
-    }
-    m_pNtHeaders = View() + m_reader->nt_headers_offset();
 }
 
-DWORD CPEImage::GetMachine() const { return m_reader ? m_reader->machine() : 0; }
+DWORD CPEImage::GetMachine() const {
+    return m_reader ? m_reader->machine() : 0;
+}
 
 LONGLONG CPEImage::DirectorySize(DWORD index) const {
     if (index >= 16)
@@ -58,11 +59,9 @@ LONGLONG CPEImage::DirectoryRva(DWORD index) const {
     return entry ? entry->rva : 0;
 }
 
-const BYTE* CPEImage::DirectoryPointer(DWORD index) const {
-    if (index >= 16)
-        return InvalidDirectory;
+bool CPEImage::DirectoryInFile(DWORD index) const {
     auto rva = DirectoryRva(index);
-    return rva == 0 ? nullptr : RvaToPointer(static_cast<DWORD>(rva));
+    return rva > 0 && m_reader->rva_to_file_offset(static_cast<DWORD>(rva)).has_value();
 }
 
 LONGLONG CPEImage::RvaToOffset(DWORD rva) const {
@@ -70,12 +69,9 @@ LONGLONG CPEImage::RvaToOffset(DWORD rva) const {
     return offset ? static_cast<LONGLONG>(*offset) : -1;
 }
 
-const BYTE* CPEImage::RvaToPointer(DWORD rva) const {
-    auto offset = m_reader ? m_reader->rva_to_file_offset(rva) : std::nullopt;
-    return offset ? View() + *offset : nullptr;
+bool CPEImage::ExportsDllRegisterServer() const {
+    return m_reader && m_reader->exports_dll_register_server();
 }
-
-bool CPEImage::ExportsDllRegisterServer() const { return m_reader && m_reader->exports_dll_register_server(); }
 
 std::vector<std::wstring> CPEImage::ImportNames() const {
     std::vector<std::wstring> names;

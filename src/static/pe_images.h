@@ -1,12 +1,12 @@
-// The image layers over a mapped file: CExeImage classifies it by its headers, CPEImage reaches into
+// The image layers over a file view: CExeImage classifies it by its headers, CPEImage reaches into
 // the tables of a usable PE image, CScannedPE adds the attempt to load the file as an assembly.
-// All reading goes through the bounded reader of qv::pe on the mapped bytes; nothing is run, and
-// a corrupt file is a state, never an exception.
+// All reading goes through the bounded reader of qv::pe on the file's bytes; nothing is run, and
+// a corrupt file, or one that shrinks while it is read, is a state, never an exception.
 #pragma once
 
 #include "format/pe/pe_image.h"
 #include "inc/com_ptr.h"
-#include "static/mapped_file.h"
+#include "static/file_view.h"
 
 #include <optional>
 #include <string>
@@ -15,10 +15,10 @@
 // Status words of an image, as the walker reports them.
 const wchar_t* ImageStatusText(DWORD status);
 
-class CExeImage : public CMappedFile {
+class CExeImage : public CFileView {
 public:
     static constexpr DWORD StatusUsable = 0;
-    static constexpr DWORD StatusNotMapped = 1;
+    static constexpr DWORD StatusNotOpened = 1;
     static constexpr DWORD StatusUnknownKind = 2;
 
     explicit CExeImage(const std::wstring& path);
@@ -30,7 +30,7 @@ public:
     std::wstring KindName() const;
 
 protected:
-    DWORD m_nStatus = StatusNotMapped;
+    DWORD m_nStatus = StatusNotOpened;
     LONG m_nHeaderOffset = -1;
     qv::pe::image_kind m_kind = qv::pe::image_kind::invalid;
 };
@@ -44,13 +44,10 @@ struct ImageErrorRecord {
 
 class CPEImage : public CExeImage {
 public:
-    // What DirectoryPointer yields for an index of 16 or over.
-    static inline const BYTE* const InvalidDirectory = reinterpret_cast<const BYTE*>(~static_cast<ULONG_PTR>(0));
-
     explicit CPEImage(const std::wstring& path);
 
-    // Null unless the image is usable (kinds PE and PE64).
-    const BYTE* NtHeaders() const { return m_pNtHeaders; }
+    // Whether the image is usable (kinds PE and PE64).
+    bool Usable() const { return m_reader.has_value(); }
     const ImageErrorRecord& ImageError() const { return m_imageError; }
 
     // The file header's machine word (0 when there is no usable image).
@@ -58,12 +55,10 @@ public:
     // -1 for an index of 16 or over.
     LONGLONG DirectorySize(DWORD index) const;
     LONGLONG DirectoryRva(DWORD index) const;
-    // InvalidDirectory for an index of 16 or over, null for an RVA of 0 or one that maps nowhere.
-    const BYTE* DirectoryPointer(DWORD index) const;
+    // Whether the directory's RVA is not 0 and maps into the file (false for an index of 16 or over).
+    bool DirectoryInFile(DWORD index) const;
     // -1 when no section holds the RVA.
     LONGLONG RvaToOffset(DWORD rva) const;
-    // Null when no section holds the RVA or it maps outside the file.
-    const BYTE* RvaToPointer(DWORD rva) const;
     bool ExportsDllRegisterServer() const;
     // The import-table names, widened through the ANSI code page, in table order.
     std::vector<std::wstring> ImportNames() const;
@@ -71,7 +66,6 @@ public:
     const std::optional<qv::pe::pe_image>& Reader() const { return m_reader; }
 
 protected:
-    const BYTE* m_pNtHeaders = nullptr;
     ImageErrorRecord m_imageError;
     std::optional<qv::pe::pe_image> m_reader;
 };

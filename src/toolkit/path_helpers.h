@@ -1,4 +1,5 @@
-// Small text helpers for Windows paths, shared by the scanners.
+// The one place where Windows paths are split and compared. A forward slash separates folders as a
+// backslash does, as it does for the platform itself; text after an embedded null is not part of a path.
 #pragma once
 
 #include <windows.h>
@@ -8,40 +9,69 @@
 
 namespace qv {
 
-// The file-name part of a path: the text after the last backslash, or the whole text.
+inline bool IsPathSeparator(wchar_t c) {
+    return c == L'\\' || c == L'/';
+}
+
+// The text up to its first null.
+inline std::wstring_view UpToNull(std::wstring_view path) {
+    return path.substr(0, path.find(L'\0'));
+}
+
+// The last component of a path, as the shell reads it: the text after the last separator (or drive
+// colon) that something follows. "C:\x" gives "x", "C:\" stays "C:\", "C:\dir\" gives "dir\".
 inline std::wstring FileNamePart(std::wstring_view path) {
-    auto pos = path.find_last_of(L'\\');
-    return std::wstring(pos == std::wstring_view::npos ? path : path.substr(pos + 1));
+    path = UpToNull(path);
+    size_t start = 0;
+    for (size_t i = 0; i + 1 < path.size(); ++i) {
+        if ((IsPathSeparator(path[i]) || path[i] == L':') && !IsPathSeparator(path[i + 1]))
+            start = i + 1;
+    }
+    return std::wstring(path.substr(start));
 }
 
-// The text before the last backslash, or empty when there is none.
+// The path without its last component, as the shell cuts it: the separator before it goes too, except
+// after a drive or at the front, so that a root keeps it ("C:\x" gives "C:\", "C:x" gives "C:", "\x" gives
+// "\"). A leading "\\" of a UNC path is never a cut; a bare name gives the empty text.
 inline std::wstring DirectoryPart(std::wstring_view path) {
-    auto pos = path.find_last_of(L'\\');
-    return pos == std::wstring_view::npos ? std::wstring() : std::wstring(path.substr(0, pos));
+    path = UpToNull(path);
+    size_t i = 0;
+    size_t cut = 0;
+    for (int lead = 0; lead < 2 && i < path.size() && IsPathSeparator(path[i]); ++lead)
+        cut = ++i;
+    for (; i < path.size(); ++i) {
+        if (IsPathSeparator(path[i])) {
+            cut = i;
+        } else if (path[i] == L':') {
+            cut = i + 1;
+            if (cut < path.size() && IsPathSeparator(path[cut]))
+                ++cut, ++i;
+        }
+    }
+    return std::wstring(path.substr(0, cut));
 }
 
-// Joins a folder and a name with exactly one backslash between them.
+// Joins a folder and a name with exactly one separator between them.
 inline std::wstring JoinPath(std::wstring_view dir, std::wstring_view name) {
     std::wstring r(dir);
-    if (!r.empty() && r.back() != L'\\')
+    if (!r.empty() && !IsPathSeparator(r.back()))
         r += L'\\';
     r += name;
     return r;
 }
 
 // Whether text begins with prefix, compared without regard to case (ordinal, as file names compare).
+// An empty prefix begins nothing: an unknown folder is the prefix of no path.
 inline bool StartsWithNoCase(std::wstring_view text, std::wstring_view prefix) {
-    if (prefix.size() > text.size())
+    if (prefix.empty() || prefix.size() > text.size())
         return false;
-    if (prefix.empty())
-        return true;
     return CompareStringOrdinal(text.data(), static_cast<int>(prefix.size()), prefix.data(),
                                 static_cast<int>(prefix.size()), TRUE) == CSTR_EQUAL;
 }
 
-// The extension of a file name including its dot (".dll"), or empty.
+// The extension of a path's last component including its dot (".dll"), or empty.
 inline std::wstring_view ExtensionPart(std::wstring_view path) {
-    auto slash = path.find_last_of(L'\\');
+    auto slash = path.find_last_of(L"\\/");
     auto dot = path.find_last_of(L'.');
     if (dot == std::wstring_view::npos || (slash != std::wstring_view::npos && dot < slash))
         return {};
@@ -66,5 +96,9 @@ inline bool IsDeviceName(std::wstring_view path) {
     return name.size() == 4 && (is(std::wstring(L"COM") + name[3]) || is(std::wstring(L"LPT") + name[3])) &&
            name[3] >= L'0' && name[3] <= L'9';
 }
+
+// The full, normalised form of a path ("." and ".." resolved, separators made backslashes) when it has
+// anything to normalise; otherwise, or when the system cannot say, the path as it is.
+std::wstring NormalisedPath(const std::wstring& path);
 
 } // namespace qv

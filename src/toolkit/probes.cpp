@@ -5,6 +5,7 @@
 #include "inc/com_exception.h"
 #include "inc/unique_handles.h"
 #include "toolkit/inet_file.h"
+#include "toolkit/path_helpers.h"
 
 #include <cwchar>
 #include <iterator>
@@ -28,13 +29,6 @@ WORD NativeProcessorArchitecture() {
     else
         GetSystemInfo(&info);
     return info.wProcessorArchitecture;
-}
-
-bool StartsWithNoCase(std::wstring_view text, std::wstring_view prefix) {
-    if (prefix.empty() || prefix.size() > text.size())
-        return false;
-    return CompareStringOrdinal(text.data(), static_cast<int>(prefix.size()), prefix.data(),
-                                static_cast<int>(prefix.size()), TRUE) == CSTR_EQUAL;
 }
 
 // prefix's length of path replaced by replacement, when path starts with prefix.
@@ -133,6 +127,25 @@ public:
 };
 
 } // namespace
+
+std::wstring NormalisedPath(const std::wstring& path) {
+    bool dotted = path.find(L'/') != std::wstring::npos;
+    for (size_t start = 0; !dotted && start < path.size();) {
+        size_t end = path.find(L'\\', start);
+        std::wstring_view part = std::wstring_view(path).substr(start, end - start);
+        dotted = part == L"." || part == L"..";
+        start = end == std::wstring::npos ? end : end + 1;
+    }
+    if (!dotted)
+        return path;
+    DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
+    std::wstring full(size, L'\0');
+    DWORD n = size ? GetFullPathNameW(path.c_str(), size, full.data(), nullptr) : 0;
+    if (n == 0 || n >= size)
+        return path;
+    full.resize(n);
+    return full;
+}
 
 bool IsAbsolutePath(std::wstring_view path) {
     if (path.size() >= 3 && path[0] == L'\\' && path[1] == L'\\')

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """The command-line host as a person and a pipeline use it, checked on the Linux side. CASE: json (real
 programs against an independent reading of their import tables; the fixture tree record by record), table,
-exits (usage errors, exit codes, messages), script (a JScript client through the registration entries)."""
-import argparse, json, os, shutil, subprocess, sys, tempfile
+exits (usage errors, exit codes, messages), script (a JScript client through the registration entries), hostile
+(files rewritten under the scan, Linux paths Windows cannot spell)."""
+import argparse, json, os, shutil, struct, subprocess, sys, tempfile, threading
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "static"))
 import check_walk  # noqa: E402  (the independent objdump reading of import tables)
@@ -105,6 +106,58 @@ def case_exits(a):
             expect(r.returncode == 1 and "filters.xml" in r.stderr and why in r.stderr, f"no lists: {r.stderr!r}")
 
 
+def image(imports, exe=True, at=0x200, size=0):
+    """An x64 image importing `imports`, its import table at file offset `at`, zeros up to `size` bytes."""
+    names = [n.encode() + b"\0" for n in imports]
+    data = b"".join(struct.pack("<12xI4x", 0x1014 + 20 * len(names) + len(b"".join(names[:i]))) for i in range(len(names)))
+    data += bytes(20) + b"".join(names)
+    h = bytearray(0x200)  # MZ, PE, the optional header's alignments, size, directory count and imports, .idata
+    struct.pack_into("<2s22xH34xI", h, 0, b"MZ", 0x40, 0x80)
+    struct.pack_into("<4sHH12xHHH30xII16xI48xI8xII", h, 0x80, b"PE\0\0", 0x8664, 1, 240, 0x22 if exe else 0x2022,
+                     0x20B, 0x1000, 0x200, 0x2000 + len(data), 16, 0x1000, len(data))
+    struct.pack_into("<8sIIII12xI", h, 0x188, b".idata", len(data), 0x1000, len(data), at, 0xC0000040)
+    body = bytes(h) + bytes(at - 0x200) + data
+    return body + bytes(max(0, size - len(body)))
+
+
+def scan_json(a, path):  # the JSON document of a static scan; None when it failed or wrote none
+    r = run(a, ["static", path, "--json"])
+    try:
+        return json.loads(r.stdout) if r.returncode == 0 else None
+    except ValueError:
+        return None
+
+
+def case_hostile(a):
+    tmp, done = tempfile.mkdtemp(prefix="qvscan-hostile-"), []
+    put = lambda path, data: (os.makedirs(os.path.dirname(path), exist_ok=True), open(path, "wb").write(data))  # noqa
+
+    def rewrite():  # cuts each DLL to 4 KiB and writes it back, over and over
+        while not done:
+            for i, data in enumerate(whole):
+                with open(os.path.join(tmp, f"d{i}.dll"), "r+b") as f:
+                    f.truncate(4096) if f.seek(0, 2) > 4096 else f.write(data[4096:])
+    try:
+        # 150 DLLs of 256 KiB with their imports at 252 KiB, rewritten while the tool scans them.
+        whole = [image([f"d{i + 1}.dll"], False, 0x3F000, 0x40000) for i in range(150)]
+        for i, data in enumerate(whole):
+            put(os.path.join(tmp, f"d{i}.dll"), data)
+        put(os.path.join(tmp, "app.exe"), image([f"d{i}.dll" for i in range(150)]))
+        threading.Thread(target=rewrite, daemon=True).start()
+        for round, doc in enumerate([scan_json(a, os.path.join(tmp, "app.exe")) for _ in range(3)]):
+            expect(doc and {d["name"] for d in doc["dependencies"]} <= {f"d{i}.dll" for i in range(151)}, f"round {round}")
+        done.append(True)
+        # Linux paths: a folder past 260 characters, a '"' in names; the DLL beside the program is found.
+        for folder in [os.path.join(tmp, "a" * 120, "b" * 120, "c" * 40), os.path.join(tmp, 'we"ird')]:
+            put(os.path.join(folder, "beside.dll"), image([], False))
+            put(os.path.join(folder, 'p"rog.exe'), image(["beside.dll"]))
+            doc = scan_json(a, os.path.join(folder, 'p"rog.exe'))
+            expect(doc and [d["missing"] for d in doc["dependencies"]] == [False], f"{folder[:60]}: {doc!r}"[:300])
+    finally:
+        done.append(True)
+        shutil.rmtree(tmp, ignore_errors=True)
+
+
 def case_script(a):
     # A prefix of its own: registration entries must not reach the prefix the other tests share.
     tmp = tempfile.mkdtemp(prefix="qvscan-script-")
@@ -135,7 +188,7 @@ def main():
     ap = argparse.ArgumentParser()
     for option in ["--emulator", "--tool", "--dump", "--prefix", "--fixtures"]:
         ap.add_argument(option, required=True)
-    ap.add_argument("case", choices=["json", "table", "exits", "script"])
+    ap.add_argument("case", choices=["json", "table", "exits", "script", "hostile"])
     a = ap.parse_args()
     globals()["case_" + a.case](a)
     print(f"{0 if failures else 1} passed, {len(failures)} failed")

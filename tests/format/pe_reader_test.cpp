@@ -210,6 +210,14 @@ void expect_walks(const bytes_t& bytes, const std::vector<std::uint32_t>& rvas, 
     ASSERT_EQ(image->exports_dll_register_server(), reference_self_registration(span(bytes), nt, at)) << where;
 }
 
+// A file that ends after its first `size` bytes, seen through a view that spans more.
+struct shrunk final : qv::format::byte_source {
+    shrunk(const std::uint8_t* base, std::uint64_t size) : base(base), size(size) {}
+    bool fill(const std::uint8_t* p, std::uint64_t n) const override { return p >= base && p - base + n <= size; }
+    const std::uint8_t* base;
+    std::uint64_t size;
+};
+
 // Every prefix gives the walks' answers and shows a part of what the whole file shows: the same directory
 // entries or zeros, the first of its import names, self-registration and resources only if the whole has them.
 void expect_prefixes(const bytes_t& full, const std::vector<std::uint32_t>& rvas, const std::string& what) {
@@ -219,6 +227,13 @@ void expect_prefixes(const bytes_t& full, const std::vector<std::uint32_t>& rvas
         const std::string where = what + " prefix " + std::to_string(n);
         ASSERT_NO_FATAL_FAILURE(expect_walks(prefix, rvas, where));
         const auto image = pe_image::open(span(prefix));
+        // The whole file's view over a source that shrank to the prefix: no read passes the source, and the
+        // answers are the prefix's.
+        const shrunk source(prefix.data(), n);
+        const auto cut = pe_image::open(qv::format::byte_span(prefix.data(), full.size(), &source));
+        ASSERT_EQ(cut.has_value(), image.has_value()) << where;
+        ASSERT_TRUE(!cut || (imports_of(*cut) == imports_of(*image) &&
+                             cut->exports_dll_register_server() == image->exports_dll_register_server())) << where;
         if (!image || image->kind() != whole.kind())
             continue;
         for (std::uint32_t i = 0; i < 17; ++i) {

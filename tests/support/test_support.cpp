@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 #include <shellapi.h>
-#include <shlobj.h>
 #include <stdexcept>
 
 namespace qv::test {
@@ -53,22 +52,30 @@ std::wstring lower(std::wstring text) {
     return text;
 }
 
-static void make_dirs(const std::wstring& path) { SHCreateDirectoryExW(nullptr, path.c_str(), nullptr); }
+static void make_dirs(const std::wstring& path) { std::error_code e; std::filesystem::create_directories(path, e); }
 
-temp_dir::temp_dir() {
-    wchar_t base[MAX_PATH];
-    GetTempPathW(MAX_PATH, base);
-    static LONG counter = 0;
-    m_path = std::wstring(base) + L"qvtest-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
-             std::to_wstring(InterlockedIncrement(&counter));
-    if (SHCreateDirectoryExW(nullptr, m_path.c_str(), nullptr) != ERROR_SUCCESS)
+static void remove_tree(const std::wstring& path) {
+    WIN32_FIND_DATAW d;
+    HANDLE find = FindFirstFileW((path + L"\\*").c_str(), &d);
+    for (bool more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &d)) {
+        const std::wstring name = d.cFileName, full = path + L"\\" + name;
+        if (name != L"." && name != L"..")
+            (d.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? remove_tree(full) : void(DeleteFileW(full.c_str()));
+    }
+    FindClose(find);
+    RemoveDirectoryW(path.c_str());
+}
+
+temp_dir::temp_dir() { // a name that no file had, made a folder
+    wchar_t base[MAX_PATH], name[MAX_PATH];
+    if (!GetTempPathW(MAX_PATH, base) || !GetTempFileNameW(base, L"qvt", 0, name) || !DeleteFileW(name) ||
+        !CreateDirectoryW(name, nullptr))
         throw std::runtime_error("cannot make a temporary folder");
+    m_path = name;
 }
 
 temp_dir::~temp_dir() {
-    std::wstring from = m_path + L'\0'; // a list of one name
-    SHFILEOPSTRUCTW op{nullptr, FO_DELETE, from.c_str(), nullptr, FOF_NO_UI, FALSE, nullptr, nullptr};
-    SHFileOperationW(&op);
+    remove_tree(L"\\\\?\\" + m_path); // the long form reaches folders of any depth
 }
 
 std::wstring temp_dir::write(const std::wstring& name, const std::string& bytes) const {

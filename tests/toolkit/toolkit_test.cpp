@@ -5,8 +5,12 @@
 #include "filter/qvwi_filter.h"
 #include "filter/xml_loader.h"
 #include "inc/com_error.h"
+#include "image_writer.h"
+#include "recording_sink.h"
 #include "server/dep_file.h"
+#include "static/dep_walker.h"
 #include "test_support.h"
+#include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
 #include "toolkit/version_info.h"
 #include "traits/project_traits.h"
@@ -29,6 +33,17 @@ TEST(Probes, PathFormsRealFilesAndSearchPathSplit) {
     for (auto [path, absolute] : {std::pair{L"C:", true}, {L"z:rel\\x", true}, {L"\\\\a", true}, {L"\\\\", false},
                                   {L"\\foo", false}, {L"..\\x", false}, {L"C", false}, {L"", false}, {L":C", false}})
         EXPECT_EQ(qv::IsAbsolutePath(path), absolute) << narrow(path);
+    // (path, name part, folder part), split as the shell splits, at either separator.
+    for (auto [path, name, folder] : {std::tuple{L"C:\\x", L"x", L"C:\\"}, {L"C:\\", L"C:\\", L"C:\\"}, {L"x", L"x", L""},
+             {L"C:\\dir\\", L"dir\\", L"C:\\dir"}, {L"C:/a/b.dll", L"b.dll", L"C:/a"}, {L"C:x", L"x", L"C:"}, {L"\\x", L"x", L"\\"},
+             {L"\\\\srv\\share\\f", L"f", L"\\\\srv\\share"}, {L"\\\\srv", L"srv", L"\\\\"}, {L"a\\b/c", L"c", L"a\\b"}}) {
+        EXPECT_EQ(qv::FileNamePart(path), name) << narrow(path);
+        EXPECT_EQ(qv::DirectoryPart(path), folder) << narrow(path);
+    }
+    EXPECT_EQ(qv::FileNamePart(wstring(L"C:\\a.dll\0\\b", 11)), L"a.dll"); // a path ends at its first null
+    EXPECT_FALSE(qv::StartsWithNoCase(L"C:\\x", L"")); // an unknown folder is the prefix of nothing
+    EXPECT_EQ(qv::NormalisedPath(L"C:\\a\\b\\..\\.\\c/d.dll"), L"C:\\a\\c\\d.dll");
+    EXPECT_EQ(qv::NormalisedPath(L"rel\\x..y.dll"), L"rel\\x..y.dll"); // nothing to normalise: as it is
     temp_dir dir;
     const wstring file = dir.write(L"present.dll", "MZ"), folder = dir.mkdir(L"sub"), wild = dir / L"wild*.dll";
     for (auto [path, flags, expected] : {std::tuple{file, F, true}, {file, D, false}, {folder, F, false},
@@ -176,6 +191,42 @@ TYPED_TEST(VersionInfo, CopiesShareTheBlockAndOutliveTheOriginal) {
         FillMemory(scribbles.emplace_back(new BYTE[size]).get(), size, 0x5A);
     EXPECT_EQ(Text(copy.GetString("GermanUnicodeOnly")), L"only under 040704B0");
     EXPECT_EQ(Text(assigned.GetString("GermanUnicodeOnly")), L"only under 040704B0");
+}
+
+// An x64 program importing name; of size bytes (sparse past the image) when a size is given.
+wstring program(const temp_dir& dir, const wstring& file, const std::string& name, ULONGLONG size = 0) {
+    const wstring path = dir.write(file, qv::test::image_writer().dll(false).import(name).build().str());
+    HANDLE h = size ? CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr) : nullptr;
+    const LARGE_INTEGER at{{static_cast<DWORD>(size), static_cast<LONG>(size >> 32)}};
+    EXPECT_TRUE(!h || (SetFilePointerEx(h, at, nullptr, FILE_BEGIN) && SetEndOfFile(h) && CloseHandle(h)));
+    return path;
+}
+
+TEST(Walker, DeepChainsClimbingNamesLongFoldersAndHugeFiles) {
+    // 5,000 DLLs, each importing the next, come back in the order of a short chain: the deepest first.
+    temp_dir dir;
+    constexpr int depth = 5000;
+    auto link = [](int i) { return "c" + std::to_string(i) + ".dll"; };
+    for (int i = 0; i < depth; ++i)
+        dir.write(widen(link(i)), (i + 1 < depth ? qv::test::image_writer().import(link(i + 1)) : qv::test::image_writer()).build().str());
+    // Names that climb or use forward slashes, a folder far past 260 characters, files of about 4 GiB.
+    const wstring deep = wstring(120, L'd') + L"\\" + wstring(120, L'e'), last = widen(link(depth - 1));
+    dir.write(L"up\\x_up.dll", ""), dir.write(L"up\\app\\sub\\y.dll", ""), dir.write(deep + L"\\z.dll", "");
+    const std::pair<wstring, wstring> rows[] = { // the program, and where its one import is found
+        {program(dir, L"chain.exe", link(0)), dir / widen(link(0))}, {program(dir, L"up\\app\\a.exe", "../x_up.dll"), dir / L"up\\x_up.dll"},
+        {program(dir, L"up\\app\\b.exe", "..\\app\\sub/y.dll"), dir / L"up\\app\\sub\\y.dll"},
+        {program(dir, deep + L"\\c.exe", "z.dll"), dir / deep + L"\\z.dll"}, {program(dir, L"4g.exe", link(depth - 1), 1ull << 32), dir / last}};
+    for (const auto& [top, found] : rows) {
+        recording_sink sink;
+        CDepWalker walker;
+        walker.Scan(top, &sink, nullptr, L"", 0);
+        const auto record = walker.FoundFiles.find(qv::bstr(qv::FileNamePart(found)));
+        ASSERT_NE(record, walker.FoundFiles.end()) << narrow(top);
+        EXPECT_EQ(lower(record->second.FullPath), lower(found)) << narrow(top);
+        EXPECT_TRUE(walker.MissingFiles.empty()) << narrow(top);
+        for (size_t i = 0; &top == &rows[0].first && i < depth; ++i)
+            ASSERT_EQ(lower(sink.found.at(i)), lower(dir / widen(link(depth - 1 - static_cast<int>(i))))) << i;
+    }
 }
 
 TEST(VersionText, FixturesSelfRegistrationAndWineDlls) {

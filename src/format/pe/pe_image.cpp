@@ -195,7 +195,7 @@ bool pe_image::exports_dll_register_server() const {
         if (!name_offset)
             continue; // an empty name: no match
         // The name and its terminator; bytes past the end of the file match nothing.
-        if (!file_.fits(*name_offset, register_server_name.size() + 1))
+        if (!file_.readable(*name_offset, register_server_name.size() + 1))
             continue;
         const auto* name = file_.data() + *name_offset;
         if (std::memcmp(name, register_server_name.data(), register_server_name.size()) == 0 &&
