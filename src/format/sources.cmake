@@ -3,4 +3,5 @@
 set(QV_FORMAT_SOURCES
     pe/pe_image.cpp
     pe/section_map.cpp
-    pe/resources.cpp)
+    pe/resources.cpp
+    ini/ini_text.cpp)
