@@ -76,6 +76,8 @@ void inifilex::SetFile(std::wstring file, std::wstring separator) {
 
 bool inifilex::Load(std::wstring file, std::wstring separator, bool bareKeys) {
     Clear();
+    m_nBadLine = 0;
+    m_sBadLine.clear();
     m_bBareKeys = bareKeys;
     m_sSeparator = std::move(separator);
     m_sFile = std::move(file);
@@ -128,8 +130,11 @@ bool inifilex::Load(std::wstring file, std::wstring separator, bool bareKeys) {
     }
     Reindex();
     m_bModified = false;
-    if (!parsed.ok)
+    if (!parsed.ok) {
         m_nLastError = ERROR_INVALID_DATA;
+        m_nBadLine = parsed.bad_line;
+        m_sBadLine.assign(parsed.problem, parsed.problem + std::char_traits<char>::length(parsed.problem));
+    }
     return parsed.ok;
 }
 

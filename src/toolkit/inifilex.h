@@ -99,6 +99,9 @@ public:
     const std::vector<inifilesectionx>& Sections() const { return m_sections; }
     const inifilesectionx* FindSection(const std::wstring& name) const;
     int CodePage() const { return m_nCodePage; }
+    // The line that ended the last Load early (from 1), and what was wrong with it; 0 and empty otherwise.
+    size_t BadLine() const { return m_nBadLine; }
+    std::wstring BadLineText() const { return m_sBadLine; }
     bool WritesBom() const { return m_bWriteBom; }
 
 private:
@@ -116,6 +119,8 @@ private:
     bool m_bWriteBom = false;
     DWORD m_nLastError = 0;
     std::wstring m_sLastErrorFile;
+    size_t m_nBadLine = 0;
+    std::wstring m_sBadLine;
 };
 
 // One-shot reads of a single key (the default when the file cannot be loaded) and writes of one key.

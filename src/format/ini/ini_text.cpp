@@ -89,6 +89,7 @@ parse_result parse(std::u16string_view text, std::u16string_view separator) {
             if (close == std::u16string_view::npos) {
                 result.ok = false;
                 result.bad_line = number;
+                result.problem = "a section header without ']'";
                 return result;
             }
             std::u16string name(line.substr(1, close - 1));
@@ -104,6 +105,7 @@ parse_result parse(std::u16string_view text, std::u16string_view separator) {
         if (!inSection) {
             result.ok = false;
             result.bad_line = number;
+            result.problem = "an entry before any section header";
             return result;
         }
         const std::size_t at = find_no_case(line, separator);

@@ -54,6 +54,7 @@ struct parse_result {
     std::vector<section> sections; // what was read, up to a bad line
     bool ok = true;
     std::size_t bad_line = 0; // 1-based number of the line that failed the load; 0 when ok
+    const char* problem = ""; // what was wrong with it, in words
 };
 
 // Splits text into sections and entries by the rules above; an empty separator makes every entry all key.

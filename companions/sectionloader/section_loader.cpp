@@ -1,0 +1,219 @@
+// SectionLoader.dll: the section-file loader (IQvSectionLoader) and the objects it hands out, which share
+// one read-only copy of the file. Its one class is handed out through DllGetClassObject with no
+// registration; each live object and each class factory a client holds keeps one lock on the module.
+#include "companions.h"
+#include "inc/com_module.h"
+#include "inc/com_object.h"
+#include "inc/com_ptr.h"
+#include "toolkit/inifilex.h"
+
+#include <memory>
+#include <string>
+
+namespace {
+
+using file_ptr = std::shared_ptr<const qv::inifilex>;
+
+HRESULT Text(const std::wstring& text, BSTR* out) {
+    if (!out)
+        return E_POINTER;
+    *out = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
+    return *out ? S_OK : E_OUTOFMEMORY;
+}
+
+// A 1-based number or a name of an Item call; E_INVALIDARG for any other kind of VARIANT.
+HRESULT ReadIndex(const VARIANT& index, long& number, std::wstring& name) {
+    VARIANT value;
+    VariantInit(&value);
+    if (V_VT(&index) == VT_BSTR || (V_VT(&index) == (VT_BSTR | VT_BYREF) && V_BSTRREF(&index))) {
+        BSTR text = V_VT(&index) == VT_BSTR ? V_BSTR(&index) : *V_BSTRREF(&index);
+        name.assign(text ? text : L"", text ? SysStringLen(text) : 0);
+        number = 0;
+        return S_OK;
+    }
+    if (FAILED(VariantChangeType(&value, const_cast<VARIANT*>(&index), 0, VT_I4)))
+        return E_INVALIDARG;
+    number = V_I4(&value);
+    return S_OK;
+}
+
+// Makes an object of class T from args and hands out its interface I, or null.
+template <class T, class I, class... Args> HRESULT HandOut(I** out, Args&&... args) {
+    if (!out)
+        return E_POINTER;
+    *out = nullptr;
+    qv::com_object<T>* object = nullptr;
+    HRESULT hr = qv::com_object<T>::CreateInstance(&object, std::forward<Args>(args)...);
+    if (FAILED(hr))
+        return hr;
+    object->AddRef();
+    *out = object;
+    return S_OK;
+}
+
+class CQvEntry : public qv::object_root, public IQvEntry {
+public:
+    static constexpr bool aggregatable = false;
+    CQvEntry(file_ptr file, const qv::inifileentryx* entry) : m_file(std::move(file)), m_entry(entry) {}
+
+    QV_BEGIN_INTERFACE_MAP(CQvEntry)
+    QV_INTERFACE(IID_IQvEntry, IQvEntry)
+    QV_END_INTERFACE_MAP()
+
+    STDMETHOD(get_Name)(BSTR* name) override { return Text(m_entry->m_sKey, name); }
+    STDMETHOD(get_Value)(BSTR* value) override { return Text(m_entry->m_sValue, value); }
+
+private:
+    file_ptr m_file; // keeps the entry alive
+    const qv::inifileentryx* m_entry;
+};
+
+class CQvEntries : public qv::object_root, public IQvEntries {
+public:
+    static constexpr bool aggregatable = false;
+    CQvEntries(file_ptr file, const qv::inifilesectionx* section) : m_file(std::move(file)), m_section(section) {}
+
+    QV_BEGIN_INTERFACE_MAP(CQvEntries)
+    QV_INTERFACE(IID_IQvEntries, IQvEntries)
+    QV_END_INTERFACE_MAP()
+
+    STDMETHOD(get_Count)(long* count) override {
+        if (!count)
+            return E_POINTER;
+        *count = static_cast<long>(m_section->m_entries.size());
+        return S_OK;
+    }
+    STDMETHOD(Item)(VARIANT index, IQvEntry** entry) override {
+        if (!entry)
+            return E_POINTER;
+        *entry = nullptr;
+        long number = 0;
+        std::wstring key;
+        if (HRESULT hr = ReadIndex(index, number, key); FAILED(hr))
+            return hr;
+        const auto& entries = m_section->m_entries;
+        const qv::inifileentryx* found = nullptr;
+        if (number >= 1 && static_cast<size_t>(number) <= entries.size())
+            found = &entries[static_cast<size_t>(number) - 1];
+        else if (V_VT(&index) == VT_BSTR || V_VT(&index) == (VT_BSTR | VT_BYREF))
+            found = const_cast<qv::inifilesectionx*>(m_section)->Find(key);
+        return found ? HandOut<CQvEntry>(entry, m_file, found) : S_OK;
+    }
+
+private:
+    file_ptr m_file;
+    const qv::inifilesectionx* m_section;
+};
+
+class CQvSection : public qv::object_root, public IQvSection {
+public:
+    static constexpr bool aggregatable = false;
+    CQvSection(file_ptr file, const qv::inifilesectionx* section) : m_file(std::move(file)), m_section(section) {}
+
+    QV_BEGIN_INTERFACE_MAP(CQvSection)
+    QV_INTERFACE(IID_IQvSection, IQvSection)
+    QV_END_INTERFACE_MAP()
+
+    STDMETHOD(get_Name)(BSTR* name) override { return Text(m_section->m_sName, name); }
+    STDMETHOD(get_Entries)(IQvEntries** entries) override { return HandOut<CQvEntries>(entries, m_file, m_section); }
+
+private:
+    file_ptr m_file;
+    const qv::inifilesectionx* m_section;
+};
+
+class CQvSections : public qv::object_root, public IQvSections {
+public:
+    static constexpr bool aggregatable = false;
+    explicit CQvSections(file_ptr file) : m_file(std::move(file)) {}
+
+    QV_BEGIN_INTERFACE_MAP(CQvSections)
+    QV_INTERFACE(IID_IQvSections, IQvSections)
+    QV_END_INTERFACE_MAP()
+
+    STDMETHOD(get_Count)(long* count) override {
+        if (!count)
+            return E_POINTER;
+        *count = static_cast<long>(m_file->Sections().size());
+        return S_OK;
+    }
+    STDMETHOD(Item)(VARIANT index, IQvSection** section) override {
+        if (!section)
+            return E_POINTER;
+        *section = nullptr;
+        long number = 0;
+        std::wstring name;
+        if (HRESULT hr = ReadIndex(index, number, name); FAILED(hr))
+            return hr;
+        const auto& sections = m_file->Sections();
+        const qv::inifilesectionx* found = nullptr;
+        if (number >= 1 && static_cast<size_t>(number) <= sections.size())
+            found = &sections[static_cast<size_t>(number) - 1];
+        else if (number == 0)
+            found = m_file->FindSection(name);
+        return found ? HandOut<CQvSection>(section, m_file, found) : S_OK;
+    }
+
+private:
+    file_ptr m_file;
+};
+
+class CQvSectionLoader : public qv::object_root, public IQvSectionLoader {
+public:
+    static constexpr bool aggregatable = false;
+
+    QV_BEGIN_INTERFACE_MAP(CQvSectionLoader)
+    QV_INTERFACE(IID_IQvSectionLoader, IQvSectionLoader)
+    QV_END_INTERFACE_MAP()
+
+    STDMETHOD(Load)(BSTR path) override {
+        auto file = std::make_shared<qv::inifilex>();
+        m_sProblem.clear();
+        const bool whole = file->Load(path ? std::wstring(path, SysStringLen(path)) : std::wstring(), L"=", false);
+        const DWORD error = whole ? 0 : file->GetLastError();
+        if (error && error != ERROR_INVALID_DATA) {
+            m_file = std::make_shared<qv::inifilex>();
+            return HRESULT_FROM_WIN32(error);
+        }
+        if (!whole)
+            m_sProblem = L"line " + std::to_wstring(file->BadLine()) + L": " + file->BadLineText();
+        m_file = std::move(file);
+        return whole ? S_OK : S_FALSE;
+    }
+    STDMETHOD(get_Root)(IQvSections** root) override { return HandOut<CQvSections>(root, m_file); }
+    STDMETHOD(get_Problem)(BSTR* text) override { return Text(m_sProblem, text); }
+
+private:
+    file_ptr m_file = std::make_shared<qv::inifilex>();
+    std::wstring m_sProblem;
+};
+
+} // namespace
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
+    if (reason == DLL_PROCESS_ATTACH) {
+        qv::g_module.Init(instance, GUID_NULL);
+        DisableThreadLibraryCalls(instance);
+    } else if (reason == DLL_PROCESS_DETACH) {
+        qv::g_module.Term();
+    }
+    return TRUE;
+}
+
+extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() { return qv::g_module.LockCount() == 0 ? S_OK : S_FALSE; }
+
+extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* ppv) {
+    if (!ppv)
+        return E_POINTER;
+    *ppv = nullptr;
+    if (!IsEqualCLSID(clsid, CLSID_QvSectionLoader))
+        return CLASS_E_CLASSNOTAVAILABLE;
+    qv::com_object<qv::class_factory>* factory = nullptr;
+    HRESULT hr = qv::com_object<qv::class_factory>::CreateInstance(&factory, &qv::creator<CQvSectionLoader>::CreateInstance);
+    if (FAILED(hr))
+        return hr;
+    factory->AddRef();
+    hr = factory->QueryInterface(iid, ppv);
+    factory->Release();
+    return hr;
+}
