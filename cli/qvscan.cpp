@@ -20,6 +20,7 @@
 #include <cwchar>
 #include <exception>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -27,16 +28,25 @@
 #include "inc/com_error.h"
 #include "inc/com_exception.h"
 #include "inc/com_ptr.h"
+#include "toolkit/inifilex.h"
 #include "toolkit/path_helpers.h"
 
 using namespace qvscan;
 
 namespace {
 
+// Lower case by the system's rules, for comparing paths.
+std::wstring lower(std::wstring text) {
+    if (!text.empty())
+        CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
+    return text;
+}
+
 constexpr int ExitOk = 0, ExitFailed = 1, ExitUsage = 2, ExitNoFile = 3;
 
 const char* const Usage = "usage: qvscan static FILE [--lang TEXT] [--type N] [--no-filter] [--json]\n"
                           "       qvscan pe FILE [--json]\n"
+                          "       qvscan ini FILE [SECTION [KEY]]\n"
                           "       qvscan register [--user]\n"
                           "       qvscan unregister [--user]\n";
 
@@ -107,10 +117,12 @@ private:
     HRESULT(STDAPICALLTYPE* m_getClassObject)(REFCLSID, REFIID, void**) = nullptr;
 };
 
-// The sink of a static scan: counts the files met and draws progress on a terminal.
+// The sink of a static scan: counts the files met, keeps what the import tables named (in lower case),
+// and draws progress on a terminal.
 class progress_sink : public IStaticScanEventsValeSP {
 public:
     long files = 0;
+    std::set<std::wstring> named;
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
         if (!ppv)
@@ -128,8 +140,9 @@ public:
     ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
     ULONG STDMETHODCALLTYPE Release() override { return 1; }
 
-    HRESULT STDMETHODCALLTYPE FoundDepFile(BSTR) override {
+    HRESULT STDMETHODCALLTYPE FoundDepFile(BSTR path) override {
         ++files;
+        named.insert(lower(path ? path : L""));
         DWORD now = GetTickCount();
         if (m_terminal && now - m_lastDraw > 200) {
             m_lastDraw = now;
@@ -184,6 +197,7 @@ struct record {
     long major = 0, minor = 0, size = 0;
     double modified = 0;
     bool missing = false, filterable = false, mergeModule = false, shared = false, selfRegistering = false;
+    bool viaDep = false; // listed by a .dep file, not by an import table
     std::vector<long> languages;
 };
 
@@ -277,6 +291,7 @@ std::string marks(const record& r) {
     m += r.mergeModule ? 'G' : '-';
     m += r.shared ? 'S' : '-';
     m += r.selfRegistering ? 'R' : '-';
+    m += r.viaDep ? 'D' : '-';
     return m;
 }
 
@@ -291,7 +306,8 @@ std::string json_record(const record& r, const char* indent) {
         ", \"languages\": [" + langs + "]" + ", \"missing\": " + (r.missing ? "true" : "false") +
         ", \"filterable\": " + (r.filterable ? "true" : "false") +
         ", \"mergeModule\": " + (r.mergeModule ? "true" : "false") + ", \"shared\": " + (r.shared ? "true" : "false") +
-        ", \"selfRegistering\": " + (r.selfRegistering ? "true" : "false") + "}";
+        ", \"selfRegistering\": " + (r.selfRegistering ? "true" : "false") +
+        ", \"via\": " + (r.viaDep ? "\"dep\"" : "\"imports\"") + "}";
     return s;
 }
 
@@ -382,6 +398,7 @@ std::string not_a_file(const std::wstring& path) {
 
 struct options {
     std::wstring command, file, lang;
+    std::vector<std::wstring> names; // ini: the section and the key asked for
     long type = 0;
     bool filter = true, json = false, user = false;
 };
@@ -393,7 +410,7 @@ options parse(int argc, wchar_t** argv) {
     o.command = argv[1];
     if (o.command == L"-h" || o.command == L"--help" || o.command == L"help")
         throw usage_error{""};
-    const bool scans = o.command == L"static" || o.command == L"pe";
+    const bool scans = o.command == L"static" || o.command == L"pe" || o.command == L"ini";
     const bool registers = o.command == L"register" || o.command == L"unregister";
     if (!scans && !registers)
         throw usage_error{"unknown command '" + utf8(o.command) + "'"};
@@ -404,7 +421,7 @@ options parse(int argc, wchar_t** argv) {
                 throw usage_error{std::string(name) + " needs a value"};
             return std::wstring(argv[++i]);
         };
-        if (scans && a == L"--json") {
+        if (o.command != L"ini" && scans && a == L"--json") {
             o.json = true;
         } else if (o.command == L"static" && a == L"--lang") {
             o.lang = value("--lang");
@@ -428,6 +445,8 @@ options parse(int argc, wchar_t** argv) {
             throw usage_error{"unknown option '" + utf8(a) + "' for " + utf8(o.command)};
         } else if (scans && o.file.empty()) {
             o.file = a;
+        } else if (o.command == L"ini" && o.names.size() < 2) {
+            o.names.push_back(a);
         } else {
             throw usage_error{"unexpected argument '" + utf8(a) + "'"};
         }
@@ -464,6 +483,11 @@ int run_static(const server_dll& dll, const options& o) {
     qv::com_ptr<IDepFiles> files;
     check_hr(scan->get_Dependencies(files.put()));
     std::vector<record> records = read_all(files.get());
+    // The import walk announces every file it names; a record it never named came from a .dep file.
+    for (record& r : records) {
+        const std::wstring full = r.path.empty() ? r.name : r.path + (r.path.back() == L'\\' ? L"" : L"\\") + r.name;
+        r.viaDep = !r.mergeModule && !sink.named.count(lower(full)) && !sink.named.count(lower(r.name));
+    }
 
     size_t missing = 0, filterable = 0, modules = 0;
     for (const auto& r : records) {
@@ -490,7 +514,8 @@ int run_static(const server_dll& dll, const options& o) {
         out(t.render());
         out(std::to_string(records.size()) + " files, " + std::to_string(missing) + " missing, " +
             std::to_string(filterable) + " filterable, " + std::to_string(modules) +
-            " merge modules (marks: M missing, F filterable, G merge module, S shared, R self-registering)\n");
+            " merge modules (marks: M missing, F filterable, G merge module, S shared, R self-registering, D from a .dep "
+            "file)\n");
     }
     if (!present) {
         err("qvscan: " + utf8(file) + ": " + not_a_file(file) + "\n");
@@ -652,6 +677,42 @@ int run_register(const server_dll& dll, const options& o, bool add) {
 
 } // namespace
 
+// What the ini engine reads of FILE: every section with its entries, the entries of one section, or one
+// value. A read cut short by a bad line shows what came before it, says where it stopped, and exits 1.
+int run_ini(const options& o) {
+    const std::wstring file = full_path(o.file);
+    qv::inifilex ini;
+    const bool whole = ini.Load(file, L"=", true);
+    if (!whole && ini.GetLastError() != ERROR_INVALID_DATA) {
+        err("qvscan: " + utf8(file) + ": " + (exists(file) ? describe(HRESULT_FROM_WIN32(ini.GetLastError())) : not_a_file(file)) + "\n");
+        return exists(file) ? ExitFailed : ExitNoFile;
+    }
+    auto entries = [&](const qv::inifilesectionx& section) {
+        for (const qv::inifileentryx& e : section.m_entries)
+            out(utf8(e.m_sKey) + (e.m_sValue.empty() ? "" : "=" + utf8(e.m_sValue)) + "\n");
+    };
+    const qv::inifilesectionx* section = o.names.empty() ? nullptr : ini.FindSection(o.names[0]);
+    if (o.names.empty()) {
+        for (const qv::inifilesectionx& s : ini.Sections())
+            out("[" + utf8(s.m_sName) + "]\n"), entries(s);
+    } else if (!section) {
+        err("qvscan: " + utf8(file) + " has no section [" + utf8(o.names[0]) + "]\n");
+        return ExitFailed;
+    } else if (o.names.size() == 1) {
+        entries(*section);
+    } else if (!ini.HasKey(o.names[0], o.names[1])) {
+        err("qvscan: [" + utf8(o.names[0]) + "] of " + utf8(file) + " has no key " + utf8(o.names[1]) + "\n");
+        return ExitFailed;
+    } else {
+        out(utf8(ini.GetString(o.names[0], o.names[1], L"")) + "\n");
+    }
+    if (whole)
+        return ExitOk;
+    err("qvscan: " + utf8(file) + ": read only up to line " + std::to_string(ini.BadLine()) + ": " +
+        utf8(ini.BadLineText()) + "\n");
+    return ExitFailed;
+}
+
 int wmain(int argc, wchar_t** argv) {
     options o;
     try {
@@ -662,6 +723,8 @@ int wmain(int argc, wchar_t** argv) {
         err(Usage);
         return e.message.empty() ? ExitOk : ExitUsage;
     }
+    if (o.command == L"ini")
+        return run_ini(o);
     HRESULT init = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
     int rc = ExitFailed;
     try {

@@ -1,8 +1,10 @@
 #include "static/dep_walker.h"
 
 #include "companions.h"
+#include "dotnet/sibling_module_cache.h"
 #include "filter/filter_base.h"
 #include "format/pe/pe_layout.h"
+#include "inc/com_error.h"
 #include "scanutil/scan_util.h"
 #include "static/activation_scope.h"
 #include "static/pe_images.h"
@@ -18,6 +20,8 @@ namespace {
 
 constexpr long IgnoreCatalogFlag = 0x8000;
 constexpr long ModeNoImportTables = 2;
+
+constexpr wchar_t kSectionLoaderLibrary[] = L"SectionLoader.dll";
 
 const wchar_t* const InitialSkipNames[] = {L"kernel32.dll", L"ntdll.dll",   L"user32.dll", L"gdi32.dll",
                                            L"advapi32.dll", L"shell32.dll", L"ole32.dll"};
@@ -76,6 +80,13 @@ std::wstring CurrentDirectory() {
         dir.resize(n);
     }
     return {};
+}
+
+// A section name as the section loader matches it: without regard to ASCII case.
+std::wstring FoldedName(std::wstring name) {
+    for (wchar_t& c : name)
+        c = c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
+    return name;
 }
 
 // The key of a name as written and the machine it is looked for, in the scan's settled answers.
@@ -151,6 +162,7 @@ void CDepWalker::Scan(const std::wstring& file, IStaticScanEvents* events, CFilt
     }
 
     m_searches.clear();
+    m_activeSections.clear();
     m_passed.clear();
     m_settledMissing.clear();
     EnterFileDirectory(file);
@@ -172,23 +184,31 @@ void CDepWalker::EnterFileDirectory(const std::wstring& file) {
     m_bDirectoryChanged = true;
 }
 
-// One image whose imports are being walked, as the walk keeps it on its own stack: a chain of any
-// depth costs heap, never the thread's stack. The image itself is closed once its names are read.
-struct CDepWalker::ImportFrame {
-    std::wstring path;
-    std::vector<std::wstring> names;
+// One step of the walk as it keeps it on its own stack, so that a chain of any depth costs heap, never the
+// thread's stack: an image with the names of its import table, or a section of a .dep file with the files
+// its Uses entries name. A frame says in state what it does next whenever it is on top: what it starts
+// (a file entered, a section pushed) runs above it, and it goes on where it stood once that is done.
+struct CDepWalker::WalkFrame {
+    enum class State { DepPlain, DepLanguage, Next, AfterFile, SubPlain, SubLanguage, AfterSubs };
+    bool section = false;
+    State state = State::Next;
+    std::wstring path;               // the image, or the .dep file of the section
+    std::wstring depPath;            // the .dep file of the image or the section
+    std::wstring name;               // the image's file-name part, or the section's name as looked up
+    std::vector<std::wstring> names; // import names, or the files of Uses1, Uses2, ...
     DWORD machine = 0;
-    size_t next = 0;                        // the name being walked
-    std::wstring found;                     // where it was found, announced when the walk below it ends
-    std::unique_ptr<ActivationScope> scope; // the image's own manifest, active while its imports are walked
+    size_t next = 0;
+    std::wstring found;                     // where names[next] was found (or the name itself)
+    qv::com_ptr<IQvSections> sections;      // the .dep file of the image, or the one of the section
+    std::unique_ptr<ActivationScope> scope; // the image's own manifest, active while its frame lives
 };
 
 DWORD CDepWalker::ScanOneFile(const std::wstring& path, bool isDependency) {
-    std::vector<ImportFrame> stack;
+    std::vector<WalkFrame> stack;
     // Frames end newest first, on an exception too, so that activation contexts end in the reverse order
     // of their start.
     struct unwind {
-        std::vector<ImportFrame>& frames;
+        std::vector<WalkFrame>& frames;
         ~unwind() {
             while (!frames.empty())
                 frames.pop_back();
@@ -196,36 +216,73 @@ DWORD CDepWalker::ScanOneFile(const std::wstring& path, bool isDependency) {
     } guard{stack};
 
     EnterFile(path, isDependency, stack);
-    while (!stack.empty()) {
-        ImportFrame& top = stack.back();
-        if (top.next == top.names.size()) {
-            stack.pop_back();
-            if (!stack.empty()) {
-                FireFoundDepFile(stack.back().found);
-                ++stack.back().next;
-            }
-            continue;
-        }
-        const std::wstring& name = top.names[top.next];
-        std::wstring result;
-        if (!FindCached(name, top.machine, result)) {
-            MissingDependency(name, top.machine);
-            FireFoundDepFile(name);
-            ++top.next;
-            continue;
-        }
-        top.found = result;
-        const size_t depth = stack.size();
-        EnterFile(result, true, stack); // may add a frame, and so move top
-        if (stack.size() == depth) {
-            FireFoundDepFile(result);
-            ++stack.back().next;
-        }
-    }
+    while (!stack.empty())
+        Step(stack);
+    m_activeSections.clear();
     return 0;
 }
 
-void CDepWalker::EnterFile(const std::wstring& path, bool isDependency, std::vector<ImportFrame>& stack) {
+void CDepWalker::Step(std::vector<WalkFrame>& stack) {
+    using State = WalkFrame::State;
+    WalkFrame& top = stack.back(); // not used past a push
+    switch (top.state) {
+    case State::DepPlain:
+        top.state = State::DepLanguage;
+        PushSection(stack, top.sections, top.depPath, top.name);
+        return;
+    case State::DepLanguage:
+        top.state = State::Next;
+        PushSection(stack, top.sections, top.depPath, LanguageSection(top.name));
+        return;
+    case State::Next:
+        break;
+    case State::AfterFile:
+        if (top.section) {
+            top.state = State::SubPlain;
+        } else {
+            FireFoundDepFile(top.found);
+            ++top.next;
+            top.state = State::Next;
+        }
+        return;
+    case State::SubPlain: // a name that the search could not resolve may name a section of its own
+        top.state = State::SubLanguage;
+        PushSection(stack, top.sections, top.depPath, top.found);
+        return;
+    case State::SubLanguage:
+        top.state = State::AfterSubs;
+        PushSection(stack, top.sections, top.depPath, LanguageSection(top.found));
+        return;
+    case State::AfterSubs:
+        ++top.next;
+        top.state = State::Next;
+        return;
+    }
+
+    if (top.next == top.names.size()) {
+        if (top.section)
+            m_activeSections.erase({top.sections.get(), FoldedName(top.name)});
+        stack.pop_back();
+        return;
+    }
+    const std::wstring name = top.names[top.next];
+    std::wstring result;
+    if (top.section) {
+        top.found = SearchDepName(name);
+    } else if (FindCached(name, top.machine, result)) {
+        top.found = std::move(result);
+    } else {
+        MissingDependency(name, top.machine);
+        FireFoundDepFile(name);
+        ++top.next;
+        return;
+    }
+    top.state = State::AfterFile;
+    const std::wstring file = top.found;
+    EnterFile(file, true, stack);
+}
+
+void CDepWalker::EnterFile(const std::wstring& path, bool isDependency, std::vector<WalkFrame>& stack) {
     // The image is opened first so that the scope can tell from its resources whether a manifest of its
     // own is there to activate; only a usable image is walked under it.
     CScannedPE image(path);
@@ -243,7 +300,17 @@ void CDepWalker::EnterFile(const std::wstring& path, bool isDependency, std::vec
             AddFound(path, record);
         }
     } else if (!image.Assembly() && WalkImage(image, path, isDependency)) {
-        stack.push_back({path, image.ImportNames(), image.GetMachine(), 0, {}, std::move(scope)});
+        WalkFrame frame;
+        frame.path = path;
+        frame.name = qv::FileNamePart(path);
+        frame.sections = ReadDepCompanion(path, frame.depPath);
+        frame.state = frame.sections ? WalkFrame::State::DepPlain : WalkFrame::State::Next;
+        if (m_nScanMode != ModeNoImportTables && image.DirectorySize(1) != 0 && image.DirectoryInFile(1))
+            frame.names = image.ImportNames();
+        frame.machine = image.GetMachine();
+        frame.scope = std::move(scope);
+        if (frame.sections || !frame.names.empty())
+            stack.push_back(std::move(frame));
     }
 }
 
@@ -254,12 +321,96 @@ bool CDepWalker::WalkImage(const CScannedPE& image, const std::wstring& path, bo
     if (isDependency) {
         // Entered before anything below it is walked: that is what ends a cycle.
         ScannedFile record(path, image.ExportsDllRegisterServer());
-        if (!AddFound(path, record))
-            return false;
-    } else if (!PassesFilter(path)) {
-        return false;
+        return AddFound(path, record);
     }
-    return m_nScanMode != ModeNoImportTables && image.DirectorySize(1) != 0 && image.DirectoryInFile(1);
+    return PassesFilter(path);
+}
+
+qv::com_ptr<IQvSections> CDepWalker::ReadDepCompanion(const std::wstring& path, std::wstring& depPath) {
+    const std::wstring name = qv::FileNamePart(path);
+    const size_t dot = name.find_last_of(L'.');
+    if (dot == std::wstring::npos)
+        return {};
+    depPath = path.substr(0, path.size() - (name.size() - dot)) + L".dep";
+    const DWORD attributes = GetFileAttributesW(depPath.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY))
+        return {};
+    qv::com_ptr<IQvSectionLoader> loader;
+    const HRESULT made = CoCreateFromLibrary(kSectionLoaderLibrary, CLSID_QvSectionLoader, IID_IQvSectionLoader,
+                                             loader.put());
+    if (FAILED(made))
+        qv::throw_described(made, std::wstring(kSectionLoaderLibrary) + L" cannot be loaded, and " + depPath +
+                                      L" needs it to be read");
+    // A file cut short by a bad line is read as far as it goes; the person is told where it stopped.
+    if (check_hr(loader->Load(qv::bstr(depPath).get())) == S_FALSE) {
+        qv::bstr problem;
+        check_hr(loader->get_Problem(problem.put()));
+        check_hr(m_pEvents->ErrorEncountered(qv::bstr(depPath).get(), HRESULT_FROM_WIN32(ERROR_INVALID_DATA),
+                                             qv::bstr(L"read only up to " + problem.str()).get()));
+    }
+    qv::com_ptr<IQvSections> sections;
+    check_hr(loader->get_Root(sections.put()));
+    return sections;
+}
+
+void CDepWalker::PushSection(std::vector<WalkFrame>& stack, const qv::com_ptr<IQvSections>& sections,
+                             const std::wstring& depPath, const std::wstring& name) {
+    if (!sections)
+        return;
+    VARIANT key;
+    V_VT(&key) = VT_BSTR;
+    qv::bstr text(name);
+    V_BSTR(&key) = text.get();
+    qv::com_ptr<IQvSection> section;
+    check_hr(sections->Item(key, section.put()));
+    if (!section)
+        return;
+    // Sections that name each other would be walked forever: the circle is reported and not entered again.
+    if (!m_activeSections.insert({sections.get(), FoldedName(name)}).second) {
+        check_hr(m_pEvents->ErrorEncountered(qv::bstr(depPath).get(), HRESULT_FROM_WIN32(ERROR_CIRCULAR_DEPENDENCY),
+                                             qv::bstr(L"the sections name each other in a circle back to [" + name +
+                                                      L"], which is followed once")
+                                                 .get()));
+        return;
+    }
+    WalkFrame frame;
+    frame.section = true;
+    frame.path = frame.depPath = depPath;
+    frame.name = name;
+    frame.sections = sections;
+    qv::com_ptr<IQvEntries> entries;
+    check_hr(section->get_Entries(entries.put()));
+    for (long i = 1;; ++i) {
+        // Uses1, Uses2, ... up to the first number that is not there; an empty value is passed over.
+        qv::bstr usesKey(L"Uses" + std::to_wstring(i));
+        V_BSTR(&key) = usesKey.get();
+        qv::com_ptr<IQvEntry> entry;
+        check_hr(entries->Item(key, entry.put()));
+        if (!entry)
+            break;
+        qv::bstr value;
+        check_hr(entry->get_Value(value.put()));
+        if (!value.empty())
+            frame.names.push_back(value.str());
+    }
+    stack.push_back(std::move(frame));
+}
+
+std::wstring CDepWalker::LanguageSection(const std::wstring& name) const { return name + L" <" + m_sLangId + L">"; }
+
+std::wstring CDepWalker::SearchDepName(const std::wstring& name) {
+    // The system's own search order for the process, under the activation context of the image whose .dep
+    // file names it; a name not found stays as it is.
+    std::wstring found(MAX_PATH, L'\0');
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        DWORD n = SearchPathW(nullptr, name.c_str(), nullptr, static_cast<DWORD>(found.size()), found.data(), nullptr);
+        if (n == 0)
+            return name;
+        if (n < found.size())
+            return found.substr(0, n);
+        found.resize(n);
+    }
+    return name;
 }
 
 bool CDepWalker::FindCached(const std::wstring& name, DWORD machine, std::wstring& result) {

@@ -6,12 +6,14 @@
 #pragma once
 
 #include "QVWIScanners.h"
+#include "companions.h"
 #include "inc/com_ptr.h"
 
 #include <windows.h>
 
 #include <map>
 #include <optional>
+#include <set>
 #include <unordered_map>
 #include <unordered_set>
 #include <string>
@@ -72,13 +74,24 @@ public:
     DWORD Status = 3;     // "General failure" until a walk has ended
 
 private:
-    struct ImportFrame;
+    struct WalkFrame;
 
     void EnterFileDirectory(const std::wstring& file);
-    // Opens one file, reports it, and adds a frame for its imports when they are to be walked.
-    void EnterFile(const std::wstring& path, bool isDependency, std::vector<ImportFrame>& stack);
-    // Records a usable image; true when its import table is to be walked.
+    // One step of the frame on top of the stack.
+    void Step(std::vector<WalkFrame>& stack);
+    // Opens one file, reports it, and adds a frame for its .dep file and its imports when they are walked.
+    void EnterFile(const std::wstring& path, bool isDependency, std::vector<WalkFrame>& stack);
+    // Records a usable image; true when what it needs is to be walked.
     bool WalkImage(const CScannedPE& image, const std::wstring& path, bool isDependency);
+    // The sections of the .dep file beside an image with an extension ("comp.ocx": "comp.dep"), or null.
+    qv::com_ptr<IQvSections> ReadDepCompanion(const std::wstring& path, std::wstring& depPath);
+    // A frame for the files that the section of that name lists, when there is such a section.
+    void PushSection(std::vector<WalkFrame>& stack, const qv::com_ptr<IQvSections>& sections,
+                     const std::wstring& depPath, const std::wstring& name);
+    std::wstring LanguageSection(const std::wstring& name) const; // "name <LangId>"
+    static std::wstring SearchDepName(const std::wstring& name);
+    // The sections being walked, by their file's sections object and folded name: a circle among them ends.
+    std::set<std::pair<IUnknown*, std::wstring>> m_activeSections;
     bool AddFound(const std::wstring& path, ScannedFile& record);
     // Asks the catalog about a found file and fills the record's module fields. True when the entry
     // stands for a module: one the catalog has, or a missing one whose key and subject it names.

@@ -2,7 +2,7 @@
 """The command-line host as a person and a pipeline use it, checked on the Linux side. CASE: json (real
 programs against an independent reading of their import tables; the fixture tree record by record), table,
 exits (usage errors, exit codes, messages), script (a JScript client through the registration entries), hostile
-(files rewritten under the scan, Linux paths Windows cannot spell)."""
+(files rewritten under the scan, Linux paths Windows cannot spell, .dep companions)."""
 import argparse, json, os, shutil, struct, subprocess, sys, tempfile, threading
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "static"))
@@ -88,7 +88,8 @@ def case_exits(a):
         (["static", "C:\\windows\\win.ini"], 0, "is not a Windows image, so nothing was scanned"),
         (["static", "C:\\x.exe", "--frobnicate"], 2, "unknown option"), (["pe", "a", "b"], 2, "unexpected argument"),
         (["--help"], 0, "usage:"), (["static", "C:\\no\\such\\file.exe"], 3, "no such file"),
-        (["pe", "C:\\no\\such\\file.dll"], 3, "no such file"),
+        (["pe", "C:\\no\\such\\file.dll"], 3, "no such file"), (["ini", "C:\\no\\such.ini"], 3, "no such file"),
+        (["ini", "C:\\windows\\win.ini", "no-section"], 1, "has no section [no-section]"),
     ]
     for args, code, text in table:
         r = run(a, args)
@@ -153,6 +154,14 @@ def case_hostile(a):
             put(os.path.join(folder, 'p"rog.exe'), image(["beside.dll"]))
             doc = scan_json(a, os.path.join(folder, 'p"rog.exe'))
             expect(doc and [d["missing"] for d in doc["dependencies"]] == [False], f"{folder[:60]}: {doc!r}"[:300])
+        # A component beside its .dep file: what its sections name is listed, marked as coming from there.
+        dep = os.path.join(tmp, "dep")
+        put(os.path.join(dep, "comp.ocx"), image(["a.dll"], False))
+        put(os.path.join(dep, "a.dll"), image([], False)), put(os.path.join(dep, "b.dll"), image([], False))
+        put(os.path.join(dep, "comp.dep"), b"[comp.ocx]\r\nUses1=b.dll\r\n[comp.ocx <0409>]\r\nUses1=gone.dll\r\n")
+        r = run(a, ["static", os.path.join(dep, "comp.ocx"), "--json", "--lang", "0409"])
+        got = {d["name"]: (d["via"], d["missing"]) for d in json.loads(r.stdout or "{}").get("dependencies", [])}
+        expect(got == {"a.dll": ("imports", False), "b.dll": ("dep", False), "gone.dll": ("dep", True)}, f"dep: {got}")
     finally:
         done.append(True)
         shutil.rmtree(tmp, ignore_errors=True)

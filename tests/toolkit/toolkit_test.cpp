@@ -307,6 +307,41 @@ TEST(Walker, DeepChainsClimbingNamesLongFoldersAndHugeFiles) {
     }
 }
 
+TEST(Walker, DepFilesTheirLanguageSectionsCirclesAndLongChains) {
+    temp_dir dir;
+    for (const wchar_t* name : {L"a.dll", L"b.dll", L"c.dll", L"enu.dll", L"noext"})
+        dir.write(name, qv::test::image_writer().build().str());
+    dir.write(L"comp.ocx", qv::test::image_writer().import("a.dll").build().str());
+    dir.write(L"loop.ocx", qv::test::image_writer().build().str()), dir.write(L"chain.ocx", qv::test::image_writer().build().str());
+    // Uses2 empty is passed over, Uses4 missing ends the list; a bare name not found names a section of its own.
+    dir.write(L"comp.dep", "[comp.ocx]\r\nUses1=b.dll\r\nUses2=\r\nUses3=c.dll\r\nUses5=a.dll\r\n[comp.ocx <0409>]\r\n"
+                           "Uses1=enu.dll\r\n[comp.ocx <>]\r\nUses1=nolang.dll\r\n[nolang.dll]\r\nUses1=deeper.dll\r\n");
+    dir.write(L"loop.dep", "[loop.ocx]\nUses1=x.dll\n[X.DLL]\nUses1=y.dll\n[y.dll]\nUses1=x.dll\n");
+    dir.write(L"noext.dep", "[noext]\nUses1=b.dll\n"); // a file without an extension has no .dep file
+    std::string chain = "[chain.ocx]\nUses1=n0\n"; // 10,000 sections, each naming the next
+    for (int i = 0; i < 10000; ++i)
+        chain += "[n" + std::to_string(i) + "]\nUses1=n" + std::to_string(i + 1) + "\n";
+    dir.write(L"chain.dep", chain);
+    // (top, language) -> records as name:folder ("" when missing), the import events, the errors.
+    const struct { const wchar_t *top, *lang; lines records; size_t events, errors; } rows[] = {
+        {L"comp.ocx", L"0409", {L"a.dll:d", L"b.dll:d", L"c.dll:d", L"enu.dll:d"}, 1, 0},
+        {L"comp.ocx", L"", {L"a.dll:d", L"b.dll:d", L"c.dll:d", L"deeper.dll:", L"nolang.dll:"}, 1, 0},
+        {L"loop.ocx", L"", {L"x.dll:", L"y.dll:"}, 0, 1}, {L"noext", L"", {}, 0, 0}, {L"chain.ocx", L"", {}, 0, 0}};
+    for (const auto& r : rows) {
+        recording_sink sink;
+        CDepWalker walker;
+        walker.Scan(dir / r.top, &sink, nullptr, r.lang, 0);
+        lines got;
+        for (const auto& [key, record] : walker.FoundFiles)
+            got.push_back(key.str() + L":" + (qv::DirectoryPart(record.FullPath).empty() ? L"" : L"d"));
+        if (r.top == wstring(L"chain.ocx"))
+            EXPECT_EQ(got.size(), 10001u); // n0 to n10000, each missing
+        else
+            EXPECT_EQ(got, r.records) << narrow(r.top);
+        EXPECT_TRUE(sink.found.size() == r.events && sink.errors.size() == r.errors && walker.MissingFiles.empty()) << narrow(r.top);
+    }
+}
+
 TEST(VersionText, FixturesSelfRegistrationAndWineDlls) {
     EXPECT_EQ(qv::GetFileVersionText(Version(L"translations.dll"), L", "), L"1, 2, 3, 4");
     EXPECT_TRUE(qv::IsOleSelfRegister(Version(L"translations.dll")));           // an empty value, but there
