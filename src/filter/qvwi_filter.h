@@ -17,6 +17,10 @@
 
 class CQVWIFilter : public CFilterBase {
 public:
+    // Lists read from a section of an ini file (filter/vb_filter.h).
+    class CQVWIIniFilterBase;
+    class CQVWIIniFilter;
+
     // Whether the file is to be dropped now (on a list and filtering on); bInFilterList tells whether
     // it is on a list at all. Throws com_exception when a query fails, E_UNEXPECTED before SetFiltering.
     bool Filter(const std::wstring& name, bool& bInFilterList) override;

@@ -3,6 +3,7 @@
 #include "companions.h"
 #include "dotnet/sibling_module_cache.h"
 #include "filter/qvwi_filter.h"
+#include "filter/vb_filter.h"
 #include "filter/xml_loader.h"
 #include "inc/com_error.h"
 #include "image_writer.h"
@@ -440,6 +441,37 @@ TEST_F(Companion, FilterListsAndTheirLoading) {
 }
 
 
+TEST_F(Companion, VbFilterChainsTheXmlListsVbSystemAndVb6dep) {
+    m_support.write(L"filters.xml", R"(<Filters><Include><File name="both.dll"/></Include><Exclude><File name="x.dll"/>
+                                       <File name="both.dll"/></Exclude></Filters>)");
+    m_support.write(L"VBSystem.ini", "; the runtime\r\n[System]\r\nMSVBVM60.DLL\r\nboth.dll=\r\n=no name\r\n[Other]\r\nother.dll\r\n");
+    registry_override classes(HKEY_CLASSES_ROOT);
+    EXPECT_EQ(FindVbDir(), L""); // no .vbp association: the list is read from a relative path, and is empty
+    temp_dir vb;
+    vb.write(L"Wizards\\PDWizard\\Vb6dep.ini", "[Do Not Redistribute]\nDnr.dll=\n");
+    const wstring progId = L"VisualBasic.Project\0", command = vb.path() + L"\\vb6.exe /make %1\0";
+    registry_override::set_value(HKEY_CLASSES_ROOT, L".vbp", nullptr, REG_SZ, progId.data(), DWORD(progId.size() * 2));
+    registry_override::set_value(HKEY_CLASSES_ROOT, L"VisualBasic.Project\\shell\\Make\\command", nullptr, REG_SZ,
+                                 command.data(), DWORD(command.size() * 2));
+    wstring upper = vb.path() + L"\\";
+    CharUpperW(upper.data());
+    EXPECT_EQ(FindVbDir(), upper);
+    CQVWIVBFilter filter;
+    for (bool filtering : {true, false}) {
+        filter.SetFiltering(filtering);
+        // An Include entry keeps a name off the Exclude list only; the ini lists take names in any case.
+        for (auto [name, listed] : {std::pair{L"msvbvm60.dll", true}, {L"BOTH.DLL", true}, {L"x.dll", true},
+                                    {L"dnr.DLL", true}, {L"other.dll", false}, {L"", false}, {L"no name", false}}) {
+            bool inList = !listed;
+            EXPECT_EQ(std::pair(filter.Filter(name, inList), inList), std::pair(listed && filtering, listed)) << narrow(name);
+        }
+    }
+    DeleteFileW((m_support / L"VBSystem.ini").c_str()); // gone meanwhile: the names read before stay
+    filter.SetFiltering(true);
+    bool inList = false;
+    EXPECT_TRUE(filter.Filter(L"MSVBVM60.dll", inList) && inList);
+}
+
 TEST_F(Companion, FilterShippedDataAndMsxmlVersions) {
     env_scope shipped(L"QV_SUPPORT_DIR", nullptr);
     CQVWIFilter filter;
@@ -449,6 +481,10 @@ TEST_F(Companion, FilterShippedDataAndMsxmlVersions) {
         bool inList = !dropped;
         EXPECT_EQ(std::pair(filter.Filter(name, inList), inList), std::pair(dropped, dropped)) << narrow(name);
     }
+    CQVWIVBFilter vb; // the shipped VBSystem.ini holds the Visual Basic runtime
+    vb.SetFiltering(true);
+    bool inList = false;
+    EXPECT_TRUE(vb.Filter(L"msvbvm60.dll", inList) && inList && !vb.Filter(L"msvcp140.dll", inList));
     // MSXML: the newest version the machine has, known by the name it registers; unknown classes passed over.
     auto classOf = [](std::span<const CLSID> classes) {
         qv::com_ptr<IPersistStreamInit> persist;
