@@ -50,8 +50,8 @@ public:
     static constexpr DWORD SaveWithEncoding = 4;
 
     inifilex() = default;
-    virtual ~inifilex() = default;
 
+    // The 42 operations, in the order of their slots.
     virtual void SetFile(std::wstring file, std::wstring separator);
     virtual bool Load(std::wstring file, std::wstring separator, bool bareKeys);
     virtual bool Save(DWORD flags, int encoding, bool bom);
@@ -94,6 +94,7 @@ public:
     virtual bool SetWriteBom(bool flag);
     virtual DWORD GetLastError();
     virtual std::wstring GetLastErrorFile();
+    virtual ~inifilex() = default; // after the operations, so that they keep the first slots
 
     // The sections in file order, for readers that walk them.
     const std::vector<inifilesectionx>& Sections() const { return m_sections; }
