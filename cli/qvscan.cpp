@@ -514,7 +514,8 @@ int run_static(const server_dll& dll, const options& o) {
         out(t.render());
         out(std::to_string(records.size()) + " files, " + std::to_string(missing) + " missing, " +
             std::to_string(filterable) + " filterable, " + std::to_string(modules) +
-            " merge modules (marks: M missing, F filterable, G merge module, S shared, R self-registering, D from a .dep "
+            " merge modules (marks: M missing, F filterable, G merge module, S shared, R self-registering, D from a "
+            ".dep "
             "file)\n");
     }
     if (!present) {
@@ -684,7 +685,8 @@ int run_ini(const options& o) {
     qv::inifilex ini;
     const bool whole = ini.Load(file, L"=", true);
     if (!whole && ini.GetLastError() != ERROR_INVALID_DATA) {
-        err("qvscan: " + utf8(file) + ": " + (exists(file) ? describe(HRESULT_FROM_WIN32(ini.GetLastError())) : not_a_file(file)) + "\n");
+        err("qvscan: " + utf8(file) + ": " +
+            (exists(file) ? describe(HRESULT_FROM_WIN32(ini.GetLastError())) : not_a_file(file)) + "\n");
         return exists(file) ? ExitFailed : ExitNoFile;
     }
     auto entries = [&](const qv::inifilesectionx& section) {

@@ -200,7 +200,9 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
     return TRUE;
 }
 
-extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() { return qv::g_module.LockCount() == 0 ? S_OK : S_FALSE; }
+extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() {
+    return qv::g_module.LockCount() == 0 ? S_OK : S_FALSE;
+}
 
 extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* ppv) {
     if (!ppv)
@@ -209,7 +211,8 @@ extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, 
     if (!IsEqualCLSID(clsid, CLSID_QvSectionLoader))
         return CLASS_E_CLASSNOTAVAILABLE;
     qv::com_object<qv::class_factory>* factory = nullptr;
-    HRESULT hr = qv::com_object<qv::class_factory>::CreateInstance(&factory, &qv::creator<CQvSectionLoader>::CreateInstance);
+    HRESULT hr =
+        qv::com_object<qv::class_factory>::CreateInstance(&factory, &qv::creator<CQvSectionLoader>::CreateInstance);
     if (FAILED(hr))
         return hr;
     factory->AddRef();

@@ -24,8 +24,8 @@ void CQVWIFilter::CQVWIIniFilterBase::Load(const std::wstring& path, const std::
     m_names.clear();
 
     qv::com_ptr<IQvSectionLoader> loader;
-    const HRESULT made = CoCreateFromLibrary(kSectionLoaderLibrary, CLSID_QvSectionLoader, IID_IQvSectionLoader,
-                                             loader.put());
+    const HRESULT made =
+        CoCreateFromLibrary(kSectionLoaderLibrary, CLSID_QvSectionLoader, IID_IQvSectionLoader, loader.put());
     if (FAILED(made))
         qv::throw_described(made, std::wstring(kSectionLoaderLibrary) + L" cannot be loaded, and " + path +
                                       L" needs it to be read");

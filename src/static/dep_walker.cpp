@@ -163,6 +163,7 @@ void CDepWalker::Scan(const std::wstring& file, IStaticScanEvents* events, CFilt
 
     m_searches.clear();
     m_activeSections.clear();
+    m_depFiles.clear();
     m_passed.clear();
     m_settledMissing.clear();
     EnterFileDirectory(file);
@@ -332,12 +333,11 @@ qv::com_ptr<IQvSections> CDepWalker::ReadDepCompanion(const std::wstring& path, 
     if (dot == std::wstring::npos)
         return {};
     depPath = path.substr(0, path.size() - (name.size() - dot)) + L".dep";
-    const DWORD attributes = GetFileAttributesW(depPath.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY))
+    if (!DepFileExists(depPath))
         return {};
     qv::com_ptr<IQvSectionLoader> loader;
-    const HRESULT made = CoCreateFromLibrary(kSectionLoaderLibrary, CLSID_QvSectionLoader, IID_IQvSectionLoader,
-                                             loader.put());
+    const HRESULT made =
+        CoCreateFromLibrary(kSectionLoaderLibrary, CLSID_QvSectionLoader, IID_IQvSectionLoader, loader.put());
     if (FAILED(made))
         qv::throw_described(made, std::wstring(kSectionLoaderLibrary) + L" cannot be loaded, and " + depPath +
                                       L" needs it to be read");
@@ -367,10 +367,10 @@ void CDepWalker::PushSection(std::vector<WalkFrame>& stack, const qv::com_ptr<IQ
         return;
     // Sections that name each other would be walked forever: the circle is reported and not entered again.
     if (!m_activeSections.insert({sections.get(), FoldedName(name)}).second) {
-        check_hr(m_pEvents->ErrorEncountered(qv::bstr(depPath).get(), HRESULT_FROM_WIN32(ERROR_CIRCULAR_DEPENDENCY),
-                                             qv::bstr(L"the sections name each other in a circle back to [" + name +
-                                                      L"], which is followed once")
-                                                 .get()));
+        check_hr(m_pEvents->ErrorEncountered(
+            qv::bstr(depPath).get(), HRESULT_FROM_WIN32(ERROR_CIRCULAR_DEPENDENCY),
+            qv::bstr(L"the sections name each other in a circle back to [" + name + L"], which is followed once")
+                .get()));
         return;
     }
     WalkFrame frame;
@@ -396,7 +396,26 @@ void CDepWalker::PushSection(std::vector<WalkFrame>& stack, const qv::com_ptr<IQ
     stack.push_back(std::move(frame));
 }
 
-std::wstring CDepWalker::LanguageSection(const std::wstring& name) const { return name + L" <" + m_sLangId + L">"; }
+bool CDepWalker::DepFileExists(const std::wstring& depPath) {
+    // A folder's .dep files are listed once a scan: asking for each image's own would look for a file
+    // that is mostly not there, which costs a pass over the whole folder on a case-sensitive file system.
+    const std::wstring folder = depPath.substr(0, depPath.size() - qv::FileNamePart(depPath).size());
+    auto [it, added] = m_depFiles.try_emplace(FoldedName(folder));
+    if (added) {
+        WIN32_FIND_DATAW data;
+        HANDLE find = FindFirstFileW((folder + L"*.dep").c_str(), &data);
+        for (bool more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data))
+            if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
+                it->second.insert(FoldedName(data.cFileName));
+        if (find != INVALID_HANDLE_VALUE)
+            FindClose(find);
+    }
+    return it->second.count(FoldedName(qv::FileNamePart(depPath))) != 0;
+}
+
+std::wstring CDepWalker::LanguageSection(const std::wstring& name) const {
+    return name + L" <" + m_sLangId + L">";
+}
 
 std::wstring CDepWalker::SearchDepName(const std::wstring& name) {
     // The system's own search order for the process, under the activation context of the image whose .dep

@@ -89,6 +89,9 @@ private:
     void PushSection(std::vector<WalkFrame>& stack, const qv::com_ptr<IQvSections>& sections,
                      const std::wstring& depPath, const std::wstring& name);
     std::wstring LanguageSection(const std::wstring& name) const; // "name <LangId>"
+    // Whether a .dep file of that path exists, from a listing of its folder made once a scan.
+    bool DepFileExists(const std::wstring& depPath);
+    std::unordered_map<std::wstring, std::unordered_set<std::wstring>> m_depFiles; // folded folder -> names
     static std::wstring SearchDepName(const std::wstring& name);
     // The sections being walked, by their file's sections object and folded name: a circle among them ends.
     std::set<std::pair<IUnknown*, std::wstring>> m_activeSections;

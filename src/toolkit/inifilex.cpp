@@ -12,8 +12,12 @@ namespace qv {
 
 namespace {
 
-std::u16string_view U16(std::wstring_view text) { return {reinterpret_cast<const char16_t*>(text.data()), text.size()}; }
-std::wstring Wide(std::u16string_view text) { return {reinterpret_cast<const wchar_t*>(text.data()), text.size()}; }
+std::u16string_view U16(std::wstring_view text) {
+    return {reinterpret_cast<const char16_t*>(text.data()), text.size()};
+}
+std::wstring Wide(std::u16string_view text) {
+    return {reinterpret_cast<const wchar_t*>(text.data()), text.size()};
+}
 
 bool StartsWithFolded(std::wstring_view text, std::wstring_view prefix) {
     return prefix.size() <= text.size() && ini::equal_no_case(U16(text.substr(0, prefix.size())), U16(prefix));
@@ -138,7 +142,9 @@ bool inifilex::Load(std::wstring file, std::wstring separator, bool bareKeys) {
     return parsed.ok;
 }
 
-bool inifilex::Save(DWORD flags, int encoding, bool bom) { return SaveAs(m_sFile, flags, encoding, bom); }
+bool inifilex::Save(DWORD flags, int encoding, bool bom) {
+    return SaveAs(m_sFile, flags, encoding, bom);
+}
 
 bool inifilex::SaveAs(std::wstring file, DWORD flags, int encoding, bool bom) {
     if ((flags & SaveNothingWhenEmpty) && m_sections.empty())
@@ -162,8 +168,8 @@ bool inifilex::SaveAs(std::wstring file, DWORD flags, int encoding, bool bom) {
             text += L"\r\n";
         text += L"[" + m_sections[i].m_sName + L"]\r\n";
         for (const inifileentryx& e : m_sections[i].m_entries)
-            text += m_bBareKeys && e.m_sValue.empty() ? e.m_sKey + L"\r\n"
-                                                      : e.m_sKey + m_sSeparator + e.m_sValue + L"\r\n";
+            text +=
+                m_bBareKeys && e.m_sValue.empty() ? e.m_sKey + L"\r\n" : e.m_sKey + m_sSeparator + e.m_sValue + L"\r\n";
     }
     const int cp = m_nCodePage != -1 ? m_nCodePage : int(GetACP());
     std::string bytes;
@@ -177,11 +183,12 @@ bool inifilex::SaveAs(std::wstring file, DWORD flags, int encoding, bool bom) {
     if (cp == ini::utf16_le || cp == ini::utf16_be) {
         bytes += ini::encode_utf16(U16(text), cp == ini::utf16_be);
     } else if (!text.empty()) {
-        const int n = WideCharToMultiByte(cp, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+        const int n =
+            WideCharToMultiByte(cp, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
         const size_t at = bytes.size();
         bytes.resize(at + static_cast<size_t>(n));
-        converted = n > 0 && WideCharToMultiByte(cp, 0, text.data(), static_cast<int>(text.size()), bytes.data() + at, n,
-                                                 nullptr, nullptr) == n;
+        converted = n > 0 && WideCharToMultiByte(cp, 0, text.data(), static_cast<int>(text.size()), bytes.data() + at,
+                                                 n, nullptr, nullptr) == n;
     }
 
     PrepareFolder(file);
@@ -201,9 +208,15 @@ bool inifilex::SaveAs(std::wstring file, DWORD flags, int encoding, bool bom) {
     return true;
 }
 
-void inifilex::SetSeparator(std::wstring separator) { m_sSeparator = std::move(separator); }
-std::wstring inifilex::GetSeparator() { return m_sSeparator; }
-std::wstring inifilex::GetFile() { return m_sFile; }
+void inifilex::SetSeparator(std::wstring separator) {
+    m_sSeparator = std::move(separator);
+}
+std::wstring inifilex::GetSeparator() {
+    return m_sSeparator;
+}
+std::wstring inifilex::GetFile() {
+    return m_sFile;
+}
 
 // Both copy first: other may be this file, whose sections move as sections are added.
 void inifilex::CopySectionInto(std::wstring section, const inifilesectionx& other) {
@@ -285,9 +298,15 @@ void inifilex::SetBool(std::wstring section, std::wstring key, bool value) {
     SetString(std::move(section), std::move(key), value ? L"Yes" : L"No");
 }
 
-bool inifilex::IsModified() { return m_bModified; }
-void inifilex::SetModified(bool flag) { m_bModified = flag; }
-bool inifilex::HasSection(std::wstring name) { return Find(name) != nullptr; }
+bool inifilex::IsModified() {
+    return m_bModified;
+}
+void inifilex::SetModified(bool flag) {
+    m_bModified = flag;
+}
+bool inifilex::HasSection(std::wstring name) {
+    return Find(name) != nullptr;
+}
 
 bool inifilex::HasKey(std::wstring section, std::wstring key) {
     inifilesectionx* s = Find(section);
@@ -407,8 +426,9 @@ void inifilex::SortAll(bool, bool, bool) {
 }
 
 void inifilex::SortSections() {
-    std::stable_sort(m_sections.begin(), m_sections.end(),
-                     [](const inifilesectionx& a, const inifilesectionx& b) { return name_less()(a.m_sName, b.m_sName); });
+    std::stable_sort(m_sections.begin(), m_sections.end(), [](const inifilesectionx& a, const inifilesectionx& b) {
+        return name_less()(a.m_sName, b.m_sName);
+    });
     Reindex();
 }
 
@@ -423,16 +443,24 @@ void inifilex::SortKeys(inifilesectionx& section) {
     section.Reindex();
 }
 
-void inifilex::SortSectionKeys(std::wstring name) { SortKeys(CreateSection(std::move(name))); }
-void inifilex::SetCodePage(int code) { m_nCodePage = code; }
+void inifilex::SortSectionKeys(std::wstring name) {
+    SortKeys(CreateSection(std::move(name)));
+}
+void inifilex::SetCodePage(int code) {
+    m_nCodePage = code;
+}
 
 bool inifilex::SetWriteBom(bool flag) {
     m_bWriteBom = flag;
     return flag;
 }
 
-DWORD inifilex::GetLastError() { return m_nLastError; }
-std::wstring inifilex::GetLastErrorFile() { return m_sLastErrorFile; }
+DWORD inifilex::GetLastError() {
+    return m_nLastError;
+}
+std::wstring inifilex::GetLastErrorFile() {
+    return m_sLastErrorFile;
+}
 
 const inifilesectionx* inifilex::FindSection(const std::wstring& name) const {
     auto it = m_index.find(name);
@@ -471,13 +499,16 @@ template <typename Write> bool WriteOne(const std::wstring& file, Write write) {
 
 std::wstring GetIniString(const std::wstring& file, const std::wstring& section, const std::wstring& key,
                           const std::wstring& defaultValue) {
-    return ReadOne(file, [&](inifilex& ini, bool ok) { return ok ? ini.GetString(section, key, defaultValue) : defaultValue; });
+    return ReadOne(
+        file, [&](inifilex& ini, bool ok) { return ok ? ini.GetString(section, key, defaultValue) : defaultValue; });
 }
 long GetIniInt(const std::wstring& file, const std::wstring& section, const std::wstring& key, long defaultValue) {
-    return ReadOne(file, [&](inifilex& ini, bool ok) { return ok ? ini.GetInt(section, key, defaultValue) : defaultValue; });
+    return ReadOne(file,
+                   [&](inifilex& ini, bool ok) { return ok ? ini.GetInt(section, key, defaultValue) : defaultValue; });
 }
 bool GetIniBool(const std::wstring& file, const std::wstring& section, const std::wstring& key, bool defaultValue) {
-    return ReadOne(file, [&](inifilex& ini, bool ok) { return ok ? ini.GetBool(section, key, defaultValue) : defaultValue; });
+    return ReadOne(file,
+                   [&](inifilex& ini, bool ok) { return ok ? ini.GetBool(section, key, defaultValue) : defaultValue; });
 }
 bool SetIniString(const std::wstring& file, const std::wstring& section, const std::wstring& key,
                   const std::wstring& value) {

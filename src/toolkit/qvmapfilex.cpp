@@ -29,7 +29,9 @@ std::string Ansi(const std::wstring& text) {
 
 } // namespace
 
-qvmapfilex::~qvmapfilex() { Close(); }
+qvmapfilex::~qvmapfilex() {
+    Close();
+}
 
 bool qvmapfilex::Open(const std::wstring& file, DWORD& size, bool bWrite) {
     g_nLastError = GetLastError();
@@ -78,7 +80,11 @@ void qvmapfilex::Close() {
     m_bOpen = false;
 }
 
-DWORD qvmapfilex::LastError() { return g_nLastError; }
-std::wstring qvmapfilex::LastErrorFile() { return g_sLastErrorFile; }
+DWORD qvmapfilex::LastError() {
+    return g_nLastError;
+}
+std::wstring qvmapfilex::LastErrorFile() {
+    return g_sLastErrorFile;
+}
 
 } // namespace qv

@@ -7,7 +7,9 @@ namespace qv::ini {
 
 namespace {
 
-char16_t fold(char16_t c) { return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c + (u'a' - u'A')) : c; }
+char16_t fold(char16_t c) {
+    return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c + (u'a' - u'A')) : c;
+}
 
 // Where needle first occurs in text without regard to ASCII case, or npos.
 std::size_t find_no_case(std::u16string_view text, std::u16string_view needle) {
@@ -42,7 +44,8 @@ std::u16string decode_utf16(format::byte_span body, bool big_endian) {
     text.reserve(body.size() / 2);
     for (std::uint64_t at = 0; at + 1 < body.size(); at += 2) {
         const std::uint16_t unit = *body.u16(at);
-        text.push_back(static_cast<char16_t>(big_endian ? static_cast<std::uint16_t>((unit >> 8) | (unit << 8)) : unit));
+        text.push_back(
+            static_cast<char16_t>(big_endian ? static_cast<std::uint16_t>((unit >> 8) | (unit << 8)) : unit));
     }
     return text;
 }
@@ -59,8 +62,8 @@ std::string encode_utf16(std::u16string_view text, bool big_endian) {
 }
 
 bool equal_no_case(std::u16string_view a, std::u16string_view b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
-                                              [](char16_t x, char16_t y) { return fold(x) == fold(y); });
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(), [](char16_t x, char16_t y) { return fold(x) == fold(y); });
 }
 
 bool less_no_case(std::u16string_view a, std::u16string_view b) {
@@ -70,7 +73,7 @@ bool less_no_case(std::u16string_view a, std::u16string_view b) {
 
 parse_result parse(std::u16string_view text, std::u16string_view separator) {
     parse_result result;
-    std::map<std::u16string, std::size_t, name_order> sections; // name -> place
+    std::map<std::u16string, std::size_t, name_order> sections;   // name -> place
     std::vector<std::map<std::u16string, bool, name_order>> keys; // per section: the keys it has
     std::size_t current = 0;
     bool inSection = false;
