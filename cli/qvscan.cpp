@@ -30,6 +30,7 @@
 #include "inc/com_ptr.h"
 #include "toolkit/inifilex.h"
 #include "toolkit/path_helpers.h"
+#include "toolkit/process_launcher.h"
 
 using namespace qvscan;
 
@@ -47,6 +48,7 @@ constexpr int ExitOk = 0, ExitFailed = 1, ExitUsage = 2, ExitNoFile = 3;
 const char* const Usage = "usage: qvscan static FILE [--lang TEXT] [--type N] [--no-filter] [--json]\n"
                           "       qvscan pe FILE [--json]\n"
                           "       qvscan ini FILE [SECTION [KEY]]\n"
+                          "       qvscan setup \"COMMAND LINE\"\n"
                           "       qvscan register [--user]\n"
                           "       qvscan unregister [--user]\n";
 
@@ -412,6 +414,12 @@ options parse(int argc, wchar_t** argv) {
         throw usage_error{""};
     const bool scans = o.command == L"static" || o.command == L"pe" || o.command == L"ini";
     const bool registers = o.command == L"register" || o.command == L"unregister";
+    if (o.command == L"setup") {
+        if (argc != 3 || !*argv[2])
+            throw usage_error{"setup needs one COMMAND LINE (quote it)"};
+        o.file = argv[2];
+        return o;
+    }
     if (!scans && !registers)
         throw usage_error{"unknown command '" + utf8(o.command) + "'"};
     for (int i = 2; i < argc; ++i) {
@@ -715,6 +723,19 @@ int run_ini(const options& o) {
     return ExitFailed;
 }
 
+// Runs a setup program as the library's setup export does (waiting for it and then for the children it
+// left), and prints the result and the exit code of the last process waited for.
+int run_setup(const options& o) {
+    const int result = qv::LaunchSetupAndWait(o.file);
+    const qv::launch_state& last = qv::LastLaunch();
+    static const char* const words[] = {"done", "could not be started", "a wait failed", "a wait timed out"};
+    out("result " + std::to_string(result) + " (" + words[result < 0 ? -result : 0] + "), exit code " +
+        std::to_string(last.exitCode) + "\n");
+    if (result == -1)
+        err("qvscan: " + utf8(last.message) + ": " + describe(HRESULT_FROM_WIN32(last.lastError)) + "\n");
+    return result == 0 ? ExitOk : ExitFailed;
+}
+
 int wmain(int argc, wchar_t** argv) {
     options o;
     try {
@@ -727,6 +748,8 @@ int wmain(int argc, wchar_t** argv) {
     }
     if (o.command == L"ini")
         return run_ini(o);
+    if (o.command == L"setup")
+        return run_setup(o);
     HRESULT init = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
     int rc = ExitFailed;
     try {

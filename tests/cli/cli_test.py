@@ -90,6 +90,7 @@ def case_exits(a):
         (["--help"], 0, "usage:"), (["static", "C:\\no\\such\\file.exe"], 3, "no such file"),
         (["pe", "C:\\no\\such\\file.dll"], 3, "no such file"), (["ini", "C:\\no\\such.ini"], 3, "no such file"),
         (["ini", "C:\\windows\\win.ini", "no-section"], 1, "has no section [no-section]"),
+        (["setup"], 2, "setup needs one COMMAND LINE"), (["setup", "C:\\no\\setup.exe"], 1, "setup.exe: File not found"),
     ]
     for args, code, text in table:
         r = run(a, args)

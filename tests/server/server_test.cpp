@@ -9,6 +9,7 @@
 #include "inc/com_ptr.h"
 #include "inc/priv_interfaces.h"
 #include "recording_sink.h"
+#include "toolkit/process_launcher.h"
 #include "test_support.h"
 
 #include <gmock/gmock.h>
@@ -632,6 +633,18 @@ TEST_F(Server, AggregationAndLateBinding) {
     EXPECT_EQ(lower(V_BSTR(&name)), L"gamma.dll");
     VariantClear(&name);
     VariantClear(&item);
+}
+
+TEST(ServerFrame, SetupExportWaitsForTheChildTheSetupProgramLeaves) {
+    using launch_fn = int(__stdcall*)(const char*);
+    auto launch = reinterpret_cast<launch_fn>(reinterpret_cast<void (*)()>(
+        GetProcAddress(server().module(), "LaunchSetupExeAppAndWaitForChildProcesses")));
+    ASSERT_TRUE(launch);
+    const std::string spawn = narrow(fixture(L"launch\\spawn.exe"));
+    EXPECT_EQ(launch((spawn + " 0 1 " + spawn + " 700 7").c_str()), 0);
+    for (const auto& [id, entry] : qv::detail::ReadProcessTree(false))
+        EXPECT_NE(lower(entry.name), L"spawn.exe") << "the child was waited for";
+    EXPECT_EQ(launch(""), -1);
 }
 
 TEST(ServerFrame, ClassesAsTheyAreBuilt) {
