@@ -616,8 +616,14 @@ TEST(SectionLoader, SectionsAndEntriesByNameAndNumberThroughTheInterface) {
         qv::bstr out;
         return object && SUCCEEDED((object->*get)(out.put())) ? out.str() : L"(none)";
     };
-    auto by = [](auto index) { VARIANT v; VariantInit(&v); if constexpr (std::is_integral_v<decltype(index)>) V_VT(&v) = VT_I4, V_I4(&v) = index;
-                               else V_VT(&v) = VT_BSTR, V_BSTR(&v) = SysAllocString(index); return v; };
+    auto by = [](auto index) {
+        VARIANT v;
+        if constexpr (std::is_integral_v<decltype(index)>)
+            V_VT(&v) = VT_I4, V_I4(&v) = index;
+        else
+            V_VT(&v) = VT_BSTR, V_BSTR(&v) = SysAllocString(index);
+        return v;
+    };
     {
         qv::com_ptr<IQvSectionLoader> loader;
         ASSERT_EQ(CoCreateFromLibrary(L"SectionLoader.dll", CLSID_QvSectionLoader, IID_IQvSectionLoader, loader.put()), S_OK);
@@ -677,8 +683,9 @@ TEST(Launcher, SetupProgramsTheirChildrenGrandchildrenAndTimeOuts) {
         {spawn + L" 3000 5", 1, 100, -3, 1, 1}, {L"", 2, INFINITE, -1, 1, 0}};
     for (const auto& r : rows) {
         EXPECT_EQ(qv::LaunchAndWait(L"", r.line, L"", r.flags, r.timeout, SW_SHOWNORMAL, 0, L"open"), r.result) << narrow(r.line);
-        if (r.result != -1 && r.flags)
+        if (r.result != -1 && r.flags) {
             EXPECT_EQ(qv::LastLaunch().exitCode, r.code) << narrow(r.line);
+        }
         EXPECT_EQ(EndLeftProcesses(), r.left) << narrow(r.line);
     }
     // A child older than its parent (an ID used again) is no child; a circle of parents ends the climb.
@@ -695,6 +702,87 @@ TEST(Launcher, SetupProgramsTheirChildrenGrandchildrenAndTimeOuts) {
     EXPECT_EQ(qv::detail::ReadProcessTree(true).at(young).parent, self); // the fallback reading agrees
     EXPECT_EQ(qv::detail::ReadProcessTree(false).at(young).parent, self);
     EXPECT_EQ(EndLeftProcesses(), 1);
+}
+
+// A client's sink of the engine's events: what arrived, by DISPID, with the text or first number of each.
+struct engine_sink : IDispatch {
+    std::vector<std::pair<DISPID, wstring>> events;
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
+        *ppv = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) ? this : nullptr;
+        return *ppv ? S_OK : E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
+    ULONG STDMETHODCALLTYPE Release() override { return 1; }
+    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* n) override { return *n = 0, S_OK; }
+    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* p, VARIANT*, EXCEPINFO*, UINT*) override {
+        const VARIANT* last = p && p->cArgs ? &p->rgvarg[p->cArgs - 1] : nullptr; // the first argument
+        events.emplace_back(id, !last ? L"" : V_VT(last) == VT_BSTR ? lower(V_BSTR(last)) : std::to_wstring(V_I4(last)));
+        return S_OK;
+    }
+    size_t count(DISPID id) const { return std::count_if(events.begin(), events.end(), [&](auto& e) { return e.first == id; }); }
+};
+
+TEST(Engine, LaunchReportsModulesChildrenAndTheEndThenEndsWithItsLastClient) {
+    com_apartment apartment;
+    GUID instance;
+    wchar_t name[64];
+    ASSERT_EQ(CoCreateGuid(&instance), S_OK);
+    StringFromGUID2(instance, name, 64);
+    wstring line = module_dir() + L"\\TraceHost64.exe {1C3D5B0F-52F4-4C2D-A3FB-BB5D15C4E361}:" + name;
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION engineProcess{};
+    ASSERT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &engineProcess));
+    WaitForInputIdle(engineProcess.hProcess, 20000);
+    qv::com_ptr<IDispatch> engine;
+    for (int attempt = 0; attempt < 100 && !engine; ++attempt) {
+        qv::com_ptr<IMoniker> moniker;
+        qv::com_ptr<IRunningObjectTable> table;
+        qv::com_ptr<IUnknown> object;
+        if (SUCCEEDED(CreateItemMoniker(L"!", name, moniker.put())) && SUCCEEDED(GetRunningObjectTable(0, table.put())) &&
+            SUCCEEDED(table->GetObject(moniker.get(), object.put())))
+            object->QueryInterface(IID_IDispatch, engine.put_void());
+        else
+            Sleep(300);
+    }
+    ASSERT_TRUE(engine);
+    qv::com_ptr<IConnectionPointContainer> container = engine.query<IConnectionPointContainer>(IID_IConnectionPointContainer);
+    qv::com_ptr<IConnectionPoint> point;
+    engine_sink sink;
+    DWORD cookie = 0;
+    ASSERT_TRUE(container && SUCCEEDED(container->FindConnectionPoint(DIID__IQvDebugEngineEvents, point.put())));
+    ASSERT_EQ(point->Advise(&sink, &cookie), S_OK);
+    // spawn.exe starts a child spawn.exe; both load kernel32.dll. Arguments stand last to first.
+    const wstring spawn = fixture(L"launch\\spawn.exe");
+    VARIANT args[4];
+    V_VT(&args[0]) = VT_I4, V_I4(&args[0]) = 1;
+    V_VT(&args[1]) = VT_BSTR, V_BSTR(&args[1]) = SysAllocString(L"");
+    V_VT(&args[2]) = VT_BSTR, V_BSTR(&args[2]) = SysAllocString((L"0 1 " + spawn + L" 200 7").c_str());
+    V_VT(&args[3]) = VT_BSTR, V_BSTR(&args[3]) = SysAllocString(spawn.c_str());
+    DISPPARAMS params{args, nullptr, 4, 0};
+    EXPECT_EQ(engine->Invoke(1, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr), S_OK);
+    for (VARIANT& v : args)
+        VariantClear(&v);
+    for (DWORD start = GetTickCount(); !sink.count(3) && GetTickCount() - start < 20000;) { // events need a pump
+        MSG message;
+        while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE))
+            DispatchMessageW(&message);
+        MsgWaitForMultipleObjects(0, nullptr, FALSE, 100, QS_ALLINPUT);
+    }
+    const wstring kernel32 = lower(system_dir() + L"\\kernel32.dll");
+    EXPECT_EQ(std::count(sink.events.begin(), sink.events.end(), std::pair<DISPID, wstring>(1, kernel32)), 2);
+    EXPECT_TRUE(sink.count(4) == 1 && sink.count(5) == 1 && sink.count(3) == 1) << sink.events.size();
+    EXPECT_EQ(sink.events.back().first, 3) << "the end comes last, once";
+    // The last client reference gone, the engine ends, and leaves nothing behind.
+    EXPECT_EQ(point->Unadvise(cookie), S_OK);
+    point.reset(), container.reset(), engine.reset();
+    EXPECT_EQ(WaitForSingleObject(engineProcess.hProcess, 10000), WAIT_OBJECT_0);
+    if (WaitForSingleObject(engineProcess.hProcess, 0) != WAIT_OBJECT_0)
+        TerminateProcess(engineProcess.hProcess, 1);
+    CloseHandle(engineProcess.hProcess), CloseHandle(engineProcess.hThread);
+    EXPECT_EQ(EndLeftProcesses(), 0);
 }
 
 TEST(Children, SearchFoldersOfTheirOwnPathExpandedAndKept) {
