@@ -2,6 +2,7 @@
 // library reaches it, the filter over filters.xml in the folder it names, and the sibling search, run in children.
 #include "companions.h"
 #include "dotnet/sibling_module_cache.h"
+#include "dynamic/debug_engine.h"
 #include "filter/qvwi_filter.h"
 #include "filter/vb_filter.h"
 #include "filter/xml_loader.h"
@@ -726,45 +727,26 @@ struct engine_sink : IDispatch {
 
 TEST(Engine, LaunchReportsModulesChildrenAndTheEndThenEndsWithItsLastClient) {
     com_apartment apartment;
-    GUID instance;
-    wchar_t name[64];
-    ASSERT_EQ(CoCreateGuid(&instance), S_OK);
-    StringFromGUID2(instance, name, 64);
-    wstring line = module_dir() + L"\\TraceHost64.exe {1C3D5B0F-52F4-4C2D-A3FB-BB5D15C4E361}:" + name;
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION engineProcess{};
-    ASSERT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &engineProcess));
-    WaitForInputIdle(engineProcess.hProcess, 20000);
-    qv::com_ptr<IDispatch> engine;
-    for (int attempt = 0; attempt < 100 && !engine; ++attempt) {
-        qv::com_ptr<IMoniker> moniker;
-        qv::com_ptr<IRunningObjectTable> table;
-        qv::com_ptr<IUnknown> object;
-        if (SUCCEEDED(CreateItemMoniker(L"!", name, moniker.put())) && SUCCEEDED(GetRunningObjectTable(0, table.put())) &&
-            SUCCEEDED(table->GetObject(moniker.get(), object.put())))
-            object->QueryInterface(IID_IDispatch, engine.put_void());
-        else
-            Sleep(300);
-    }
-    ASSERT_TRUE(engine);
-    qv::com_ptr<IConnectionPointContainer> container = engine.query<IConnectionPointContainer>(IID_IConnectionPointContainer);
+    bool use64 = false;
+    for (auto [folder, path] : {std::pair{L"", L"TraceHost64.exe"}, {L"C:\\a b\\", L"C:\\a b\\TraceHost64.exe"},
+                                {L"C:\\a", L"C:\\a\\TraceHost64.exe"}})
+        EXPECT_TRUE(ChooseEngine(folder, use64) == path && use64) << narrow(folder); // by the machine, never the target
+    const wstring inSystem = system_dir() + L"\\x.dll"; // a 64-bit host maps nothing for the engine
+    EXPECT_TRUE(CDebugEngineHelper::MapToEngine(inSystem) == inSystem && CDebugEngineHelper::MapFromEngine(inSystem) == inSystem);
+    CDebugEngineHelper missing, helper;
+    EXPECT_EQ(missing.Connect(L"C:\\no\\TraceHost64.exe"), HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(missing.Terminate(), E_POINTER);
+    ASSERT_EQ(helper.Connect(ChooseEngine(module_dir(), use64)), S_OK);
+    qv::com_ptr<IConnectionPointContainer> container;
     qv::com_ptr<IConnectionPoint> point;
+    helper.Engine()->QueryInterface(IID_IConnectionPointContainer, container.put_void());
     engine_sink sink;
     DWORD cookie = 0;
     ASSERT_TRUE(container && SUCCEEDED(container->FindConnectionPoint(DIID__IQvDebugEngineEvents, point.put())));
     ASSERT_EQ(point->Advise(&sink, &cookie), S_OK);
-    // spawn.exe starts a child spawn.exe; both load kernel32.dll. Arguments stand last to first.
+    // spawn.exe starts a child spawn.exe; both load kernel32.dll.
     const wstring spawn = fixture(L"launch\\spawn.exe");
-    VARIANT args[4];
-    V_VT(&args[0]) = VT_I4, V_I4(&args[0]) = 1;
-    V_VT(&args[1]) = VT_BSTR, V_BSTR(&args[1]) = SysAllocString(L"");
-    V_VT(&args[2]) = VT_BSTR, V_BSTR(&args[2]) = SysAllocString((L"0 1 " + spawn + L" 200 7").c_str());
-    V_VT(&args[3]) = VT_BSTR, V_BSTR(&args[3]) = SysAllocString(spawn.c_str());
-    DISPPARAMS params{args, nullptr, 4, 0};
-    EXPECT_EQ(engine->Invoke(1, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr), S_OK);
-    for (VARIANT& v : args)
-        VariantClear(&v);
+    EXPECT_EQ(helper.Launch(spawn, L"0 1 " + spawn + L" 200 7", L"", 1), S_OK);
     for (DWORD start = GetTickCount(); !sink.count(3) && GetTickCount() - start < 20000;) { // events need a pump
         MSG message;
         while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE))
@@ -777,11 +759,16 @@ TEST(Engine, LaunchReportsModulesChildrenAndTheEndThenEndsWithItsLastClient) {
     EXPECT_EQ(sink.events.back().first, 3) << "the end comes last, once";
     // The last client reference gone, the engine ends, and leaves nothing behind.
     EXPECT_EQ(point->Unadvise(cookie), S_OK);
-    point.reset(), container.reset(), engine.reset();
-    EXPECT_EQ(WaitForSingleObject(engineProcess.hProcess, 10000), WAIT_OBJECT_0);
-    if (WaitForSingleObject(engineProcess.hProcess, 0) != WAIT_OBJECT_0)
-        TerminateProcess(engineProcess.hProcess, 1);
-    CloseHandle(engineProcess.hProcess), CloseHandle(engineProcess.hThread);
+    point.reset(), container.reset(), helper = CDebugEngineHelper();
+    auto engines = [] {
+        int n = 0;
+        for (const auto& [id, entry] : qv::detail::ReadProcessTree(false))
+            n += lower(entry.name) == L"tracehost64.exe";
+        return n;
+    };
+    for (DWORD start = GetTickCount(); engines() && GetTickCount() - start < 10000;)
+        Sleep(100);
+    EXPECT_EQ(engines(), 0);
     EXPECT_EQ(EndLeftProcesses(), 0);
 }
 

@@ -1,0 +1,126 @@
+#include "dynamic/debug_engine.h"
+
+#include "toolkit/probes.h"
+
+#include <objbase.h>
+#include <oleauto.h>
+
+#include <vector>
+
+HRESULT InvokeMethod(IDispatch* object, DISPID id, std::initializer_list<VARIANT> arguments) {
+    if (!object)
+        return E_POINTER;
+    std::vector<VARIANT> reversed;
+    for (const VARIANT& v : arguments) {
+        if (V_VT(&v) == VT_EMPTY || reversed.size() == 5)
+            break;
+        reversed.insert(reversed.begin(), v);
+    }
+    DISPPARAMS params{reversed.data(), nullptr, static_cast<UINT>(reversed.size()), 0};
+    EXCEPINFO exception{};
+    HRESULT hr =
+        object->Invoke(id, IID_NULL, GetUserDefaultLCID(), DISPATCH_METHOD, &params, nullptr, &exception, nullptr);
+    if (hr == DISP_E_EXCEPTION) {
+        if (exception.pfnDeferredFillIn)
+            exception.pfnDeferredFillIn(&exception);
+        SysFreeString(exception.bstrSource), SysFreeString(exception.bstrDescription),
+            SysFreeString(exception.bstrHelpFile);
+        if (exception.wCode)
+            return static_cast<HRESULT>(exception.wCode | 0x80040000u);
+        if (exception.scode)
+            return exception.scode;
+    }
+    return hr;
+}
+
+std::wstring ChooseEngine(const std::wstring& folder, bool& use64) {
+    use64 = qv::IsAmd64();
+    const std::wstring name = use64 ? L"TraceHost64.exe" : L"TraceHost.exe";
+    if (folder.empty())
+        return name;
+    return folder.back() == L'\\' ? folder + name : folder + L"\\" + name;
+}
+
+HRESULT StartAndConnect(const std::wstring& path, REFCLSID engineClass, REFIID iid, void** object) {
+    if (!object)
+        return E_POINTER;
+    *object = nullptr;
+    GUID instance;
+    HRESULT hr = CoCreateGuid(&instance);
+    if (FAILED(hr))
+        return hr;
+    wchar_t instanceText[40], classText[40];
+    StringFromGUID2(instance, instanceText, 40);
+    StringFromGUID2(engineClass, classText, 40);
+    CharUpperBuffW(instanceText, static_cast<DWORD>(wcslen(instanceText)));
+    CharUpperBuffW(classText, static_cast<DWORD>(wcslen(classText)));
+    // The path stands unquoted: Windows' own search for the program decides what a folder with blanks runs.
+    std::wstring line = path + L" " + classText + L":" + instanceText;
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
+        return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
+    WaitForInputIdle(process.hProcess, 20000);
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess); // from here on nothing of the engine is held but its object
+
+    hr = E_FAIL;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        qv::com_ptr<IMoniker> moniker;
+        qv::com_ptr<IRunningObjectTable> table;
+        qv::com_ptr<IUnknown> found;
+        hr = CreateItemMoniker(L"!", instanceText, moniker.put());
+        if (SUCCEEDED(hr))
+            hr = GetRunningObjectTable(0, table.put());
+        if (SUCCEEDED(hr))
+            hr = table->GetObject(moniker.get(), found.put());
+        if (SUCCEEDED(hr))
+            return found->QueryInterface(iid, object);
+        Sleep(300);
+    }
+    return hr;
+}
+
+namespace {
+
+VARIANT Text(const std::wstring& text) {
+    VARIANT v;
+    V_VT(&v) = VT_BSTR;
+    V_BSTR(&v) = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
+    return v;
+}
+
+VARIANT Number(long value) {
+    VARIANT v;
+    V_VT(&v) = VT_I4;
+    V_I4(&v) = value;
+    return v;
+}
+
+} // namespace
+
+HRESULT CDebugEngineHelper::Launch(const std::wstring& path, const std::wstring& parameters,
+                                   const std::wstring& directory, long loadFlags) {
+    VARIANT arguments[] = {Text(MapToEngine(path)), Text(parameters), Text(directory), Number(loadFlags)};
+    HRESULT hr = InvokeMethod(m_engine.get(), 1, {arguments[0], arguments[1], arguments[2], arguments[3]});
+    for (VARIANT& v : arguments)
+        VariantClear(&v);
+    return hr;
+}
+
+HRESULT CDebugEngineHelper::AttachProcess(long processId) {
+    return InvokeMethod(m_engine.get(), 2, {Number(processId)});
+}
+
+HRESULT CDebugEngineHelper::Terminate() {
+    return InvokeMethod(m_engine.get(), 3, {});
+}
+
+std::wstring CDebugEngineHelper::MapToEngine(const std::wstring& path) {
+    return qv::MapFromNativePath(path);
+}
+
+std::wstring CDebugEngineHelper::MapFromEngine(const std::wstring& path) {
+    return qv::MapToNativePath(path);
+}
