@@ -370,13 +370,7 @@ std::wstring from_unix(const std::wstring& file) {
 }
 
 // The full path of FILE (made from a Unix path first, under Wine), of any length.
-std::wstring full_path(const std::wstring& given) {
-    const std::wstring path = from_unix(given);
-    DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
-    std::wstring full(size, L'\0');
-    DWORD n = size ? GetFullPathNameW(path.c_str(), size, full.data(), nullptr) : 0;
-    return (n > 0 && n < size) ? full.substr(0, n) : path;
-}
+std::wstring full_path(const std::wstring& given) { return qv::FullPath(from_unix(given)); }
 
 bool exists(const std::wstring& path) {
     DWORD attributes = GetFileAttributesW(path.c_str());

@@ -77,13 +77,8 @@ public:
     explicit current_folder_switch(const std::wstring& folder) {
         if (folder.empty())
             return;
-        DWORD n = GetCurrentDirectoryW(0, nullptr);
-        if (n == 0)
-            return;
-        m_saved.resize(n);
-        n = GetCurrentDirectoryW(n, m_saved.data());
-        m_saved.resize(n);
-        m_switched = n > 0 && SetCurrentDirectoryW(folder.c_str());
+        m_saved = qv::CurrentDirectory();
+        m_switched = !m_saved.empty() && SetCurrentDirectoryW(folder.c_str());
     }
     ~current_folder_switch() {
         if (m_switched)

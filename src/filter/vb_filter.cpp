@@ -14,6 +14,16 @@ constexpr wchar_t kSectionLoaderLibrary[] = L"SectionLoader.dll";
 
 } // namespace
 
+qv::com_ptr<IQvSectionLoader> MakeSectionLoader(const std::wstring& file) {
+    qv::com_ptr<IQvSectionLoader> loader;
+    const HRESULT made =
+        CoCreateFromLibrary(kSectionLoaderLibrary, CLSID_QvSectionLoader, IID_IQvSectionLoader, loader.put());
+    if (FAILED(made))
+        qv::throw_described(made, std::wstring(kSectionLoaderLibrary) + L" cannot be loaded, and " + file +
+                                      L" needs it to be read");
+    return loader;
+}
+
 void CQVWIFilter::CQVWIIniFilterBase::Load(const std::wstring& path, const std::wstring& section, bool bFiltering) {
     m_bFiltering = bFiltering;
     WIN32_FIND_DATAW data;
@@ -23,12 +33,7 @@ void CQVWIFilter::CQVWIIniFilterBase::Load(const std::wstring& path, const std::
     FindClose(find);
     m_names.clear();
 
-    qv::com_ptr<IQvSectionLoader> loader;
-    const HRESULT made =
-        CoCreateFromLibrary(kSectionLoaderLibrary, CLSID_QvSectionLoader, IID_IQvSectionLoader, loader.put());
-    if (FAILED(made))
-        qv::throw_described(made, std::wstring(kSectionLoaderLibrary) + L" cannot be loaded, and " + path +
-                                      L" needs it to be read");
+    qv::com_ptr<IQvSectionLoader> loader = MakeSectionLoader(path);
     check_hr(loader->Load(qv::bstr(path).get()));
     qv::com_ptr<IQvSections> sections;
     check_hr(loader->get_Root(sections.put()));

@@ -5,7 +5,9 @@
 // the ini lists are still asked about it.
 #pragma once
 
+#include "companions.h"
 #include "filter/qvwi_filter.h"
+#include "inc/com_ptr.h"
 
 #include <string>
 #include <vector>
@@ -45,6 +47,10 @@ private:
     CQVWIIniFilter m_systemFilter;
     CQVWIIniFilter m_doNotRedistribute;
 };
+
+// The section-file object of SectionLoader.dll, for reading file. A library that cannot be reached is
+// thrown, with a description that names it and the file that needs it.
+qv::com_ptr<IQvSectionLoader> MakeSectionLoader(const std::wstring& file);
 
 // The folder of Visual Basic, with its trailing backslash, from the Make verb of the .vbp association: the
 // command up to its last backslash, in upper case. Empty when there is no such association. The command

@@ -1,10 +1,9 @@
 #include "static/dep_walker.h"
 
 #include "companions.h"
-#include "dotnet/sibling_module_cache.h"
 #include "filter/filter_base.h"
+#include "filter/vb_filter.h"
 #include "format/pe/pe_layout.h"
-#include "inc/com_error.h"
 #include "scanutil/scan_util.h"
 #include "static/activation_scope.h"
 #include "static/pe_images.h"
@@ -20,8 +19,6 @@ namespace {
 
 constexpr long IgnoreCatalogFlag = 0x8000;
 constexpr long ModeNoImportTables = 2;
-
-constexpr wchar_t kSectionLoaderLibrary[] = L"SectionLoader.dll";
 
 const wchar_t* const InitialSkipNames[] = {L"kernel32.dll", L"ntdll.dll",   L"user32.dll", L"gdi32.dll",
                                            L"advapi32.dll", L"shell32.dll", L"ole32.dll"};
@@ -68,20 +65,6 @@ bool TakesCandidate(const std::wstring& candidate, DWORD machine) {
     return machine == 0 || !image.Usable() || image.GetMachine() == machine;
 }
 
-// The process's current directory, of any length.
-std::wstring CurrentDirectory() {
-    std::wstring dir(MAX_PATH, L'\0');
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        DWORD n = GetCurrentDirectoryW(static_cast<DWORD>(dir.size()), dir.data());
-        if (n < dir.size()) {
-            dir.resize(n);
-            return dir;
-        }
-        dir.resize(n);
-    }
-    return {};
-}
-
 // A section name as the section loader matches it: without regard to ASCII case.
 std::wstring FoldedName(std::wstring name) {
     for (wchar_t& c : name)
@@ -123,7 +106,7 @@ bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD ma
     // A root given is the one folder; otherwise the current folder, then the folders of Path.
     if (!root.empty())
         return tryFolder(root);
-    if (tryFolder(CurrentDirectory()))
+    if (tryFolder(qv::CurrentDirectory()))
         return true;
     for (const auto& dir : qv::GetSearchFolders()) {
         if (tryFolder(dir))
@@ -179,7 +162,7 @@ void CDepWalker::EnterFileDirectory(const std::wstring& file) {
     auto slash = file.find_last_of(L"\\/");
     if (slash == std::wstring::npos)
         return;
-    m_sSavedDirectory = CurrentDirectory();
+    m_sSavedDirectory = qv::CurrentDirectory();
     // For a file in a drive's root this is "C:", the drive's own current folder: kept so.
     SetCurrentDirectoryW(file.substr(0, slash).c_str());
     m_bDirectoryChanged = true;
@@ -335,12 +318,7 @@ qv::com_ptr<IQvSections> CDepWalker::ReadDepCompanion(const std::wstring& path, 
     depPath = path.substr(0, path.size() - (name.size() - dot)) + L".dep";
     if (!DepFileExists(depPath))
         return {};
-    qv::com_ptr<IQvSectionLoader> loader;
-    const HRESULT made =
-        CoCreateFromLibrary(kSectionLoaderLibrary, CLSID_QvSectionLoader, IID_IQvSectionLoader, loader.put());
-    if (FAILED(made))
-        qv::throw_described(made, std::wstring(kSectionLoaderLibrary) + L" cannot be loaded, and " + depPath +
-                                      L" needs it to be read");
+    qv::com_ptr<IQvSectionLoader> loader = MakeSectionLoader(depPath);
     // A file cut short by a bad line is read as far as it goes; the person is told where it stopped.
     if (check_hr(loader->Load(qv::bstr(depPath).get())) == S_FALSE) {
         qv::bstr problem;

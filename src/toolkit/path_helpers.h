@@ -100,5 +100,9 @@ inline bool IsDeviceName(std::wstring_view path) {
 // The full, normalised form of a path ("." and ".." resolved, separators made backslashes) when it has
 // anything to normalise; otherwise, or when the system cannot say, the path as it is.
 std::wstring NormalisedPath(const std::wstring& path);
+// The full form of a path, of any length; the path as it is when the system cannot say.
+std::wstring FullPath(const std::wstring& path);
+// The process's current directory, of any length; empty when it cannot be read.
+std::wstring CurrentDirectory();
 
 } // namespace qv

@@ -136,8 +136,10 @@ std::wstring NormalisedPath(const std::wstring& path) {
         dotted = part == L"." || part == L"..";
         start = end == std::wstring::npos ? end : end + 1;
     }
-    if (!dotted)
-        return path;
+    return dotted ? FullPath(path) : path;
+}
+
+std::wstring FullPath(const std::wstring& path) {
     DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
     std::wstring full(size, L'\0');
     DWORD n = size ? GetFullPathNameW(path.c_str(), size, full.data(), nullptr) : 0;
@@ -145,6 +147,19 @@ std::wstring NormalisedPath(const std::wstring& path) {
         return path;
     full.resize(n);
     return full;
+}
+
+std::wstring CurrentDirectory() {
+    std::wstring dir(MAX_PATH, L'\0');
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        DWORD n = GetCurrentDirectoryW(static_cast<DWORD>(dir.size()), dir.data());
+        if (n < dir.size()) {
+            dir.resize(n);
+            return dir;
+        }
+        dir.resize(n);
+    }
+    return {};
 }
 
 bool IsAbsolutePath(std::wstring_view path) {
