@@ -3,11 +3,14 @@
 //
 //   qvscan static FILE [--lang TEXT] [--type N] [--no-filter] [--json]
 //   qvscan pe FILE [--json]
+//   qvscan trace APP [ARGS...] [options] | attach PID [options]     (trace_command.cpp)
 //   qvscan register [--user] | unregister [--user]
 //
-// Exit codes: 0 done; 1 the scan or the server failed; 2 wrong arguments; 3 the file does not exist.
+// Exit codes: 0 done; 1 the scan or the server failed; 2 wrong arguments; 3 the file does not exist;
+// 4 the traced target was ended before it finished.
 #include "QVWIScanners.h"
 #include "server/class_registration.h"
+#include "qvscan.h"
 #include "text_output.h"
 
 #include <windows.h>
@@ -34,7 +37,7 @@
 
 using namespace qvscan;
 
-namespace {
+namespace qvscan {
 
 // Lower case by the system's rules, for comparing paths.
 std::wstring lower(std::wstring text) {
@@ -43,18 +46,15 @@ std::wstring lower(std::wstring text) {
     return text;
 }
 
-constexpr int ExitOk = 0, ExitFailed = 1, ExitUsage = 2, ExitNoFile = 3;
-
 const char* const Usage = "usage: qvscan static FILE [--lang TEXT] [--type N] [--no-filter] [--json]\n"
                           "       qvscan pe FILE [--json]\n"
                           "       qvscan ini FILE [SECTION [KEY]]\n"
+                          "       qvscan trace APP [ARGS...] [--dir D] [--tag T] [--this-process-only] [--no-filter]\n"
+                          "                    [--json] [--timeout S]     (after \"--\" every argument is APP's)\n"
+                          "       qvscan attach PID [--tag T] [--no-filter] [--json] [--timeout S]\n"
                           "       qvscan setup \"COMMAND LINE\"\n"
                           "       qvscan register [--user]\n"
                           "       qvscan unregister [--user]\n";
-
-struct usage_error {
-    std::string message;
-};
 
 std::string hex(HRESULT hr) {
     char buffer[16];
@@ -74,50 +74,6 @@ std::string describe(HRESULT hr) {
         message.pop_back();
     return message.empty() ? hex(hr) : utf8(message) + " (" + hex(hr) + ")";
 }
-
-// The server DLL, loaded by path.
-class server_dll {
-public:
-    server_dll() {
-        wchar_t own[MAX_PATH * 4];
-        DWORD n = GetModuleFileNameW(nullptr, own, static_cast<DWORD>(std::size(own)));
-        std::wstring dir(own, n);
-        dir = dir.substr(0, dir.find_last_of(L'\\'));
-        wchar_t overridden[MAX_PATH * 4];
-        DWORD m = GetEnvironmentVariableW(L"QV_SERVER_DLL", overridden, static_cast<DWORD>(std::size(overridden)));
-        m_path = (m > 0 && m < std::size(overridden)) ? std::wstring(overridden, m) : dir + L"\\QVWIScanners.dll";
-        m_module = LoadLibraryW(m_path.c_str());
-        if (!m_module)
-            throw std::runtime_error("cannot load " + utf8(m_path) + ": " +
-                                     describe(HRESULT_FROM_WIN32(GetLastError())));
-        m_getClassObject = reinterpret_cast<decltype(m_getClassObject)>(
-            reinterpret_cast<void*>(GetProcAddress(m_module, "DllGetClassObject")));
-        if (!m_getClassObject)
-            throw std::runtime_error(utf8(m_path) + " exports no DllGetClassObject");
-    }
-    ~server_dll() {
-        if (m_module)
-            FreeLibrary(m_module);
-    }
-    const std::wstring& path() const { return m_path; }
-    HMODULE module() const { return m_module; }
-
-    HRESULT factory(REFCLSID clsid, IClassFactory** out) const {
-        return m_getClassObject(clsid, IID_IClassFactory, reinterpret_cast<void**>(out));
-    }
-    template <class T> qv::com_ptr<T> create(REFCLSID clsid, REFIID iid) const {
-        qv::com_ptr<IClassFactory> f;
-        check_hr(factory(clsid, f.put()));
-        qv::com_ptr<T> object;
-        check_hr(f->CreateInstance(nullptr, iid, object.put_void()));
-        return object;
-    }
-
-private:
-    std::wstring m_path;
-    HMODULE m_module = nullptr;
-    HRESULT(STDAPICALLTYPE* m_getClassObject)(REFCLSID, REFIID, void**) = nullptr;
-};
 
 // The sink of a static scan: counts the files met, keeps what the import tables named (in lower case),
 // and draws progress on a terminal.
@@ -191,16 +147,6 @@ private:
     bool m_terminal = err_is_terminal();
     bool m_drawn = false;
     DWORD m_lastDraw = 0;
-};
-
-// One record as the tool shows it.
-struct record {
-    std::wstring name, path, destPath;
-    long major = 0, minor = 0, size = 0;
-    double modified = 0;
-    bool missing = false, filterable = false, mergeModule = false, shared = false, selfRegistering = false;
-    bool viaDep = false; // listed by a .dep file, not by an import table
-    std::vector<long> languages;
 };
 
 std::wstring version_text(long major, long minor) {
@@ -293,7 +239,7 @@ std::string marks(const record& r) {
     m += r.mergeModule ? 'G' : '-';
     m += r.shared ? 'S' : '-';
     m += r.selfRegistering ? 'R' : '-';
-    m += r.viaDep ? 'D' : '-';
+    m += std::string(r.via) == "dep" ? 'D' : '-';
     return m;
 }
 
@@ -308,8 +254,7 @@ std::string json_record(const record& r, const char* indent) {
         ", \"languages\": [" + langs + "]" + ", \"missing\": " + (r.missing ? "true" : "false") +
         ", \"filterable\": " + (r.filterable ? "true" : "false") +
         ", \"mergeModule\": " + (r.mergeModule ? "true" : "false") + ", \"shared\": " + (r.shared ? "true" : "false") +
-        ", \"selfRegistering\": " + (r.selfRegistering ? "true" : "false") +
-        ", \"via\": " + (r.viaDep ? "\"dep\"" : "\"imports\"") + "}";
+        ", \"selfRegistering\": " + (r.selfRegistering ? "true" : "false") + ", \"via\": \"" + r.via + "\"}";
     return s;
 }
 
@@ -370,7 +315,9 @@ std::wstring from_unix(const std::wstring& file) {
 }
 
 // The full path of FILE (made from a Unix path first, under Wine), of any length.
-std::wstring full_path(const std::wstring& given) { return qv::FullPath(from_unix(given)); }
+std::wstring full_path(const std::wstring& given) {
+    return qv::FullPath(from_unix(given));
+}
 
 bool exists(const std::wstring& path) {
     DWORD attributes = GetFileAttributesW(path.c_str());
@@ -392,12 +339,63 @@ std::string not_a_file(const std::wstring& path) {
     return describe(HRESULT_FROM_WIN32(error));
 }
 
-struct options {
-    std::wstring command, file, lang;
-    std::vector<std::wstring> names; // ini: the section and the key asked for
-    long type = 0;
-    bool filter = true, json = false, user = false;
-};
+// trace APP [ARGS...] and attach PID: the tool's options may stand anywhere before a "--"; the other
+// arguments after APP, and everything after "--", are the target's.
+options parse_trace(options& o, int argc, wchar_t** argv) {
+    const bool trace = o.command == L"trace";
+    bool rest = false;
+    std::wstring target;
+    for (int i = 2; i < argc; ++i) {
+        std::wstring a = argv[i];
+        auto value = [&](const char* name) {
+            if (i + 1 >= argc)
+                throw usage_error{std::string(name) + " needs a value"};
+            return std::wstring(argv[++i]);
+        };
+        if (!rest && a == L"--") {
+            rest = true;
+        } else if (!rest && a == L"--json") {
+            o.json = true;
+        } else if (!rest && a == L"--no-filter") {
+            o.filter = false;
+        } else if (!rest && a == L"--tag") {
+            o.tag = value("--tag");
+        } else if (!rest && trace && a == L"--dir") {
+            o.directory = value("--dir");
+        } else if (!rest && trace && a == L"--this-process-only") {
+            o.thisProcessOnly = true;
+        } else if (!rest && a == L"--timeout") {
+            std::wstring v = value("--timeout");
+            wchar_t* end = nullptr;
+            errno = 0;
+            const double seconds = std::wcstod(v.c_str(), &end);
+            if (v.empty() || *end || errno == ERANGE || !(seconds > 0) || seconds > 86400 * 365)
+                throw usage_error{"--timeout wants a number of seconds above 0"};
+            o.timeout = seconds;
+        } else if (!rest && a.size() > 1 && a[0] == L'-' && target.empty()) {
+            throw usage_error{"unknown option '" + utf8(a) + "' for " + utf8(o.command)};
+        } else if (target.empty()) {
+            target = a;
+        } else if (trace) {
+            o.arguments.push_back(a);
+        } else {
+            throw usage_error{"unexpected argument '" + utf8(a) + "'"};
+        }
+    }
+    if (target.empty())
+        throw usage_error{trace ? "trace needs an APP to run" : "attach needs the ID of a running process"};
+    if (trace) {
+        o.file = target;
+    } else {
+        wchar_t* end = nullptr;
+        errno = 0;
+        const unsigned long long id = std::wcstoull(target.c_str(), &end, 0);
+        if (*end || errno == ERANGE || id == 0 || id > 0xFFFFFFFFull || target[0] == L'-')
+            throw usage_error{"attach wants a process ID, not '" + utf8(target) + "'"};
+        o.processId = static_cast<DWORD>(id);
+    }
+    return o;
+}
 
 options parse(int argc, wchar_t** argv) {
     options o;
@@ -414,6 +412,8 @@ options parse(int argc, wchar_t** argv) {
         o.file = argv[2];
         return o;
     }
+    if (o.command == L"trace" || o.command == L"attach")
+        return parse_trace(o, argc, argv);
     if (!scans && !registers)
         throw usage_error{"unknown command '" + utf8(o.command) + "'"};
     for (int i = 2; i < argc; ++i) {
@@ -488,7 +488,8 @@ int run_static(const server_dll& dll, const options& o) {
     // The import walk announces every file it names; a record it never named came from a .dep file.
     for (record& r : records) {
         const std::wstring full = r.path.empty() ? r.name : r.path + (r.path.back() == L'\\' ? L"" : L"\\") + r.name;
-        r.viaDep = !r.mergeModule && !sink.named.count(lower(full)) && !sink.named.count(lower(r.name));
+        if (!r.mergeModule && !sink.named.count(lower(full)) && !sink.named.count(lower(r.name)))
+            r.via = "dep";
     }
 
     size_t missing = 0, filterable = 0, modules = 0;
@@ -678,7 +679,7 @@ int run_register(const server_dll& dll, const options& o, bool add) {
     return ExitOk;
 }
 
-} // namespace
+} // namespace qvscan
 
 // What the ini engine reads of FILE: every section with its entries, the entries of one section, or one
 // value. A read cut short by a bad line shows what came before it, says where it stopped, and exits 1.
@@ -750,6 +751,8 @@ int wmain(int argc, wchar_t** argv) {
         server_dll dll;
         if (o.command == L"static")
             rc = run_static(dll, o);
+        else if (o.command == L"trace" || o.command == L"attach")
+            rc = run_trace(dll, o);
         else if (o.command == L"pe")
             rc = run_pe(dll, o);
         else

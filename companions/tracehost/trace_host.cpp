@@ -33,6 +33,7 @@ struct engine_event {
 };
 
 HWND g_window = nullptr;
+DWORD g_parentId = 0;   // the client that started the engine
 LONG g_connections = 0; // strong external connections of the clients
 bool g_everConnected = false;
 
@@ -90,9 +91,11 @@ public:
         for (auto& [id, process] : m_processes)
             TerminateProcess(process, 1);
     }
-    // Ends the debuggees and waits for the thread.
+    // Ends the debuggees it started, lets an attached one go on, and waits for the thread.
     void Stop() {
-        TerminateAll();
+        m_stopping = true;
+        if (!m_attach)
+            TerminateAll();
         HANDLE thread = nullptr;
         {
             std::lock_guard<std::mutex> lock(m_lock);
@@ -111,6 +114,8 @@ private:
         bool ok;
         if (m_attach) {
             ok = DebugActiveProcess(m_attach);
+            if (ok)
+                DebugSetProcessKillOnExit(FALSE); // a process the engine did not start outlives it
         } else {
             STARTUPINFOW startup{};
             startup.cb = sizeof startup;
@@ -131,8 +136,15 @@ private:
         DWORD root = 0;
         for (;;) {
             DEBUG_EVENT e{};
-            if (!WaitForDebugEvent(&e, INFINITE))
-                break;
+            if (!WaitForDebugEvent(&e, 200)) {
+                if (GetLastError() != ERROR_SEM_TIMEOUT && GetLastError() != WAIT_TIMEOUT)
+                    break;
+                if (m_stopping && m_attach) { // only the debugging thread may let its debuggee go
+                    DebugActiveProcessStop(m_attach);
+                    break;
+                }
+                continue;
+            }
             DWORD status = DBG_CONTINUE;
             switch (e.dwDebugEventCode) {
             case CREATE_PROCESS_DEBUG_EVENT: {
@@ -152,13 +164,26 @@ private:
                     path = PathOf(e.u.LoadDll.hFile);
                 if (e.u.LoadDll.hFile)
                     CloseHandle(e.u.LoadDll.hFile);
-                if (!path.empty())
+                if (!path.empty()) {
+                    m_modules[{e.dwProcessId, e.u.LoadDll.lpBaseOfDll}] = path;
                     Post(new engine_event{LoadDll, path});
+                }
+                break;
+            }
+            case UNLOAD_DLL_DEBUG_EVENT: {
+                // The event names only the base address: the path is the one its load reported.
+                auto it = m_modules.find({e.dwProcessId, e.u.UnloadDll.lpBaseOfDll});
+                if (it != m_modules.end()) {
+                    Post(new engine_event{UnloadDll, it->second});
+                    m_modules.erase(it);
+                }
                 break;
             }
             case EXIT_PROCESS_DEBUG_EVENT: {
                 std::lock_guard<std::mutex> lock(m_lock);
                 m_processes.erase(e.dwProcessId);
+                m_modules.erase(m_modules.lower_bound({e.dwProcessId, nullptr}),
+                                m_modules.lower_bound({e.dwProcessId + 1, nullptr}));
                 if (e.dwProcessId != root)
                     Post(new engine_event{ChildExit, {}, {LONG(e.dwProcessId)}});
                 break;
@@ -214,11 +239,12 @@ private:
     std::mutex m_lock;
     HANDLE m_thread = nullptr, m_ready = nullptr;
     bool m_started = false;
-    std::atomic<bool> m_running{false};
+    std::atomic<bool> m_running{false}, m_stopping{false};
     std::wstring m_commandLine, m_directory;
     LONG m_flags = 1;
     DWORD m_attach = 0;
-    std::map<DWORD, HANDLE> m_processes; // owned by the debug API
+    std::map<DWORD, HANDLE> m_processes;                       // owned by the debug API
+    std::map<std::pair<DWORD, void*>, std::wstring> m_modules; // by process and base address
 };
 
 debugger g_debugger;
@@ -333,13 +359,14 @@ public:
     HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override { return count ? (*count = 0, S_OK) : E_POINTER; }
     HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) override {
-        static const wchar_t* const known[] = {L"Launch", L"AttachProcess", L"Terminate"};
+        static const std::pair<const wchar_t*, DISPID> known[] = {
+            {L"Launch", 1}, {L"AttachProcess", 2}, {L"Terminate", 3}, {L"Report", 100}};
         HRESULT hr = S_OK;
         for (UINT i = 0; i < count; ++i) {
             ids[i] = DISPID_UNKNOWN;
-            for (int k = 0; k < 3; ++k)
-                if (i == 0 && _wcsicmp(names[i], known[k]) == 0)
-                    ids[i] = k + 1;
+            for (const auto& [known_name, known_id] : known)
+                if (i == 0 && _wcsicmp(names[i], known_name) == 0)
+                    ids[i] = known_id;
             hr = ids[i] == DISPID_UNKNOWN ? DISP_E_UNKNOWNNAME : hr;
         }
         return hr;
@@ -365,8 +392,24 @@ public:
             std::wstring line = L"\"" + path + L"\"" + (parameters.empty() ? L"" : L" " + parameters);
             return g_debugger.Start(line, text(2), number(3), 0) ? S_OK : HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
         }
-        case 2: // AttachProcess(process ID)
-            return g_debugger.Start(L"", L"", 1, static_cast<DWORD>(number(0))) ? S_OK : E_INVALIDARG;
+        case 2: { // AttachProcess(process ID)
+            // Debugging the client (or the engine itself) would stop the very process that takes the events.
+            const DWORD target = static_cast<DWORD>(number(0));
+            if (target == GetCurrentProcessId() || target == g_parentId) {
+                Post(new engine_event{Finished, {}});
+                return E_INVALIDARG;
+            }
+            return g_debugger.Start(L"", L"", 1, target) ? S_OK : E_INVALIDARG;
+        }
+        case 100: { // Report(event, path or process ID): the event, as if the debuggee had caused it
+            const LONG kind = number(0);
+            if (kind < 1 || kind > 5)
+                return E_INVALIDARG;
+            auto* e = new engine_event{static_cast<event_kind>(kind), text(1)};
+            e->values[0] = number(1);
+            Post(e);
+            return S_OK;
+        }
         case 3: // Terminate
             g_debugger.TerminateAll();
             return S_OK;
@@ -411,6 +454,7 @@ HANDLE OpenParent() {
             parent = entry.th32ParentProcessID;
     if (all != INVALID_HANDLE_VALUE)
         CloseHandle(all);
+    g_parentId = parent;
     return parent ? OpenProcess(SYNCHRONIZE, FALSE, parent) : nullptr;
 }
 

@@ -102,7 +102,7 @@ VARIANT Number(long value) {
 
 HRESULT CDebugEngineHelper::Launch(const std::wstring& path, const std::wstring& parameters,
                                    const std::wstring& directory, long loadFlags) {
-    VARIANT arguments[] = {Text(MapToEngine(path)), Text(parameters), Text(directory), Number(loadFlags)};
+    VARIANT arguments[] = {Text(path), Text(parameters), Text(directory), Number(loadFlags)};
     HRESULT hr = InvokeMethod(m_engine.get(), 1, {arguments[0], arguments[1], arguments[2], arguments[3]});
     for (VARIANT& v : arguments)
         VariantClear(&v);

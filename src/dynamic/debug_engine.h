@@ -41,7 +41,7 @@ public:
     }
     IDispatch* Engine() const { return m_engine.get(); }
 
-    // Launch: load flags 1 follow child processes, 2 only the program.
+    // Launch: load flags 1 follow child processes, 2 only the program. The path goes as it is given.
     HRESULT Launch(const std::wstring& path, const std::wstring& parameters, const std::wstring& directory,
                    long loadFlags);
     HRESULT AttachProcess(long processId);

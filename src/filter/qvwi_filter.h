@@ -30,6 +30,8 @@ public:
     // The support folder as QvAppServices.dll tells it, asked once and kept for the filter's life (an
     // empty answer is asked for again). Throws com_exception when the library or its answer fails.
     const std::wstring& GetSupportDir();
+    // Whether the lists have been loaded (SetFiltering was called and succeeded).
+    bool Loaded() const { return static_cast<bool>(m_pDoc); }
 
 protected:
     // True when the lists decided the file: bInFilterList true, bFilter the filtering flag. False when

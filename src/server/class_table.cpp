@@ -1,6 +1,7 @@
 #include "server/class_table.h"
 
 #include "QVWIScanners.h"
+#include "dynamic/dep_checker.h"
 #include "inc/com_object.h"
 #include "scanutil/scan_util.h"
 #include "server/dep_file.h"
@@ -19,6 +20,8 @@ using create_fn = HRESULT (*)(IUnknown*, REFIID, void**);
 create_fn creator_of(const CLSID& clsid) {
     if (IsEqualCLSID(clsid, CLSID_StaticScan))
         return &qv::creator<CStaticScan>::CreateInstance;
+    if (IsEqualCLSID(clsid, CLSID_DepChecker))
+        return &qv::creator<CDepChecker>::CreateInstance;
     if (IsEqualCLSID(clsid, CLSID_ScanUtil))
         return &qv::creator<CScanUtil>::CreateInstance;
     if (IsEqualCLSID(clsid, CLSID_DepFile))

@@ -8,6 +8,7 @@
 #include "filter/xml_loader.h"
 #include "inc/com_error.h"
 #include "image_writer.h"
+#include "event_recorder.h"
 #include "recording_sink.h"
 #include "server/dep_file.h"
 #include "static/dep_walker.h"
@@ -705,26 +706,6 @@ TEST(Launcher, SetupProgramsTheirChildrenGrandchildrenAndTimeOuts) {
     EXPECT_EQ(EndLeftProcesses(), 1);
 }
 
-// A client's sink of the engine's events: what arrived, by DISPID, with the text or first number of each.
-struct engine_sink : IDispatch {
-    std::vector<std::pair<DISPID, wstring>> events;
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
-        *ppv = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) ? this : nullptr;
-        return *ppv ? S_OK : E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-    ULONG STDMETHODCALLTYPE Release() override { return 1; }
-    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* n) override { return *n = 0, S_OK; }
-    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* p, VARIANT*, EXCEPINFO*, UINT*) override {
-        const VARIANT* last = p && p->cArgs ? &p->rgvarg[p->cArgs - 1] : nullptr; // the first argument
-        events.emplace_back(id, !last ? L"" : V_VT(last) == VT_BSTR ? lower(V_BSTR(last)) : std::to_wstring(V_I4(last)));
-        return S_OK;
-    }
-    size_t count(DISPID id) const { return std::count_if(events.begin(), events.end(), [&](auto& e) { return e.first == id; }); }
-};
-
 TEST(Engine, LaunchReportsModulesChildrenAndTheEndThenEndsWithItsLastClient) {
     com_apartment apartment;
     bool use64 = false;
@@ -740,19 +721,14 @@ TEST(Engine, LaunchReportsModulesChildrenAndTheEndThenEndsWithItsLastClient) {
     qv::com_ptr<IConnectionPointContainer> container;
     qv::com_ptr<IConnectionPoint> point;
     helper.Engine()->QueryInterface(IID_IConnectionPointContainer, container.put_void());
-    engine_sink sink;
+    qv::test::event_recorder sink;
     DWORD cookie = 0;
     ASSERT_TRUE(container && SUCCEEDED(container->FindConnectionPoint(DIID__IQvDebugEngineEvents, point.put())));
     ASSERT_EQ(point->Advise(&sink, &cookie), S_OK);
     // spawn.exe starts a child spawn.exe; both load kernel32.dll.
     const wstring spawn = fixture(L"launch\\spawn.exe");
     EXPECT_EQ(helper.Launch(spawn, L"0 1 " + spawn + L" 200 7", L"", 1), S_OK);
-    for (DWORD start = GetTickCount(); !sink.count(3) && GetTickCount() - start < 20000;) { // events need a pump
-        MSG message;
-        while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE))
-            DispatchMessageW(&message);
-        MsgWaitForMultipleObjects(0, nullptr, FALSE, 100, QS_ALLINPUT);
-    }
+    qv::test::pump_until([&] { return sink.count(3) > 0; }); // events need a pump
     const wstring kernel32 = lower(system_dir() + L"\\kernel32.dll");
     EXPECT_EQ(std::count(sink.events.begin(), sink.events.end(), std::pair<DISPID, wstring>(1, kernel32)), 2);
     EXPECT_TRUE(sink.count(4) == 1 && sink.count(5) == 1 && sink.count(3) == 1) << sink.events.size();

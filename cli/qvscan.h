@@ -1,0 +1,117 @@
+// What the commands of qvscan share: the exit codes, the server DLL loaded by path, the records as the
+// tool shows them, the paths a person gives, and the options.
+#pragma once
+
+#include "QVWIScanners.h"
+#include "inc/com_error.h"
+#include "inc/com_ptr.h"
+#include "text_output.h"
+
+#include <windows.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace qvscan {
+
+// 4: the target was ended before it finished (time-out or Ctrl-C).
+constexpr int ExitOk = 0, ExitFailed = 1, ExitUsage = 2, ExitNoFile = 3, ExitEnded = 4;
+
+struct usage_error {
+    std::string message;
+};
+
+std::wstring lower(std::wstring text);
+std::string hex(HRESULT hr);
+// The system's words for hr, with the number; the number alone when the system has none.
+std::string describe(HRESULT hr);
+
+// The server DLL, loaded by path.
+class server_dll {
+public:
+    server_dll() {
+        wchar_t own[MAX_PATH * 4];
+        DWORD n = GetModuleFileNameW(nullptr, own, static_cast<DWORD>(std::size(own)));
+        std::wstring dir(own, n);
+        dir = dir.substr(0, dir.find_last_of(L'\\'));
+        wchar_t overridden[MAX_PATH * 4];
+        DWORD m = GetEnvironmentVariableW(L"QV_SERVER_DLL", overridden, static_cast<DWORD>(std::size(overridden)));
+        m_path = (m > 0 && m < std::size(overridden)) ? std::wstring(overridden, m) : dir + L"\\QVWIScanners.dll";
+        m_module = LoadLibraryW(m_path.c_str());
+        if (!m_module)
+            throw std::runtime_error("cannot load " + utf8(m_path) + ": " +
+                                     describe(HRESULT_FROM_WIN32(GetLastError())));
+        m_getClassObject = reinterpret_cast<decltype(m_getClassObject)>(
+            reinterpret_cast<void*>(GetProcAddress(m_module, "DllGetClassObject")));
+        if (!m_getClassObject)
+            throw std::runtime_error(utf8(m_path) + " exports no DllGetClassObject");
+    }
+    // The library stays loaded while it says objects of it live (a proxy's stub may still hold one).
+    ~server_dll() {
+        using can_unload_fn = HRESULT(STDAPICALLTYPE*)();
+        auto canUnload = reinterpret_cast<can_unload_fn>(
+            reinterpret_cast<void*>(m_module ? GetProcAddress(m_module, "DllCanUnloadNow") : nullptr));
+        if (m_module && (!canUnload || canUnload() == S_OK))
+            FreeLibrary(m_module);
+    }
+    const std::wstring& path() const { return m_path; }
+    HMODULE module() const { return m_module; }
+
+    HRESULT factory(REFCLSID clsid, IClassFactory** out) const {
+        return m_getClassObject(clsid, IID_IClassFactory, reinterpret_cast<void**>(out));
+    }
+    template <class T> qv::com_ptr<T> create(REFCLSID clsid, REFIID iid) const {
+        qv::com_ptr<IClassFactory> f;
+        check_hr(factory(clsid, f.put()));
+        qv::com_ptr<T> object;
+        check_hr(f->CreateInstance(nullptr, iid, object.put_void()));
+        return object;
+    }
+
+private:
+    std::wstring m_path;
+    HMODULE m_module = nullptr;
+    HRESULT(STDAPICALLTYPE* m_getClassObject)(REFCLSID, REFIID, void**) = nullptr;
+};
+
+// One record as the tool shows it.
+struct record {
+    std::wstring name, path, destPath;
+    long major = 0, minor = 0, size = 0;
+    double modified = 0;
+    bool missing = false, filterable = false, mergeModule = false, shared = false, selfRegistering = false;
+    const char* via = "imports"; // what named it: "imports", "dep" (a .dep file) or "run" (the target loaded it)
+    std::vector<long> languages;
+};
+
+record read_record(IDepFile* file);
+std::vector<record> read_all(IDepFiles* files);
+// The marks column: M missing, F filterable, G merge module, S shared, R self-registering, D from a .dep file.
+std::string marks(const record& r);
+std::string json_record(const record& r, const char* indent);
+std::wstring version_text(long major, long minor);
+
+// The full path of FILE (made from a Unix path first, under Wine), of any length.
+std::wstring full_path(const std::wstring& given);
+bool exists(const std::wstring& path);
+// Why a path that is not a file on disk cannot be used, in words.
+std::string not_a_file(const std::wstring& path);
+
+struct options {
+    std::wstring command, file, lang;
+    std::vector<std::wstring> names; // ini: the section and the key asked for
+    long type = 0;
+    bool filter = true, json = false, user = false;
+    // trace and attach
+    std::vector<std::wstring> arguments; // the target's own
+    std::wstring directory, tag;
+    bool thisProcessOnly = false;
+    DWORD processId = 0;
+    double timeout = 0; // seconds; 0 waits as long as the target runs
+};
+
+// qvscan trace and qvscan attach.
+int run_trace(const server_dll& dll, const options& o);
+
+} // namespace qvscan
