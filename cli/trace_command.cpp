@@ -172,6 +172,17 @@ int run_trace(const server_dll& dll, const options& o) {
         CloseHandle(target);
     }
 
+    // With --json the standard output carries the document alone: the engine, and the target after it,
+    // inherit the error stream as their output.
+    struct output_swap {
+        HANDLE document = GetStdHandle(STD_OUTPUT_HANDLE);
+        explicit output_swap(bool on) {
+            if (on)
+                SetStdHandle(STD_OUTPUT_HANDLE, GetStdHandle(STD_ERROR_HANDLE));
+        }
+        ~output_swap() { SetStdHandle(STD_OUTPUT_HANDLE, document); }
+    } swap(o.json);
+
     const std::set<DWORD> before = ProcessIds();
     qv::com_ptr<IClassFactory> factory;
     check_hr(dll.factory(CLSID_DepChecker, factory.put()));
@@ -286,6 +297,7 @@ int run_trace(const server_dll& dll, const options& o) {
     if (engine)
         CloseHandle(engine);
 
+    SetStdHandle(STD_OUTPUT_HANDLE, swap.document);
     static const char* const endings[] = {"finished", "time-out", "interrupted", "engine-died"};
     const char* ended = endings[static_cast<int>(how)];
     if (o.json) {

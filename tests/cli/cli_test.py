@@ -2,7 +2,9 @@
 """The command-line host as a person and a pipeline use it, checked on the Linux side. CASE: json (real
 programs against an independent reading of their import tables; the fixture tree record by record), table,
 exits (usage errors, exit codes, messages), script (a JScript client through the registration entries), hostile
-(files rewritten under the scan, Linux paths Windows cannot spell, .dep companions)."""
+(files rewritten under the scan, Linux paths Windows cannot spell, .dep companions), trace (dynamic scans against
+the loader's own log of the same run)."""
+import re
 import argparse, json, os, shutil, struct, subprocess, sys, tempfile, threading
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "static"))
@@ -194,11 +196,82 @@ def case_script(a):
         shutil.rmtree(tmp, ignore_errors=True)
 
 
+def win(path):
+    return "Z:" + path.replace("/", "\\")
+
+
+# The modules the loader of each traced process logs under WINEDEBUG=+loaddll, by the process's program: the
+# lines of the thread that loaded a program, up to the next program that thread loads.
+def loader_log(stderr):
+    by_thread, programs = {}, {}
+    for thread, path in re.findall(r'^([0-9a-f]{4}):trace:loaddll:build_module Loaded L"(.*?)" at ', stderr, re.M):
+        path = path.replace("\\\\", "\\").lower()
+        if path.endswith(".exe"):
+            programs[thread] = path
+            by_thread[path] = set()
+        elif thread in programs:
+            by_thread[programs[thread]].add(path)
+    return by_thread
+
+
+def case_trace(a):
+    host, plugin = win(a.fixtures + "/trace/host.exe"), win(a.fixtures + "/trace/plugins/plugin.dll")
+    # The plug-in is loaded by path at run time: only the dynamic scan sees it.
+    r = run(a, ["trace", host, "load", plugin, "--json"])
+    doc = json.loads(r.stdout)
+    deps = [d["folder"].lower() + "\\" + d["name"].lower() for d in doc["bags"][0]["dependencies"]]
+    expect(r.returncode == 0 and doc["ended"] == "finished" and deps == [plugin.lower()], f"trace --json: {r.stdout}")
+    expect(doc["bags"][0]["dependencies"][0]["selfRegistering"] and doc["bags"][0]["dependencies"][0]["via"] == "run",
+           "the plug-in registers itself, and the run named it")
+    r = run(a, ["static", host, "--json", "--no-filter"])
+    static = json.loads(r.stdout)["dependencies"]
+    expect(r.returncode == 0 and "plugin.dll" not in [d["name"].lower() for d in static], f"static scan: {static}")
+    # Live lines as the modules come, the children, then the table; a tag names the bag.
+    r = run(a, ["trace", host, "--tag", "first run", "cycle", "1000", plugin, "child", f'"{host}" load "{plugin}"'])
+    lines = r.stdout.splitlines()
+    expect(r.returncode == 0 and lines.count("  loaded " + plugin) == 1, f"one live line per module: {r.stdout}")
+    started = [l for l in lines if l.startswith("  child process ") and l.endswith(" started")]
+    expect(len(started) == 1 and started[0].replace("started", "ended") in lines, "child start and exit lines")
+    expect("bag 'first run':" in lines and lines[-1].startswith("1 files loaded"), f"the table: {lines[-4:]}")
+    # Time-out: the target is ended and what it loaded is still listed; a missing engine is named.
+    r = run(a, ["trace", "--timeout", "1", host, "load", plugin, "sleep", "60000", "--json"])
+    doc = json.loads(r.stdout)
+    expect(r.returncode == 4 and doc["ended"] == "time-out" and len(doc["bags"][0]["dependencies"]) == 1
+           and "time-out of 1 s" in r.stderr, f"time-out: {r.returncode} {r.stderr!r}")
+    r = run(a, ["trace", host], env=dict(os.environ, QV_PROGRAMS_DIR="C:\\no engine here"))
+    expect(r.returncode == 1 and "C:\\no engine here\\TraceHost64.exe" in r.stderr, f"no engine: {r.stderr!r}")
+    for args, code, text in [(["trace"], 2, "needs an APP"), (["trace", "C:\\no\\app.exe"], 3, "no such file"),
+                             (["trace", host, "--timeout", "0"], 2, "--timeout wants"),
+                             (["attach", "12x"], 2, "wants a process ID"), (["attach", "4000000000"], 3, "no process"),
+                             (["attach", "1", "--dir", "C:\\"], 2, "unexpected argument")]:
+        r = run(a, args)
+        expect(r.returncode == code and text in r.stderr, f"{args}: exit {r.returncode}, {r.stderr!r}")
+
+    # The witness: the loader's log of the same run. Every module it loaded is recorded; the records beyond
+    # it are ntdll.dll, which Wine maps before its log begins, and tzres.dll, mapped as a resource-only image,
+    # which the loader does not log. "native" and "builtin" modules both count.
+    names = set()
+    with open(os.path.join(a.fixtures, "..", "Support", "filters.xml")) as f:
+        names = set(re.findall(r'<File name="([^"]+)"', f.read().split("<Exclude>")[1]))
+    for program, args in [("C:\\windows\\system32\\reg.exe", ["query", "HKCU\\Software"]), (host, ["load", plugin])]:
+        env = dict(os.environ, WINEDEBUG="+loaddll")
+        for filtering in [["--no-filter"], []]:
+            r = run(a, ["trace", "--json", program] + filtering + args, env=env)
+            recorded = {d["folder"].lower() + "\\" + d["name"].lower() for d in json.loads(r.stdout)["bags"][0]["dependencies"]}
+            witness = loader_log(r.stderr).get(program.lower(), set())
+            if not filtering:
+                witness = {p for p in witness if p.rsplit("\\", 1)[1] not in names}
+            extra = {p.rsplit("\\", 1)[1] for p in recorded - witness}
+            expect((witness or not filtering) and witness <= recorded and extra <= {"ntdll.dll", "tzres.dll"},
+                   f"{program} {filtering}: loader {sorted(witness)} vs trace {sorted(recorded)}")
+        expect(recorded == ({plugin.lower()} if program == host else set()), f"{program}: filtered {recorded}")
+
+
 def main():
     ap = argparse.ArgumentParser()
     for option in ["--emulator", "--tool", "--dump", "--prefix", "--fixtures"]:
         ap.add_argument(option, required=True)
-    ap.add_argument("case", choices=["json", "table", "exits", "script", "hostile"])
+    ap.add_argument("case", choices=["json", "table", "exits", "script", "hostile", "trace"])
     a = ap.parse_args()
     globals()["case_" + a.case](a)
     print(f"{0 if failures else 1} passed, {len(failures)} failed")
