@@ -183,6 +183,7 @@ int run_trace(const server_dll& dll, const options& o) {
         ~output_swap() { SetStdHandle(STD_OUTPUT_HANDLE, document); }
     } swap(o.json);
 
+    const ULONGLONG made = GetTickCount64();
     const std::set<DWORD> before = ProcessIds();
     qv::com_ptr<IClassFactory> factory;
     check_hr(dll.factory(CLSID_DepChecker, factory.put()));
@@ -196,6 +197,7 @@ int run_trace(const server_dll& dll, const options& o) {
             err("qvscan: the dynamic scanner cannot be made: " + describe(created) + "\n");
         return ExitFailed;
     }
+    const ULONGLONG engineUp = GetTickCount64() - made; // the engine started and connected
     HANDLE engine = FindOwnEngine(before);
 
     trace_sink sink(o.json);
@@ -266,6 +268,7 @@ int run_trace(const server_dll& dll, const options& o) {
             DispatchMessageW(&message);
     }
     SetConsoleCtrlHandler(OnConsoleControl, FALSE);
+    const ULONGLONG ran = GetTickCount64() - start;
 
     qv::com_ptr<IDepFileBags> bags;
     check_hr(checker->get_Dependencies(bags.put()));
@@ -303,7 +306,8 @@ int run_trace(const server_dll& dll, const options& o) {
     if (o.json) {
         std::string s = "{\n  \"" + std::string(trace ? "application" : "process") +
                         "\": " + (trace ? json_string(application) : std::to_string(o.processId)) +
-                        ",\n  \"ended\": \"" + ended + "\",\n  \"children\": [";
+                        ",\n  \"ended\": \"" + ended + "\",\n  \"engineStartMs\": " + std::to_string(engineUp) +
+                        ",\n  \"runMs\": " + std::to_string(ran) + ",\n  \"children\": [";
         for (size_t i = 0; i < sink.children.size(); ++i)
             s += (i ? ", " : "") + std::to_string(sink.children[i]);
         s += "],\n  \"bags\": [";
