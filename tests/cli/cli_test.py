@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The command-line host as a person and a pipeline use it, checked on the Linux side. CASE: json (real
 programs against an independent reading of their import tables; the fixture tree record by record), table,
-exits (usage errors, exit codes, messages), script (a JScript client through the registration entries), hostile
+exits (usage errors, exit codes, messages), script (JScript and VBScript clients through the registration entries), hostile
 (files rewritten under the scan, Linux paths Windows cannot spell, .dep companions), trace (dynamic scans against
 the loader's own log of the same run)."""
 import re
@@ -188,6 +188,15 @@ def case_script(a):
         out = subprocess.run(client, capture_output=True, text=True, env=env).stdout.replace("\r", "")
         expect("name=kernel32.dll;path=C:\\windows\\system32;major=" in out and "text=true" in out, f"script {out!r}")
         expect("major=" in out and int(out.split("major=")[1].split()[0]) > 0, "the version came through IDispatch")
+        # A VBScript client of the dynamic scanner, its events through WScript.CreateObject's prefix.
+        with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "dep_checker_client.vbs")) as f:
+            vbs = f.read().replace("HOST", win(a.fixtures + "/trace/host.exe"))
+        with open(os.path.join(tmp, "client.vbs"), "w") as f:
+            f.write(vbs.replace("PLUGIN", win(a.fixtures + "/trace/plugins/plugin.dll")))
+        r = subprocess.run([a.emulator, a.script_host, win(tmp + "/client.vbs")], capture_output=True, text=True,
+                           env=env, timeout=120)
+        expect(r.returncode == 7 and r.stdout.strip() == "finished=True found=plugin.dll; children=1 running=False bags=1",
+               f"VBScript client: {r.returncode} {r.stdout!r}")
         expect(run(a, ["unregister"], env=env).returncode == 0, "unregister")
         out = subprocess.run(client, capture_output=True, text=True, env=env).stdout
         expect("error=" in out and "name=" not in out, f"after unregister: {out!r}")
@@ -269,7 +278,7 @@ def case_trace(a):
 
 def main():
     ap = argparse.ArgumentParser()
-    for option in ["--emulator", "--tool", "--dump", "--prefix", "--fixtures"]:
+    for option in ["--emulator", "--tool", "--dump", "--prefix", "--fixtures", "--script-host"]:
         ap.add_argument(option, required=True)
     ap.add_argument("case", choices=["json", "table", "exits", "script", "hostile", "trace"])
     a = ap.parse_args()

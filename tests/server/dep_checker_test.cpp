@@ -24,23 +24,21 @@ namespace {
 
 std::wstring trace_fixture(const std::wstring& rel) { return fixture(L"trace\\" + rel); }
 
-// The display names of the item monikers in the running object table ("!{GUID}" for an engine).
-std::set<std::wstring> running_objects() {
-    std::set<std::wstring> names;
+// The objects of the running object table by their monikers' display names ("!{GUID}" for an engine).
+std::map<std::wstring, com_ptr<IUnknown>> running_objects() {
+    std::map<std::wstring, com_ptr<IUnknown>> objects;
     com_ptr<IRunningObjectTable> table;
     com_ptr<IEnumMoniker> monikers;
-    if (FAILED(GetRunningObjectTable(0, table.put())) || FAILED(table->EnumRunning(monikers.put())))
-        return names;
     com_ptr<IBindCtx> context;
-    CreateBindCtx(0, context.put());
+    if (FAILED(GetRunningObjectTable(0, table.put())) || FAILED(table->EnumRunning(monikers.put())) ||
+        FAILED(CreateBindCtx(0, context.put())))
+        return objects;
     for (com_ptr<IMoniker> m; monikers->Next(1, m.put(), nullptr) == S_OK;) {
         LPOLESTR name = nullptr;
-        if (SUCCEEDED(m->GetDisplayName(context.get(), nullptr, &name))) {
-            names.insert(name);
-            CoTaskMemFree(name);
-        }
+        if (SUCCEEDED(m->GetDisplayName(context.get(), nullptr, &name)))
+            table->GetObject(m.get(), objects[name].put()), CoTaskMemFree(name);
     }
-    return names;
+    return objects;
 }
 
 // Counts the processes of the given names, in lower case.
@@ -68,45 +66,31 @@ struct checker {
 
     checker() {
         events.events_iid = DIID__IDepCheckerEvents;
-        const std::set<std::wstring> before = running_objects();
+        const auto before = running_objects();
         EXPECT_EQ(server().Create(CLSID_DepChecker, nullptr, IID_IDepCheckerTarn, object.put_void()), S_OK);
         if (!object)
             return;
-        for (const std::wstring& name : running_objects()) {
-            com_ptr<IMoniker> moniker;
-            com_ptr<IRunningObjectTable> table;
-            if (!before.count(name) && name.starts_with(L"!") &&
-                SUCCEEDED(CreateItemMoniker(L"!", name.substr(1).c_str(), moniker.put())) &&
-                SUCCEEDED(GetRunningObjectTable(0, table.put()))) {
-                com_ptr<IUnknown> found;
-                if (SUCCEEDED(table->GetObject(moniker.get(), found.put())))
-                    engine = found.query<IDispatch>(IID_IDispatch);
-            }
-        }
+        for (const auto& [name, found] : running_objects())
+            if (!before.count(name) && name.starts_with(L"!"))
+                engine = found.query<IDispatch>(IID_IDispatch);
         EXPECT_TRUE(engine) << "the new engine is in the running object table";
         auto container = object.query<IConnectionPointContainer>(IID_IConnectionPointContainer);
         EXPECT_EQ(container->FindConnectionPoint(DIID__IDepCheckerEvents, point.put()), S_OK);
         EXPECT_EQ(point->Advise(&events, &cookie), S_OK);
     }
-    ~checker() {
-        if (point)
-            EXPECT_EQ(point->Unadvise(cookie), S_OK);
-    }
+    ~checker() { EXPECT_TRUE(!point || point->Unadvise(cookie) == S_OK); }
 
     // The engine fires each event; a last ChildProcessExit with a number of its own tells when all came.
-    void report(const std::vector<std::pair<long, std::wstring>>& reported) {
+    void report(std::vector<std::pair<long, std::wstring>> reported) {
+        const std::wstring mark = std::to_wstring(900000 + ++marks);
+        reported.emplace_back(5, mark);
         for (const auto& [kind, text] : reported) {
-            VARIANT arguments[2] = {number(kind), {}};
-            V_VT(&arguments[1]) = VT_BSTR, V_BSTR(&arguments[1]) = SysAllocString(text.c_str());
-            std::swap(arguments[0], arguments[1]); // rgvarg takes them last to first
+            VARIANT arguments[2] = {{}, number(kind)}; // rgvarg takes them last to first
+            V_VT(&arguments[0]) = VT_BSTR, V_BSTR(&arguments[0]) = SysAllocString(text.c_str());
             DISPPARAMS params{arguments, nullptr, 2, 0};
             EXPECT_EQ(engine->Invoke(100, IID_NULL, 0, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr), S_OK);
             VariantClear(&arguments[0]);
         }
-        const std::wstring mark = std::to_wstring(900000 + ++marks);
-        VARIANT arguments[2] = {number(900000 + marks), number(5)};
-        DISPPARAMS params{arguments, nullptr, 2, 0};
-        engine->Invoke(100, IID_NULL, 0, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr);
         EXPECT_TRUE(pump_until([&] { return !events.events.empty() && events.events.back().second == mark; }));
         events.events.pop_back();
     }

@@ -15,10 +15,10 @@
 
 namespace qv::test {
 
-struct event_recorder : IDispatch {
-    std::vector<std::pair<DISPID, std::wstring>> events;
-    IID events_iid = IID_IDispatch; // the outgoing interface answered besides IDispatch
-
+// IDispatch of an object that lives as long as its client needs it: no counting, no type information; it
+// answers IUnknown, IDispatch and events_iid.
+struct static_dispatch : IDispatch {
+    IID events_iid = IID_IDispatch;
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
         *ppv = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) || IsEqualIID(iid, events_iid) ? this
                                                                                                            : nullptr;
@@ -29,6 +29,11 @@ struct event_recorder : IDispatch {
     HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* n) override { return *n = 0, S_OK; }
     HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
+};
+
+struct event_recorder : static_dispatch {
+    std::vector<std::pair<DISPID, std::wstring>> events;
+
     HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* p, VARIANT*, EXCEPINFO*, UINT*) override {
         const VARIANT* first = p && p->cArgs ? &p->rgvarg[p->cArgs - 1] : nullptr;
         std::wstring text;
