@@ -4,8 +4,7 @@ programs against an independent reading of their import tables; the fixture tree
 exits (usage errors, exit codes, messages), script (JScript and VBScript clients through the registration entries), hostile
 (files rewritten under the scan, Linux paths Windows cannot spell, .dep companions), trace (dynamic scans against
 the loader's own log of the same run)."""
-import re
-import argparse, json, os, shutil, struct, subprocess, sys, tempfile, threading
+import argparse, json, os, re, shutil, struct, subprocess, sys, tempfile, threading, time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "static"))
 import check_walk  # noqa: E402  (the independent objdump reading of import tables)
@@ -249,6 +248,14 @@ def case_trace(a):
            and "time-out of 1 s" in r.stderr, f"time-out: {r.returncode} {r.stderr!r}")
     r = run(a, ["trace", host], env=dict(os.environ, QV_PROGRAMS_DIR="C:\\no engine here"))
     expect(r.returncode == 1 and "C:\\no engine here\\TraceHost64.exe" in r.stderr, f"no engine: {r.stderr!r}")
+    # An engine killed in the middle: the tool notices by the engine's process, says so, and lists what came.
+    tracer = subprocess.Popen([a.emulator, a.tool, "trace", host, "load", plugin, "sleep", "60000"], text=True,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, errors="replace")
+    time.sleep(4)
+    subprocess.run([a.emulator, "taskkill.exe", "/f", "/im", "TraceHost64.exe"], capture_output=True)
+    out, errors = tracer.communicate(timeout=60)
+    expect(tracer.returncode == 1 and "debug engine ended before the target" in errors and plugin in out,
+           f"engine killed: {tracer.returncode} {errors!r}")
     for args, code, text in [(["trace"], 2, "needs an APP"), (["trace", "C:\\no\\app.exe"], 3, "no such file"),
                              (["trace", host, "--timeout", "0"], 2, "--timeout wants"),
                              (["attach", "12x"], 2, "wants a process ID"), (["attach", "4000000000"], 3, "no process"),
