@@ -49,11 +49,9 @@ int processes_named(std::set<std::wstring> names) {
     return n;
 }
 
-VARIANT number(long value) {
-    VARIANT v;
-    V_VT(&v) = VT_I4, V_I4(&v) = value;
-    return v;
-}
+VARIANT number(long value) { return index_of(value); } // a VT_I4
+
+using bag_map = std::map<std::wstring, std::map<std::wstring, std::wstring>>; // tag -> key -> marks
 
 // One checker with its engine, its events recorded.
 struct checker {
@@ -97,8 +95,8 @@ struct checker {
 
     // Each bag's tag and its files' keys in lower case, with the marks F (filterable), G (merge module),
     // M (missing) and R (self-registering) of each record.
-    std::map<std::wstring, std::map<std::wstring, std::wstring>> bags() {
-        std::map<std::wstring, std::map<std::wstring, std::wstring>> out;
+    bag_map bags() {
+        bag_map out;
         com_ptr<IDepFileBags> all;
         long count = 0;
         EXPECT_EQ(object->get_Dependencies(all.put()), S_OK);
@@ -109,17 +107,11 @@ struct checker {
             qv::bstr tag;
             all->get_Item(index_of(i), bag.put());
             bag->get_TagName(tag.put()), bag->get_Files(files.put());
-            auto& keyed = out[tag.str()];
-            long n = 0;
-            files->get_Count(&n);
-            for (long k = 1; k <= n; ++k) {
-                com_ptr<IDepFile> file;
-                files->get_Item(index_of(k), file.put());
-                const record r = read(file.get());
-                std::wstring key = r.module ? r.path : lower(r.path.empty() ? r.name : r.path + L"\\" + r.name);
-                keyed[key] = std::wstring(r.filterable ? L"F" : L"") + (r.module ? L"G" : L"") +
-                             (r.missing ? L"M" : L"") + (r.selfReg ? L"R" : L"");
-            }
+            out[tag.str()]; // an empty bag too
+            for (const auto& [name, r] : records(files.get()))
+                out[tag.str()][r.module ? r.path : lower(r.path.empty() ? r.name : r.path + L"\\" + r.name)] =
+                    std::wstring(r.filterable ? L"F" : L"") + (r.module ? L"G" : L"") + (r.missing ? L"M" : L"") +
+                    (r.selfReg ? L"R" : L"");
         }
         return out;
     }
@@ -129,8 +121,6 @@ struct checker {
         return text.get() ? text.str() : L"(null)";
     }
 };
-
-using bag_map = std::map<std::wstring, std::map<std::wstring, std::wstring>>;
 
 class DepChecker : public ::testing::Test {
 protected:
