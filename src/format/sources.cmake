@@ -4,4 +4,5 @@ set(QV_FORMAT_SOURCES
     pe/pe_image.cpp
     pe/section_map.cpp
     pe/resources.cpp
-    ini/ini_text.cpp)
+    ini/ini_text.cpp
+    metadata/metadata.cpp)

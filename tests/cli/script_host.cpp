@@ -34,8 +34,8 @@ struct event_sink : qv::test::static_dispatch {
     HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT*, EXCEPINFO*,
                                      UINT*) override {
         BSTR name = nullptr;
-        UINT got = 0;
         IDispatch* code = nullptr;
+        UINT got = 0;
         if (FAILED(events->GetNames(id, &name, 1, &got)) || !got || FAILED(g_script->GetScriptDispatch(nullptr, &code)))
             return S_OK;
         std::wstring sub = prefix + name;
@@ -52,7 +52,7 @@ struct event_sink : qv::test::static_dispatch {
 // Connects the prefix's events of object: the default source interface of the coclass that lists the
 // interface the object's type information describes.
 void Connect(IDispatch* object, const std::wstring& prefix) {
-    ITypeInfo* own = nullptr;
+    ITypeInfo* own = nullptr; // the references of this short-lived host are never released
     ITypeLib* library = nullptr;
     TYPEATTR* ownAttributes = nullptr;
     UINT index = 0;
@@ -81,12 +81,13 @@ void Connect(IDispatch* object, const std::wstring& prefix) {
         }
         if (source && implements) {
             TYPEATTR* events = nullptr;
-            source->GetTypeAttr(&events);
             auto* sink = new event_sink;
-            sink->events_iid = events->guid, sink->events = source, sink->prefix = prefix;
+            sink->events = source, sink->prefix = prefix;
             IConnectionPointContainer* container = nullptr;
             IConnectionPoint* point = nullptr;
             DWORD cookie = 0;
+            if (SUCCEEDED(source->GetTypeAttr(&events)))
+                sink->events_iid = events->guid;
             if (SUCCEEDED(
                     object->QueryInterface(IID_IConnectionPointContainer, reinterpret_cast<void**>(&container))) &&
                 SUCCEEDED(container->FindConnectionPoint(sink->events_iid, &point)))
@@ -149,15 +150,13 @@ struct site : IActiveScriptSite {
     ULONG STDMETHODCALLTYPE Release() override { return 1; }
     HRESULT STDMETHODCALLTYPE GetLCID(LCID*) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE GetItemInfo(LPCOLESTR, DWORD mask, IUnknown** item, ITypeInfo** info) override {
-        if (mask & SCRIPTINFO_ITYPEINFO)
-            *info = nullptr;
-        if (mask & SCRIPTINFO_IUNKNOWN)
-            *item = &g_wscript;
-        return S_OK;
+        return (mask & SCRIPTINFO_ITYPEINFO ? *info = nullptr : nullptr), (mask & SCRIPTINFO_IUNKNOWN ? *item = &g_wscript : nullptr), S_OK;
     }
     HRESULT STDMETHODCALLTYPE GetDocVersionString(BSTR*) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE OnScriptTerminate(const VARIANT*, const EXCEPINFO*) override { return S_OK; }
     HRESULT STDMETHODCALLTYPE OnStateChange(SCRIPTSTATE) override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE OnEnterScript() override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE OnLeaveScript() override { return S_OK; }
     HRESULT STDMETHODCALLTYPE OnScriptError(IActiveScriptError* error) override {
         EXCEPINFO info{};
         DWORD context = 0;
@@ -168,8 +167,6 @@ struct site : IActiveScriptSite {
             g_failed = std::printf("script error, line %lu: %ls\n", line + 1, info.bstrDescription) > 0;
         return S_OK;
     }
-    HRESULT STDMETHODCALLTYPE OnEnterScript() override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE OnLeaveScript() override { return S_OK; }
 } g_site;
 
 } // namespace

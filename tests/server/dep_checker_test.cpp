@@ -41,11 +41,18 @@ std::map<std::wstring, com_ptr<IUnknown>> running_objects() {
     return objects;
 }
 
-// Counts the processes of the given names, in lower case.
+// Counts the processes of the given names (in lower case) that this test started: its children, and the
+// children of its engines. Other tests' processes in the same prefix do not count.
 int processes_named(std::set<std::wstring> names) {
+    const auto tree = qv::detail::ReadProcessTree(false);
+    const DWORD self = GetCurrentProcessId();
+    auto ours = [&](DWORD parent) {
+        const auto up = tree.find(parent);
+        return parent == self || (up != tree.end() && up->second.parent == self && lower(up->second.name) == L"tracehost64.exe");
+    };
     int n = 0;
-    for (const auto& [id, entry] : qv::detail::ReadProcessTree(false))
-        n += names.count(lower(entry.name)) > 0;
+    for (const auto& [id, entry] : tree)
+        n += names.count(lower(entry.name)) > 0 && ours(entry.parent);
     return n;
 }
 
@@ -109,7 +116,7 @@ struct checker {
             bag->get_TagName(tag.put()), bag->get_Files(files.put());
             out[tag.str()]; // an empty bag too
             for (const auto& [name, r] : records(files.get()))
-                out[tag.str()][r.module ? r.path : lower(r.path.empty() ? r.name : r.path + L"\\" + r.name)] =
+                out[tag.str()][r.module ? r.name + L"@" + r.path : lower(r.path.empty() ? r.name : r.path + L"\\" + r.name)] =
                     std::wstring(r.filterable ? L"F" : L"") + (r.module ? L"G" : L"") + (r.missing ? L"M" : L"") +
                     (r.selfReg ? L"R" : L"");
         }
@@ -117,8 +124,7 @@ struct checker {
     }
     std::wstring tag() {
         qv::bstr text;
-        EXPECT_EQ(object->get_CurrentTagName(text.put()), S_OK);
-        return text.get() ? text.str() : L"(null)";
+        return object->get_CurrentTagName(text.put()) != S_OK ? L"(failed)" : text.get() ? text.str() : L"(null)";
     }
 };
 
@@ -137,10 +143,8 @@ TEST_F(DepChecker, TagsStartBagsButNeverReturnToThemAndResetLeavesOneEmptyBag) {
     checker c;
     ASSERT_TRUE(c.engine);
     VARIANT_BOOL monitoring = 0, filtering = 0, running = 7;
-    EXPECT_TRUE(c.object->get_Monitoring(&monitoring) == S_OK && monitoring == VARIANT_TRUE);
-    EXPECT_TRUE(c.object->get_Filtering(&filtering) == S_OK && filtering == VARIANT_TRUE);
-    EXPECT_TRUE(c.object->get_ApplicationRunning(&running) == S_OK && running == 0);
-    EXPECT_EQ(c.tag(), L"(null)");
+    c.object->get_Monitoring(&monitoring), c.object->get_Filtering(&filtering), c.object->get_ApplicationRunning(&running);
+    EXPECT_TRUE(monitoring == VARIANT_TRUE && filtering == VARIANT_TRUE && running == 0 && c.tag() == L"(null)");
     EXPECT_EQ(c.bags(), (bag_map{{L"", {}}}));
 
     // B starts a bag, A another; B again changes the tag but records keep going to A.
@@ -162,8 +166,7 @@ TEST_F(DepChecker, TagsStartBagsButNeverReturnToThemAndResetLeavesOneEmptyBag) {
     c.report({{1, plugin}});
     EXPECT_EQ(c.bags()[L"A"], (std::map<std::wstring, std::wstring>{{other, L""}, {lower(plugin), L"R"}}));
 
-    EXPECT_EQ(c.object->reset(), S_OK);
-    EXPECT_EQ(c.tag(), L"");
+    EXPECT_TRUE(c.object->reset() == S_OK && c.tag() == L"");
     EXPECT_EQ(c.bags(), (bag_map{{L"", {}}}));
     c.report({{1, plugin}});
     EXPECT_EQ(c.bags(), (bag_map{{L"", {{lower(plugin), L"R"}}}}));
@@ -192,7 +195,7 @@ TEST_F(DepChecker, EachReportIsRecordedOnceUnlessExcludedFilteredOrInAMergeModul
         {"one key per bag, whatever the case", -1, false, {{1, plugin}, {1, lower(plugin)}}, {{lower(plugin), L"R"}}, 1},
         {"an empty path is a path, of a missing file", -1, false, {{1, L""}}, {{L"", L"M"}}, 1},
         {"unloads and children change no bag", -1, false, {{2, plugin}, {4, L"77"}, {5, L"77"}}, {}, 0, 2},
-        {"a merge module enters once under its key", 0, true, {{1, plugin}, {1, second}}, {{L"Plugins.msm", L"GR"}}, 1},
+        {"a merge module enters once under its key", 0, true, {{1, plugin}, {1, second}}, {{L"The plug-ins@Plugins.msm", L"GR"}}, 1},
     };
     checker c;
     ASSERT_TRUE(c.engine);
@@ -256,6 +259,10 @@ TEST_F(DepChecker, AttachTerminateAndTheEnginesAbsence) {
         // A process that does not exist: the engine gives up, and says the application finished.
         EXPECT_EQ(c.object->AttachProcess(0x7FFFFFF0), S_OK);
         ASSERT_TRUE(pump_until([&] { return c.events.count(2) > 0; }));
+        // Its own client is not debugged (that would stop the thread that takes the events): the same end.
+        EXPECT_EQ(c.object->AttachProcess(static_cast<long>(GetCurrentProcessId())), S_OK);
+        ASSERT_TRUE(pump_until([&] { return c.events.count(2) > 1; }));
+        c.events.events.clear();
         // A running one: attached, not marked running; Terminate ends it and the end is told once.
         ASSERT_EQ(qv::LaunchAndWait(L"", L"\"" + host + L"\" load \"" + plugin + L"\" sleep 20000", L"", 0, 0, SW_HIDE,
                                     0, L"open"),
@@ -267,7 +274,7 @@ TEST_F(DepChecker, AttachTerminateAndTheEnginesAbsence) {
         EXPECT_TRUE(c.object->get_ApplicationRunning(&running) == S_OK && running == 0);
         ASSERT_TRUE(pump_until([&] { return c.bags()[L""].count(lower(plugin)) > 0; })) << "loaded modules replayed";
         EXPECT_EQ(c.object->Terminate(), S_OK);
-        ASSERT_TRUE(pump_until([&] { return c.events.count(2) == 2; }));
+        ASSERT_TRUE(pump_until([&] { return c.events.count(2) == 1; }));
         EXPECT_EQ(processes_named({L"host.exe"}), 0);
 
         // The connection points: the filter's takes connections and never calls; cookies are checked.
@@ -277,11 +284,10 @@ TEST_F(DepChecker, AttachTerminateAndTheEnginesAbsence) {
         ULONG fetched = 0;
         auto container = c.object.query<IConnectionPointContainer>(IID_IConnectionPointContainer);
         EXPECT_EQ(container->FindConnectionPoint(DIID__IDepCheckerFilter, filterPoint.put()), S_OK);
-        EXPECT_EQ(container->EnumConnectionPoints(points.put()), S_OK);
-        EXPECT_EQ(points->Next(3, got, &fetched), S_FALSE);
-        EXPECT_EQ(fetched, 2u);
+        EXPECT_TRUE(container->EnumConnectionPoints(points.put()) == S_OK && points->Next(3, got, &fetched) == S_FALSE);
         for (ULONG i = 0; i < fetched; ++i)
             got[i]->Release();
+        EXPECT_EQ(fetched, 2u);
         event_recorder plain; // answers IDispatch only
         DWORD cookie = 0;
         EXPECT_EQ(c.point->Advise(&plain, &cookie), CONNECT_E_CANNOTCONNECT);

@@ -660,11 +660,11 @@ TEST(SectionLoader, SectionsAndEntriesByNameAndNumberThroughTheInterface) {
                   GetProcAddress(GetModuleHandleW(L"SectionLoader.dll"), "DllCanUnloadNow")))(), S_OK);
 }
 
-// Ends every spawn.exe and pstores.exe still running, so that no test leaves a process behind; their count.
+// Ends every tree.exe and pstores.exe still running, so that no test leaves a process behind; their count.
 int EndLeftProcesses() {
     int ended = 0;
     for (const auto& [id, entry] : qv::detail::ReadProcessTree(false)) {
-        if (lower(entry.name) != L"spawn.exe" && lower(entry.name) != L"pstores.exe")
+        if (lower(entry.name) != L"tree.exe" && lower(entry.name) != L"pstores.exe")
             continue;
         HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id);
         ended += process && TerminateProcess(process, 99) && WaitForSingleObject(process, 5000) == WAIT_OBJECT_0;
@@ -675,7 +675,9 @@ int EndLeftProcesses() {
 
 TEST(Launcher, SetupProgramsTheirChildrenGrandchildrenAndTimeOuts) {
     temp_dir dir;
-    const wstring spawn = fixture(L"launch\\spawn.exe"), pstores = dir.copy(spawn, L"pstores.exe");
+    // host.exe under names of their own, apart from the dynamic scan's tests that may run meanwhile.
+    const wstring spawn = dir.copy(fixture(L"trace\\host.exe"), L"tree.exe") + L" spawn",
+                  pstores = dir.copy(fixture(L"trace\\host.exe"), L"pstores.exe") + L" spawn";
     // (command line, flags, time-out) -> result, exit code kept, processes left running.
     const struct { wstring line; DWORD flags, timeout; int result; DWORD code; int left; } rows[] = {
         {spawn + L" 0 1 " + spawn + L" 600 7", 2, INFINITE, 0, 7, 0},                      // the child's code
