@@ -172,9 +172,7 @@ struct site : IActiveScriptSite {
 } // namespace
 
 int wmain(int argc, wchar_t** argv) {
-    if (argc != 2)
-        return std::printf("usage: script_host FILE.vbs\n"), 2;
-    std::ifstream file(argv[1], std::ios::binary);
+    std::ifstream file(argc == 2 ? argv[1] : L"", std::ios::binary);
     const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
     std::wstring text(bytes.size(), L'\0');
     text.resize(MultiByteToWideChar(CP_UTF8, 0, bytes.data(), static_cast<int>(bytes.size()), text.data(),

@@ -13,19 +13,15 @@
 
 namespace {
 
-std::string run(const std::string& command) {
-    std::string output;
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    for (char buffer[65536]; pipe && !std::feof(pipe.get());)
-        output.append(buffer, std::fread(buffer, 1, sizeof buffer, pipe.get()));
-    return output;
-}
-
 // What monodis prints of the references, one line per reference: "version name flags key-bytes" for
 // --assemblyref, the name for --moduleref.
 std::vector<std::string> monodis(const std::string& option, const std::string& path) {
     std::vector<std::string> refs;
-    std::istringstream lines(run("monodis " + option + " '" + path + "' 2>/dev/null"));
+    std::string output;
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(("monodis " + option + " '" + path + "' 2>/dev/null").c_str(), "r"), pclose);
+    for (char buffer[65536]; pipe && !std::feof(pipe.get());)
+        output.append(buffer, std::fread(buffer, 1, sizeof buffer, pipe.get()));
+    std::istringstream lines(output);
     for (std::string line; std::getline(lines, line);) {
         const auto at = line.find(": ");
         if (option == "--moduleref" && at != std::string::npos && line.rfind("ModuleRef", 0) != 0)

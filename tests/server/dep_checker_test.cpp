@@ -14,6 +14,7 @@
 
 #include <olectl.h>
 
+#include <algorithm>
 #include <map>
 #include <set>
 
@@ -50,10 +51,7 @@ int processes_named(std::set<std::wstring> names) {
         const auto up = tree.find(parent);
         return parent == self || (up != tree.end() && up->second.parent == self && lower(up->second.name) == L"tracehost64.exe");
     };
-    int n = 0;
-    for (const auto& [id, entry] : tree)
-        n += names.count(lower(entry.name)) > 0 && ours(entry.parent);
-    return n;
+    return int(std::count_if(tree.begin(), tree.end(), [&](auto& e) { return names.count(lower(e.second.name)) && ours(e.second.parent); }));
 }
 
 VARIANT number(long value) { return index_of(value); } // a VT_I4

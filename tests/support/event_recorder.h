@@ -5,6 +5,7 @@
 
 #include "QVWIScanners.h"
 #include "inc/com_ptr.h"
+#include "test_support.h"
 
 #include <windows.h>
 
@@ -38,7 +39,7 @@ struct event_recorder : static_dispatch {
         const VARIANT* first = p && p->cArgs ? &p->rgvarg[p->cArgs - 1] : nullptr;
         std::wstring text;
         if (first && V_VT(first) == VT_BSTR)
-            text = low(V_BSTR(first) ? V_BSTR(first) : L"");
+            text = lower(V_BSTR(first) ? V_BSTR(first) : L"");
         else if (first && V_VT(first) == VT_I4)
             text = std::to_wstring(V_I4(first));
         else if (first && V_VT(first) == VT_DISPATCH && V_DISPATCH(first)) {
@@ -46,18 +47,13 @@ struct event_recorder : static_dispatch {
             qv::bstr name, path;
             if (SUCCEEDED(V_DISPATCH(first)->QueryInterface(IID_IDepFile, file.put_void())) &&
                 SUCCEEDED(file->get_Name(name.put())) && SUCCEEDED(file->get_Path(path.put())))
-                text = low(path.str() + (path.empty() ? L"" : L"\\") + name.str());
+                text = lower(path.str() + (path.empty() ? L"" : L"\\") + name.str());
         }
         events.emplace_back(id, text);
         return S_OK;
     }
     size_t count(DISPID id) const {
         return std::count_if(events.begin(), events.end(), [&](auto& e) { return e.first == id; });
-    }
-    static std::wstring low(std::wstring text) {
-        if (!text.empty())
-            CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
-        return text;
     }
 };
 
