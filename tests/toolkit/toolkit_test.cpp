@@ -19,6 +19,7 @@
 #include "toolkit/probes.h"
 #include "toolkit/version_info.h"
 #include "traits/project_traits.h"
+#include "traits/settings_document.h"
 
 #include <gtest/gtest.h>
 
@@ -562,7 +563,8 @@ TEST_F(Companion, ServicesStrongNameAndResultGroups) {
 
 
 // One output line (into the file args[0]) per command: "commonfiles|<folder>" (in the most bytes read), "get|<name>"
-// (<hr> <its programs folder>), "filter" (<hr>), "folders" (<entry> lines, then whether kept after a change of Path).
+// (<hr> <its programs folder>), "filter" (<hr>), "folders" (<entry> lines, then whether kept after a change of Path),
+// "exclusions|<settings text>" (the text made the settings document; <hr> and the exclusion set as <entry>s).
 int RunChild(const std::vector<wstring>& args) {
     wstring out;
     com_apartment apartment;
@@ -577,7 +579,17 @@ int RunChild(const std::vector<wstring>& args) {
                                          L"CommonFilesDir", REG_SZ, (name + wstring(MAX_PATH, L'\0')).data(), MAX_PATH * 2);
         if (verb == L"get" && SUCCEEDED(hr = CoCreateFromLibrary(name, CLSID_QvAppServices, IID_IQvAppServices, services.put())))
             hr = services->GetProgramsFolder(folder.put());
-        if (verb == L"folders") {
+        if (verb == L"exclusions") {
+            const wstring settings = qv::DirectoryPart(args[0]) + L"\\settings" + std::to_wstring(i) + L".xml";
+            std::FILE* f = _wfopen(settings.c_str(), L"wb");
+            const std::string text = narrow(name);
+            fwrite(text.data(), 1, text.size(), f), fclose(f);
+            SetEnvironmentVariableW(L"QV_SETTINGS_PATH", settings.c_str());
+            out += Hex(Thrown([] { qv::LoadExclusionList(); }));
+            for (const wstring& entry : qv::ExclusionList())
+                out += L" <" + entry + L">";
+            out += L"\n";
+        } else if (verb == L"folders") {
             const std::vector<wstring> first = qv::GetSearchFolders();
             for (const wstring& entry : first)
                 out += L"<" + entry + L">\n";
@@ -725,6 +737,16 @@ TEST(Children, SearchFoldersOfTheirOwnPathExpandedAndKept) {
     env_scope qvx(L"QVX", L"C:\\qv x"), path(L"Path", L"a;;%QVX%;b;%QVX%\\bin;%QVX_UNSET%;");
     ExpectChild({}, {L"folders"}, {L"<a>", L"<>", L"<C:\\qv x>", L"<b>", L"<C:\\qv x\\bin>", L"<%QVX_UNSET%>", L"kept"});
     ExpectChild({}, {L"filter"}, {kMissing}); // the filter without the services library
+}
+
+// The exclusion list: lists add up, a text is kept once whatever its case, an entry without Path is the empty
+// text; a failed read is tried again, a successful one never (the next document is not read).
+TEST(Children, ExclusionListReadOnceFromTheSettingsDocument) {
+    const wstring lists = L"<Halyard><Scanners><DotNetExclusionList><F Path='C:\\A'/><F Path='c:\\a'/><F/>"
+                          L"</DotNetExclusionList><DotNetExclusionList><F Path='D:\\B'/></DotNetExclusionList></Scanners></Halyard>";
+    ExpectChild({L"{T}\\root\\one\\two\\app"}, {L"exclusions|<Halyard", L"exclusions|" + lists, L"exclusions|<Halyard/>"},
+                {L"80004005", L"00000000 <> <C:\\A> <D:\\B>", L"00000000 <> <C:\\A> <D:\\B>"});
+    ExpectChild({L"{T}\\root\\one\\two\\app"}, {L"exclusions|<Halyard><Scanners/></Halyard>"}, {L"00000000"});
 }
 
 TEST(Children, SiblingLadderFirstExistingFolderWins) {
