@@ -339,6 +339,13 @@ std::string not_a_file(const std::wstring& path) {
     return describe(HRESULT_FROM_WIN32(error));
 }
 
+// The value after option argv[i], which i then points at; a usage error when there is none.
+std::wstring option_value(int argc, wchar_t** argv, int& i, const char* option) {
+    if (i + 1 >= argc)
+        throw usage_error{std::string(option) + " needs a value"};
+    return argv[++i];
+}
+
 // trace APP [ARGS...] and attach PID: the tool's options may stand anywhere before a "--"; the other
 // arguments after APP, and everything after "--", are the target's.
 options parse_trace(options& o, int argc, wchar_t** argv) {
@@ -347,11 +354,7 @@ options parse_trace(options& o, int argc, wchar_t** argv) {
     std::wstring target;
     for (int i = 2; i < argc; ++i) {
         std::wstring a = argv[i];
-        auto value = [&](const char* name) {
-            if (i + 1 >= argc)
-                throw usage_error{std::string(name) + " needs a value"};
-            return std::wstring(argv[++i]);
-        };
+        auto value = [&](const char* name) { return option_value(argc, argv, i, name); };
         if (!rest && a == L"--") {
             rest = true;
         } else if (!rest && a == L"--json") {
@@ -418,11 +421,7 @@ options parse(int argc, wchar_t** argv) {
         throw usage_error{"unknown command '" + utf8(o.command) + "'"};
     for (int i = 2; i < argc; ++i) {
         std::wstring a = argv[i];
-        auto value = [&](const char* name) {
-            if (i + 1 >= argc)
-                throw usage_error{std::string(name) + " needs a value"};
-            return std::wstring(argv[++i]);
-        };
+        auto value = [&](const char* name) { return option_value(argc, argv, i, name); };
         if (o.command != L"ini" && scans && a == L"--json") {
             o.json = true;
         } else if (o.command == L"static" && a == L"--lang") {

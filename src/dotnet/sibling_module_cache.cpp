@@ -1,5 +1,7 @@
 #include "dotnet/sibling_module_cache.h"
 
+#include "inc/com_error.h"
+
 #include "inc/com_module.h"
 #include "inc/com_ptr.h"
 #include "inc/unique_handles.h"
@@ -167,4 +169,13 @@ HRESULT CoCreateFromLibrary(const std::wstring& fileName, REFCLSID clsid, REFIID
     if (!factory)
         return E_POINTER;
     return factory->CreateInstance(nullptr, iid, ppObject);
+}
+
+qv::com_ptr<IQvAppServices> AppServices(const std::wstring& what) {
+    qv::com_ptr<IQvAppServices> services;
+    const HRESULT hr =
+        CoCreateFromLibrary(L"QvAppServices.dll", CLSID_QvAppServices, IID_IQvAppServices, services.put());
+    if (FAILED(hr))
+        qv::throw_described(hr, L"cannot reach QvAppServices.dll, which tells where " + what + L" lies");
+    return services;
 }

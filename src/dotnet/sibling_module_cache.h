@@ -6,6 +6,9 @@
 // REGDB_E_CLASSNOTREG, as if the class were not registered.
 #pragma once
 
+#include "companions.h"
+#include "inc/com_ptr.h"
+
 #include <windows.h>
 
 #include <objbase.h>
@@ -52,6 +55,10 @@ private:
 // contexts 23 (in-process server and handler, local and remote server); otherwise the library's class
 // factory, CreateInstance without an outer object, then the factory's release. Returns the HRESULT.
 HRESULT CoCreateFromLibrary(const std::wstring& fileName, REFCLSID clsid, REFIID iid, void** ppObject);
+
+// The services object of QvAppServices.dll. Throws com_exception when the library cannot be reached,
+// saying that it is the one that tells where `what` lies.
+qv::com_ptr<IQvAppServices> AppServices(const std::wstring& what);
 
 // The same for one interface type, asked by its identifier.
 template <class T> HRESULT CoCreateFromLibrary(const std::wstring& fileName, REFCLSID clsid, REFIID iid, T** ppObject) {

@@ -15,14 +15,15 @@
 
 namespace {
 
-constexpr wchar_t kServicesLibrary[] = L"QvAppServices.dll";
-
 // The system names no dynamic scan records.
 constexpr const wchar_t* kSystemNames[] = {L"kernel32.dll", L"ntdll.dll",   L"user32.dll", L"gdi32.dll",
                                            L"advapi32.dll", L"shell32.dll", L"ole32.dll"};
 
-std::wstring Text(BSTR text) {
-    return text ? std::wstring(text, SysStringLen(text)) : std::wstring();
+VARIANT ProcessIdArgument(long processId) {
+    VARIANT v;
+    V_VT(&v) = VT_I4;
+    V_I4(&v) = processId;
+    return v;
 }
 
 // The types the type library gives the parameters of event id, first to last; empty when it has no such
@@ -225,13 +226,8 @@ void CDepChecker::FinalRelease() {
 
 const std::wstring& CDepChecker::EngineFolder() {
     if (m_engineFolder.empty()) {
-        qv::com_ptr<IQvAppServices> services;
-        HRESULT hr = CoCreateFromLibrary(kServicesLibrary, CLSID_QvAppServices, IID_IQvAppServices, services.put());
-        if (FAILED(hr))
-            qv::throw_described(hr, std::wstring(L"cannot reach ") + kServicesLibrary +
-                                        L", which tells where the debug engine lies");
         qv::bstr folder;
-        check_hr(services->GetProgramsFolder(folder.put()));
+        check_hr(AppServices(L"the debug engine")->GetProgramsFolder(folder.put()));
         m_engineFolder = folder.str();
     }
     return m_engineFolder;
@@ -324,11 +320,11 @@ STDMETHODIMP CDepChecker::Launch(BSTR ApplicationPath, BSTR Parameters, BSTR Cur
     return qv::com_boundary([&] {
         m_applicationRunning = 1;
         m_filter.SetFiltering(m_filtering != 0);
-        std::wstring path = Text(ApplicationPath);
+        std::wstring path = qv::bstr_text(ApplicationPath);
         if (m_useEngine64)
             path = CDebugEngineHelper::MapToEngine(path);
         // Whether the target started, the client learns from the events alone.
-        m_helper->Launch(path, Text(Parameters), Text(CurrentDirectory), LoadFlags);
+        m_helper->Launch(path, qv::bstr_text(Parameters), qv::bstr_text(CurrentDirectory), LoadFlags);
         return S_OK;
     });
 }
@@ -392,7 +388,7 @@ bool CDepChecker::IsExcluded(const std::wstring& name) {
 void CDepChecker::OnLoadDLL(BSTR reported) {
     if (m_monitoring == 0)
         return;
-    const std::wstring path = CDebugEngineHelper::MapFromEngine(Text(reported));
+    const std::wstring path = CDebugEngineHelper::MapFromEngine(qv::bstr_text(reported));
     CDepFiles* files = m_currentBag->DepFiles();
     // A known key is turned away before anything is opened: targets load the same modules again and again.
     if (files->Contains(path))
@@ -426,7 +422,7 @@ void CDepChecker::OnLoadDLL(BSTR reported) {
     std::wstring key = path;
 
     if (!isInModule) {
-        if (IsExcluded(Text(record->Name()))) {
+        if (IsExcluded(qv::bstr_text(record->Name()))) {
             if (m_filtering != 0)
                 return;
             // Recorded all the same, and shown as one the filter would have removed.
@@ -453,15 +449,9 @@ void CDepChecker::OnApplicationFinished() {
 }
 
 void CDepChecker::OnChildProcessCreated(long processId) {
-    VARIANT id;
-    V_VT(&id) = VT_I4;
-    V_I4(&id) = processId;
-    m_events.Fire(3, {id});
+    m_events.Fire(3, {ProcessIdArgument(processId)});
 }
 
 void CDepChecker::OnChildProcessExit(long processId) {
-    VARIANT id;
-    V_VT(&id) = VT_I4;
-    V_I4(&id) = processId;
-    m_events.Fire(4, {id});
+    m_events.Fire(4, {ProcessIdArgument(processId)});
 }

@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr wchar_t kServicesLibrary[] = L"QvAppServices.dll";
 constexpr wchar_t kFiltersFile[] = L"filters.xml";
 constexpr std::wstring_view kNativeImageSuffix = L".ni.dll";
 
@@ -24,13 +23,8 @@ bool EndsWith(const std::wstring& text, std::wstring_view suffix) {
 
 const std::wstring& CQVWIFilter::GetSupportDir() {
     if (m_sSupportDir.empty()) {
-        qv::com_ptr<IQvAppServices> services;
-        HRESULT hr = CoCreateFromLibrary(kServicesLibrary, CLSID_QvAppServices, IID_IQvAppServices, services.put());
-        if (FAILED(hr))
-            qv::throw_described(hr, std::wstring(L"cannot reach ") + kServicesLibrary +
-                                        L", which tells where filters.xml lies");
         qv::bstr folder;
-        check_hr(services->GetSupportFolder(folder.put()));
+        check_hr(AppServices(kFiltersFile)->GetSupportFolder(folder.put()));
         m_sSupportDir = folder.str();
     }
     return m_sSupportDir;

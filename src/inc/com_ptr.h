@@ -78,6 +78,11 @@ private:
     T* m_p = nullptr;
 };
 
+// The text of a BSTR someone else owns, embedded nulls included; null reads as empty.
+inline std::wstring bstr_text(BSTR text) {
+    return text ? std::wstring(text, SysStringLen(text)) : std::wstring();
+}
+
 class bstr {
 public:
     bstr() = default;

@@ -15,10 +15,6 @@ namespace {
 // The one module the catalog answers for files it has no real module for: a hit on it is no hit.
 constexpr wchar_t CatchAllModuleId[] = L"mondo.E4183BB4_18A8_11D5_A549_0090278A1BB8";
 
-std::wstring Text(BSTR text) {
-    return text ? std::wstring(text, SysStringLen(text)) : std::wstring();
-}
-
 // The key the catalog files a file under: its name, marked with the machine for 64-bit images. Any
 // other machine word (none, ARM, ...) gives an empty key, which matches no file by name.
 std::wstring FileKey(std::wstring_view path, DWORD machine) {
@@ -58,7 +54,7 @@ STDMETHODIMP CScanUtil::get_PE(BSTR FileName, IDepFile** ppPE) {
         if (!ppPE)
             return E_POINTER;
         *ppPE = nullptr;
-        const std::wstring path = Text(FileName);
+        const std::wstring path = qv::bstr_text(FileName);
         bool selfRegistering = false;
         {
             CPEImage image(path);
@@ -111,7 +107,7 @@ STDMETHODIMP CScanUtil::InMergeModule(BSTR bstrSource, IUnknown** ppMM, VARIANT_
     return qv::com_boundary([&]() -> HRESULT {
         DWORD machine = 0;
         {
-            CPEImage image(Text(bstrSource));
+            CPEImage image(qv::bstr_text(bstrSource));
             if (image.Usable())
                 machine = image.GetMachine();
         }
@@ -126,7 +122,7 @@ STDMETHODIMP CScanUtil::InMergeModuleEx(BSTR bstrSource, LONG dwMachine, IUnknow
             return E_POINTER;
         *ppMM = nullptr;
         *bYes = VARIANT_FALSE;
-        const std::wstring source = Text(bstrSource);
+        const std::wstring source = qv::bstr_text(bstrSource);
 
         qv::com_ptr<IQvMergeModuleCatalog> catalog = Catalog();
         // A catalog object that answers S_OK with nothing: no module, and the last result stands.

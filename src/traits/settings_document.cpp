@@ -35,12 +35,8 @@ void LoadExclusionList() {
     if (s_ExclusionListLoaded)
         return;
     s_ExclusionList.clear();
-    com_ptr<IQvAppServices> services;
-    HRESULT hr = CoCreateFromLibrary(L"QvAppServices.dll", CLSID_QvAppServices, IID_IQvAppServices, services.put());
-    if (FAILED(hr))
-        throw_described(hr, L"cannot reach QvAppServices.dll, which tells where the settings document lies");
     bstr path;
-    check_hr(services->GetPath(kSettingsDocument, path.put()));
+    check_hr(AppServices(L"the settings document")->GetPath(kSettingsDocument, path.put()));
     const com_ptr<IXMLDOMDocument2> document = LoadXml(path.str());
     com_ptr<IXMLDOMNodeList> lists;
     check_hr(document->selectNodes(bstr(L"Halyard/Scanners/DotNetExclusionList").get(), lists.put()));
