@@ -5,4 +5,5 @@ set(QV_FORMAT_SOURCES
     pe/section_map.cpp
     pe/resources.cpp
     ini/ini_text.cpp
-    metadata/metadata.cpp)
+    metadata/metadata.cpp
+    metadata/attribute_blob.cpp)

@@ -1,6 +1,7 @@
 #include "server/class_table.h"
 
 #include "QVWIScanners.h"
+#include "dotnet/dotnet_assembly.h"
 #include "dynamic/dep_checker.h"
 #include "inc/com_object.h"
 #include "scanutil/scan_util.h"
@@ -24,6 +25,8 @@ create_fn creator_of(const CLSID& clsid) {
         return &qv::creator<CDepChecker>::CreateInstance;
     if (IsEqualCLSID(clsid, CLSID_ScanUtil))
         return &qv::creator<CScanUtil>::CreateInstance;
+    if (IsEqualCLSID(clsid, CLSID_DotNetAssembly))
+        return &qv::creator<CDotNetAssembly>::CreateInstance;
     if (IsEqualCLSID(clsid, CLSID_DepFile))
         return &qv::creator<CDepFile>::CreateInstance;
     return nullptr;
@@ -40,7 +43,9 @@ std::array<class_entry, std::size(class_registrations)> g_classes = make_table()
 
 } // namespace
 
-std::span<class_entry> ClassTable() { return g_classes; }
+std::span<class_entry> ClassTable() {
+    return g_classes;
+}
 
 HRESULT GetClassObject(REFCLSID clsid, REFIID iid, void** ppv) {
     if (!ppv)

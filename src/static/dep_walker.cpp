@@ -18,6 +18,7 @@
 namespace {
 
 constexpr long IgnoreCatalogFlag = 0x8000;
+constexpr long ModeSkipTopAssembly = 1;
 constexpr long ModeNoImportTables = 2;
 
 const wchar_t* const InitialSkipNames[] = {L"kernel32.dll", L"ntdll.dll",   L"user32.dll", L"gdi32.dll",
@@ -185,6 +186,16 @@ struct CDepWalker::WalkFrame {
     std::wstring found;                     // where names[next] was found (or the name itself)
     qv::com_ptr<IQvSections> sections;      // the .dep file of the image, or the one of the section
     std::unique_ptr<ActivationScope> scope; // the image's own manifest, active while its frame lives
+
+    // The references of an assembly, read whole before the first is walked.
+    struct assembly_ref {
+        std::wstring path; // full path when found, else the name looked for
+        bool found = false;
+        qv::com_ptr<IUnknown> assembly; // the loaded child, when the reference is one
+        DWORD machine = 0;
+    };
+    bool assembly = false;
+    std::vector<assembly_ref> refs;
 };
 
 DWORD CDepWalker::ScanOneFile(const std::wstring& path, bool isDependency) {
@@ -219,6 +230,10 @@ void CDepWalker::Step(std::vector<WalkFrame>& stack) {
         PushSection(stack, top.sections, top.depPath, LanguageSection(top.name));
         return;
     case State::Next:
+        if (top.assembly) {
+            StepAssembly(stack);
+            return;
+        }
         break;
     case State::AfterFile:
         if (top.section) {
@@ -283,7 +298,12 @@ void CDepWalker::EnterFile(const std::wstring& path, bool isDependency, std::vec
             ScannedFile record(path, false);
             AddFound(path, record);
         }
-    } else if (!image.Assembly() && WalkImage(image, path, isDependency)) {
+    } else if (image.Assembly()) {
+        // The scanned file itself is walked as an assembly unless the mode says to scan only the
+        // assemblies it is not; its import table is never read, only its references.
+        if (isDependency || m_nScanMode != ModeSkipTopAssembly)
+            EnterAssembly(image.Assembly(), path, isDependency, stack);
+    } else if (WalkImage(image, path, isDependency)) {
         WalkFrame frame;
         frame.path = path;
         frame.name = qv::FileNamePart(path);
@@ -296,6 +316,90 @@ void CDepWalker::EnterFile(const std::wstring& path, bool isDependency, std::vec
         if (frame.sections || !frame.names.empty())
             stack.push_back(std::move(frame));
     }
+}
+
+void CDepWalker::EnterAssembly(IUnknown* assembly, const std::wstring& path, bool isDependency,
+                               std::vector<WalkFrame>& stack) {
+    if (FoundFiles.count(qv::bstr(qv::FileNamePart(path))) || !PassesFilter(path))
+        return;
+    if (isDependency) {
+        ScannedFile record(path, assembly);
+        if (!AddFound(path, record))
+            return;
+    } else if (!PassesFilter(path)) {
+        return; // only when the name came onto the skip list in the meantime
+    }
+    qv::com_ptr<IDotNetAssembly> dotNet;
+    check_hr(assembly->QueryInterface(IID_IDotNetAssembly, dotNet.put_void()));
+    qv::com_ptr<IDotNetAssemblyRefs> refs;
+    check_hr(dotNet->get_Dependencies(m_pEvents.get(), refs.put()));
+    qv::com_ptr<IUnknown> enumUnknown;
+    check_hr(refs->get__NewEnum(enumUnknown.put()));
+    qv::com_ptr<IEnumVARIANT> items;
+    check_hr(enumUnknown->QueryInterface(IID_IEnumVARIANT, items.put_void()));
+
+    WalkFrame frame;
+    frame.assembly = true;
+    frame.path = path;
+    frame.name = qv::FileNamePart(path);
+    for (;;) {
+        VARIANT item;
+        VariantInit(&item);
+        ULONG fetched = 0;
+        if (check_hr(items->Next(1, &item, &fetched)) != S_OK || fetched == 0)
+            break;
+        qv::com_ptr<IUnknown> element;
+        if (V_VT(&item) == VT_DISPATCH || V_VT(&item) == VT_UNKNOWN)
+            element = qv::com_ptr<IUnknown>(V_UNKNOWN(&item));
+        VariantClear(&item);
+        if (!element)
+            throw com_exception(E_FAIL);
+        qv::com_ptr<IDotNetAssemblyRef> reference;
+        check_hr(element->QueryInterface(IID_IDotNetAssemblyRef, reference.put_void()));
+        WalkFrame::assembly_ref entry;
+        qv::bstr fileName;
+        check_hr(reference->get_FileName(fileName.put()));
+        entry.path = fileName.str();
+        VARIANT_BOOL found = VARIANT_FALSE;
+        check_hr(reference->get_Found(&found));
+        entry.found = found != VARIANT_FALSE;
+        if (entry.found) {
+            qv::com_ptr<IDotNetAssembly> child;
+            check_hr(reference->get_DotNetAssembly(child.put()));
+            entry.assembly = qv::com_ptr<IUnknown>(child.get());
+        } else {
+            qv::com_ptr<IDotNetAssemblyRefValeSP1> withMachine;
+            long machine = 0;
+            if (SUCCEEDED(reference->QueryInterface(IID_IDotNetAssemblyRefValeSP1, withMachine.put_void())))
+                check_hr(withMachine->get_Machine(&machine));
+            entry.machine = static_cast<DWORD>(machine);
+        }
+        frame.refs.push_back(std::move(entry));
+    }
+    if (!frame.refs.empty())
+        stack.push_back(std::move(frame));
+}
+
+void CDepWalker::StepAssembly(std::vector<WalkFrame>& stack) {
+    WalkFrame& top = stack.back(); // not used past a push
+    if (top.next == top.refs.size()) {
+        stack.pop_back();
+        return;
+    }
+    const WalkFrame::assembly_ref entry = top.refs[top.next];
+    top.found = entry.path;
+    if (!entry.found) {
+        MissingDependency(entry.path, entry.machine);
+        FireFoundDepFile(entry.path);
+        ++top.next;
+        return;
+    }
+    // What runs above this frame ends in AfterFile, which reports the reference and moves on.
+    top.state = WalkFrame::State::AfterFile;
+    if (entry.assembly)
+        EnterAssembly(entry.assembly.get(), entry.path, true, stack);
+    else
+        EnterFile(entry.path, true, stack);
 }
 
 bool CDepWalker::WalkImage(const CScannedPE& image, const std::wstring& path, bool isDependency) {

@@ -81,6 +81,10 @@ private:
     void Step(std::vector<WalkFrame>& stack);
     // Opens one file, reports it, and adds a frame for its .dep file and its imports when they are walked.
     void EnterFile(const std::wstring& path, bool isDependency, std::vector<WalkFrame>& stack);
+    // Records an assembly and adds a frame for its references (each found one walked as a file or as an
+    // assembly, each missing one reported), when they are walked.
+    void EnterAssembly(IUnknown* assembly, const std::wstring& path, bool isDependency, std::vector<WalkFrame>& stack);
+    void StepAssembly(std::vector<WalkFrame>& stack);
     // Records a usable image; true when what it needs is to be walked.
     bool WalkImage(const CScannedPE& image, const std::wstring& path, bool isDependency);
     // The sections of the .dep file beside an image with an extension ("comp.ocx": "comp.dep"), or null.

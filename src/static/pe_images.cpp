@@ -1,5 +1,8 @@
 #include "static/pe_images.h"
 
+#include "dotnet/dotnet_assembly.h"
+#include "inc/com_object.h"
+
 #include "toolkit/string_convert.h"
 
 using qv::pe::image_kind;
@@ -82,4 +85,25 @@ std::vector<std::wstring> CPEImage::ImportNames() const {
     return names;
 }
 
-CScannedPE::CScannedPE(const std::wstring& path) : CPEImage(path) {}
+CScannedPE::CScannedPE(const std::wstring& path) : CPEImage(path) {
+    if (!Usable())
+        return;
+    // Whether the file is an assembly is decided by the load alone, never by a look at the CLI header.
+    qv::com_object<CDotNetAssembly>* created = nullptr;
+    check_hr(qv::com_object<CDotNetAssembly>::CreateInstance(&created));
+    qv::com_ptr<IDotNetAssembly> assembly(static_cast<IDotNetAssembly*>(created));
+    const HRESULT hr = assembly->Load(qv::bstr(path).get());
+    if (SUCCEEDED(hr)) {
+        m_pAssembly = qv::com_ptr<IUnknown>(assembly.get());
+        return;
+    }
+    // The ordinary answers for a plain image.
+    if (hr == static_cast<HRESULT>(0x8013110B) || hr == E_INVALIDARG || hr == static_cast<HRESULT>(0x8007000B))
+        return;
+    qv::com_ptr<IErrorInfo> info;
+    if (GetErrorInfo(0, info.put()) == S_OK && info) {
+        qv::bstr text;
+        info->GetDescription(text.put());
+        m_assemblyError = {true, hr, text.str()};
+    }
+}

@@ -74,8 +74,8 @@ class CScannedPE : public CPEImage {
 public:
     explicit CScannedPE(const std::wstring& path);
 
-    // The assembly loaded from this file, or null. No assembly reader takes part in a scan yet, so it
-    // stays null and every usable image is walked as a plain one.
+    // The assembly loaded from this file (its IDotNetAssembly), or null for a plain image. A load that
+    // failed for another reason than "not an assembly" leaves its description in AssemblyError.
     IUnknown* Assembly() const { return m_pAssembly.get(); }
     const ImageErrorRecord& AssemblyError() const { return m_assemblyError; }
     // Hands out a reference to the assembly; leaves out as it was when there is none.

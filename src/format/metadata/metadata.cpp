@@ -376,6 +376,75 @@ std::optional<file_row> metadata_reader::file(std::uint32_t row) const {
     return file_row{*flags, std::move(*text), *hashBytes};
 }
 
+std::optional<custom_attribute_row> metadata_reader::custom_attribute(std::uint32_t row) const {
+    constexpr table t = table::CustomAttribute;
+    const auto parent = column(t, row, 0), type = column(t, row, 1), value = column(t, row, 2);
+    if (!value)
+        return std::nullopt;
+    const auto owner = decode(coded_index::HasCustomAttribute, *parent);
+    const auto constructor = decode(coded_index::CustomAttributeType, *type);
+    const auto bytes = blob(*value);
+    if (!owner || !constructor || !bytes)
+        return std::nullopt;
+    return custom_attribute_row{*owner, *constructor, *bytes};
+}
+
+std::optional<member_ref_row> metadata_reader::member_ref(std::uint32_t row) const {
+    constexpr table t = table::MemberRef;
+    const auto parent = column(t, row, 0), name = column(t, row, 1), signature = column(t, row, 2);
+    if (!signature)
+        return std::nullopt;
+    const auto owner = decode(coded_index::MemberRefParent, *parent);
+    auto text = string(*name);
+    const auto bytes = blob(*signature);
+    if (!owner || !text || !bytes)
+        return std::nullopt;
+    return member_ref_row{*owner, std::move(*text), *bytes};
+}
+
+std::optional<type_ref_row> metadata_reader::type_ref(std::uint32_t row) const {
+    constexpr table t = table::TypeRef;
+    const auto scope = column(t, row, 0), name = column(t, row, 1), name_space = column(t, row, 2);
+    if (!name_space)
+        return std::nullopt;
+    const auto owner = decode(coded_index::ResolutionScope, *scope);
+    auto text = string(*name), space = string(*name_space);
+    if (!owner || !text || !space)
+        return std::nullopt;
+    return type_ref_row{*owner, std::move(*text), std::move(*space)};
+}
+
+std::optional<std::string> metadata_reader::name_of(std::uint32_t token) const {
+    const std::uint32_t row = token & 0xFFFFFF;
+    std::optional<std::uint32_t> name;
+    switch (static_cast<table>(token >> 24)) {
+    case table::TypeRef:
+    case table::TypeDef:
+    case table::Field:
+    case table::MemberRef:
+        name = column(static_cast<table>(token >> 24), row, 1);
+        break;
+    case table::MethodDef:
+        name = column(table::MethodDef, row, 3);
+        break;
+    case table::ModuleRef:
+        name = column(table::ModuleRef, row, 0);
+        break;
+    default:
+        return std::nullopt;
+    }
+    return name ? string(*name) : std::nullopt;
+}
+
+std::optional<std::uint32_t> metadata_reader::decode(coded_index kind, std::uint32_t value) const {
+    const coded_kind& k = coded_kinds[static_cast<std::uint8_t>(kind)];
+    const std::uint32_t tag = value & ((1u << k.tag_bits) - 1);
+    if (tag >= k.count || k.tables[tag] == None)
+        return std::nullopt;
+    const std::uint32_t row = value >> k.tag_bits;
+    return row == 0 ? 0 : token(static_cast<table>(k.tables[tag]), row);
+}
+
 std::optional<compressed> read_compressed(format::byte_span bytes, std::uint64_t offset) {
     const auto first = bytes.u8(offset);
     if (!first)

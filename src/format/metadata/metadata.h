@@ -115,6 +115,36 @@ struct file_row {
     format::byte_span hash_value;
 };
 
+struct custom_attribute_row {
+    std::uint32_t parent = 0; // token of the owner (table << 24 | row)
+    std::uint32_t type = 0;   // token of the constructor: a MethodDef or a MemberRef
+    format::byte_span value;  // the attribute blob; empty when none
+};
+
+struct member_ref_row {
+    std::uint32_t parent = 0; // token of the type or module that holds the member
+    std::string name;
+    format::byte_span signature;
+};
+
+struct type_ref_row {
+    std::uint32_t scope = 0; // token of the resolution scope; 0 when none
+    std::string name, name_space;
+};
+
+// The coded-index kinds (II.24.2.6) that callers decode into tokens.
+enum class coded_index : std::uint8_t {
+    HasCustomAttribute = 2,
+    MemberRefParent = 5,
+    CustomAttributeType = 10,
+    ResolutionScope = 11,
+};
+
+// The token of a metadata row: table number in the high byte, one-based row below.
+constexpr std::uint32_t token(table t, std::uint32_t row) {
+    return static_cast<std::uint32_t>(static_cast<std::uint8_t>(t)) << 24 | (row & 0xFFFFFF);
+}
+
 class metadata_reader {
 public:
     // The metadata of a PE image (its CLI header's directory), or of metadata bytes as they stand.
@@ -143,6 +173,14 @@ public:
     std::optional<std::string> module_name() const; // row 1 of Module
     std::optional<impl_map_row> impl_map(std::uint32_t row) const;
     std::optional<file_row> file(std::uint32_t row) const;
+    std::optional<custom_attribute_row> custom_attribute(std::uint32_t row) const;
+    std::optional<member_ref_row> member_ref(std::uint32_t row) const;
+    std::optional<type_ref_row> type_ref(std::uint32_t row) const;
+    // The name of a TypeRef, TypeDef, MethodDef, MemberRef, ModuleRef or Field row; nullopt for others.
+    std::optional<std::string> name_of(std::uint32_t token) const;
+
+    // The token a coded index names; nullopt for a tag that names no table, 0 for a null index.
+    std::optional<std::uint32_t> decode(coded_index kind, std::uint32_t value) const;
 
 private:
     static constexpr std::uint32_t idx(table t) { return static_cast<std::uint8_t>(t); }

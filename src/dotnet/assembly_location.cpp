@@ -1,0 +1,321 @@
+#include "dotnet/assembly_location.h"
+
+#include "dotnet/metadata_scope.h"
+#include "inc/com_error.h"
+#include "inc/com_ptr.h"
+#include "inc/unique_handles.h"
+#include "toolkit/path_helpers.h"
+#include "toolkit/probes.h"
+#include "traits/settings_document.h"
+
+#include <windows.h>
+
+#include <fusion.h>
+#include <shlwapi.h>
+
+#include <algorithm>
+
+namespace {
+
+struct find_handle_traits {
+    using type = HANDLE;
+    static type invalid() noexcept { return INVALID_HANDLE_VALUE; }
+    static void close(type h) noexcept { ::FindClose(h); }
+};
+using unique_hfind = qv::unique_resource<find_handle_traits>;
+
+using CreateAssemblyCacheFn = HRESULT(WINAPI*)(IAssemblyCache**, DWORD);
+
+bool EqualNoCase(std::wstring_view a, std::wstring_view b) {
+    return CompareStringOrdinal(a.data(), static_cast<int>(a.size()), b.data(), static_cast<int>(b.size()), TRUE) ==
+           CSTR_EQUAL;
+}
+
+// Whether part occurs anywhere within text, without regard to case.
+bool ContainsNoCase(std::wstring_view text, std::wstring_view part) {
+    return FindStringOrdinal(FIND_FROMSTART, text.data(), static_cast<int>(text.size()), part.data(),
+                             static_cast<int>(part.size()), TRUE) >= 0;
+}
+
+// An empty folder gets one too, as the callers expect every found folder to end in a backslash.
+std::wstring WithBackslash(std::wstring folder) {
+    if (folder.empty() || folder.back() != L'\\')
+        folder += L'\\';
+    return folder;
+}
+
+bool IsDotOrDotDot(const wchar_t* name) {
+    return EqualNoCase(name, L".") || EqualNoCase(name, L"..");
+}
+
+bool IsFolder(const WIN32_FIND_DATAW& data) {
+    return (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+bool IsNeutral(const std::wstring& culture) {
+    return culture.empty() || EqualNoCase(culture, L"neutral");
+}
+
+// A value longer than the buffer reads as empty: the folders below it are then relative ones.
+const std::wstring& SystemRoot() {
+    static const std::wstring s_SystemRoot = [] {
+        wchar_t buffer[MAX_PATH] = {};
+        DWORD n = GetEnvironmentVariableW(L"SystemRoot", buffer, MAX_PATH);
+        return n < MAX_PATH ? std::wstring(buffer, n) : std::wstring();
+    }();
+    return s_SystemRoot;
+}
+
+const std::wstring& GacFolder() {
+    static const std::wstring s_GacFolder = qv::JoinPath(SystemRoot(), L"Assembly\\GAC\\");
+    return s_GacFolder;
+}
+
+const std::wstring& Framework64Folder() {
+    static const std::wstring s_Framework64Folder = qv::JoinPath(SystemRoot(), L"Microsoft.NET\\Framework64\\");
+    return s_Framework64Folder;
+}
+
+const std::wstring& FrameworkFolder() {
+    static const std::wstring s_FrameworkFolder = qv::JoinPath(SystemRoot(), L"Microsoft.NET\\Framework\\");
+    return s_FrameworkFolder;
+}
+
+bool IsExcluded(const std::wstring& folder) {
+    const qv::exclusion_set& exclusions = qv::ExclusionList();
+    if (exclusions.empty())
+        return false;
+    const std::wstring test = WithBackslash(folder);
+    return std::any_of(exclusions.begin(), exclusions.end(),
+                       [&](const std::wstring& entry) { return !entry.empty() && ContainsNoCase(test, entry); });
+}
+
+qv::detail::native_processor NativeProcessor() {
+    if (qv::IsAmd64())
+        return qv::detail::native_processor::amd64;
+    return qv::IsItanium() ? qv::detail::native_processor::itanium : qv::detail::native_processor::x86;
+}
+
+} // namespace
+
+namespace qv::detail {
+
+std::wstring AssemblyDisplayName(const std::wstring& name, const std::wstring& version, const std::wstring& culture,
+                                 const std::wstring& token) {
+    std::wstring text = name + L", Version=" + version;
+    if (!culture.empty())
+        text += L", Culture=" + culture;
+    return text + L", PublicKeyToken=" + token;
+}
+
+std::vector<std::wstring> CacheArchitectures(native_processor native, const std::wstring& machineText) {
+    const bool msil = EqualNoCase(machineText, L"MSIL"), x86 = EqualNoCase(machineText, L"X86");
+    switch (native) {
+    case native_processor::amd64:
+        if (msil || EqualNoCase(machineText, L"Amd64"))
+            return {L"Amd64", L"MSIL"};
+        break;
+    case native_processor::itanium:
+        if (msil || EqualNoCase(machineText, L"IA64"))
+            return {L"IA64", L"MSIL"};
+        break;
+    case native_processor::x86:
+        if (msil)
+            return {L"X86", L"MSIL"};
+        break;
+    }
+    if (x86)
+        return {L"X86", L"MSIL"};
+    return {L"MSIL"};
+}
+
+} // namespace qv::detail
+
+bool FindAssembly(const std::wstring& name, const std::wstring& version, const std::wstring& culture,
+                  const std::wstring& token, const std::wstring& machineText, const std::wstring& baseFolder,
+                  std::wstring& outFolder, std::wstring& outFile) {
+    if (FindInAssemblyCache(name, version, culture, token, machineText, outFolder, outFile))
+        return true;
+    // An unreadable settings document only means that no folder is left out: a scan must not die of it, and
+    // the next search tries the document again. Its description is dropped, so that no later failure wears it.
+    try {
+        qv::LoadExclusionList();
+    } catch (const com_exception&) {
+        qv::take_error_description();
+    }
+    // The whole ladder for ".dll" before any probe for ".exe": a library in a framework folder beats a program
+    // of the name beside the referring assembly.
+    for (const wchar_t* extension : {L".dll", L".exe"}) {
+        const std::wstring file = name + extension;
+        outFile = file;
+        if (!name.empty()) {
+            // probe is the search's folder and its output at once. A failed search empties it, so the name
+            // folder joined next lies below the current folder, not below baseFolder: kept as it is.
+            std::wstring probe = baseFolder;
+            if (!IsNeutral(culture))
+                probe = qv::JoinPath(probe, culture);
+            bool hit = FindInFolderTree(probe, L"*.*", file, probe, -2);
+            if (!hit) {
+                probe = qv::JoinPath(probe, name);
+                hit = FindInFolderTree(probe, L"*.*", file, probe, -2);
+            }
+            if (hit) {
+                outFolder = WithBackslash(probe);
+                return true;
+            }
+        }
+        if (PathFileExistsW(qv::JoinPath(baseFolder, file).c_str())) {
+            outFolder = WithBackslash(baseFolder);
+            return true;
+        }
+        std::wstring found;
+        if (FindInFolderTree(baseFolder, L"*.*", file, found, 1)) {
+            outFolder = found;
+            return true;
+        }
+        const std::wstring& gac = GacFolder();
+        if (!token.empty()) {
+            const std::wstring key = version + L"_" + (IsNeutral(culture) ? L"" : culture) + L"_" + token;
+            if (FindInGacFolder(WithBackslash(qv::JoinPath(gac, name)), L"*.*", key, file, found)) {
+                outFolder = WithBackslash(found);
+                return true;
+            }
+        }
+        // An MSIL assembly on a 64-bit system sees the 64-bit folders first; one built for a processor sees only
+        // the folders of its own word.
+        const std::wstring& framework64 = Framework64Folder();
+        if (qv::Is64BitOs() &&
+            (EqualNoCase(machineText, L"MSIL") || (qv::IsAmd64() && EqualNoCase(machineText, L"Amd64")) ||
+             (qv::IsItanium() && EqualNoCase(machineText, L"IA64")))) {
+            if (FindInFrameworkFolders(framework64, file, outFolder))
+                return true;
+        }
+        const std::wstring& framework = FrameworkFolder();
+        if (machineText.empty() || EqualNoCase(machineText, L"MSIL") || EqualNoCase(machineText, L"X86")) {
+            if (FindInFrameworkFolders(framework, file, outFolder))
+                return true;
+        }
+    }
+    outFolder.clear();
+    return false;
+}
+
+bool FindInAssemblyCache(const std::wstring& name, const std::wstring& version, const std::wstring& culture,
+                         const std::wstring& token, const std::wstring& machineText, std::wstring& outFolder,
+                         std::wstring& outFile) {
+    // Declared before the cache, so that the module is freed after the cache is released.
+    const qv::unique_hmodule fusion(LoadFusion());
+    if (!fusion)
+        return false;
+    auto create = reinterpret_cast<CreateAssemblyCacheFn>(
+        reinterpret_cast<void*>(GetProcAddress(fusion.get(), "CreateAssemblyCache")));
+    if (!create)
+        return false;
+    qv::com_ptr<IAssemblyCache> cache;
+    create(cache.put(), 0); // only a cache handed out counts, whatever the result says
+    if (!cache)
+        return false;
+    const std::wstring displayName = qv::detail::AssemblyDisplayName(name, version, culture, token);
+    if (machineText.empty())
+        return false;
+    for (const std::wstring& architecture : qv::detail::CacheArchitectures(NativeProcessor(), machineText)) {
+        const std::wstring query = displayName + L", ProcessorArchitecture=" + architecture;
+        wchar_t path[MAX_PATH] = {};
+        ASSEMBLY_INFO info = {};
+        static_assert(sizeof info == 32, "the cache is told the size of the structure in a 64-bit process");
+        info.cbAssemblyInfo = sizeof info;
+        info.pszCurrentAssemblyPathBuf = path;
+        info.cchBuf = MAX_PATH;
+        if (FAILED(cache->QueryAssemblyInfo(0, query.c_str(), &info)) || path[0] == L'\0')
+            continue;
+        // The answer is as long as cchBuf says, kept within the buffer; a terminator counted in it is no part.
+        const std::wstring found(path, std::min<ULONG>(info.cchBuf, MAX_PATH));
+        outFolder = WithBackslash(qv::DirectoryPart(found));
+        outFile = qv::FileNamePart(found);
+        return true;
+    }
+    return false;
+}
+
+bool FindInFolderTree(const std::wstring& folder, const std::wstring& pattern, const std::wstring& file,
+                      std::wstring& outFolder, int depth) {
+    // folder and outFolder may be one string: outFolder is written only after folder's last use.
+    if (IsExcluded(folder)) {
+        outFolder.clear();
+        return false;
+    }
+    WIN32_FIND_DATAW data;
+    unique_hfind find(FindFirstFileW(qv::JoinPath(folder, pattern).c_str(), &data));
+    if (!find) {
+        outFolder.clear();
+        return false;
+    }
+    std::vector<std::wstring> subfolders;
+    do {
+        if (IsFolder(data) && !IsDotOrDotDot(data.cFileName)) {
+            if (depth != 0)
+                subfolders.emplace_back(data.cFileName);
+        } else if (EqualNoCase(data.cFileName, file)) {
+            outFolder = WithBackslash(folder);
+            return true;
+        }
+    } while (FindNextFileW(find.get(), &data));
+    find.reset(); // one open search per level is enough: a deep tree holds no handle per folder above it
+    const int nextDepth = depth == -2 ? -2 : depth - 1;
+    for (const std::wstring& subfolder : subfolders) {
+        std::wstring local;
+        if (FindInFolderTree(qv::JoinPath(folder, subfolder), pattern, file, local, nextDepth)) {
+            outFolder = local;
+            return true;
+        }
+    }
+    outFolder.clear();
+    return false;
+}
+
+bool FindInGacFolder(const std::wstring& gacNameFolder, const std::wstring& pattern, const std::wstring& key,
+                     const std::wstring& file, std::wstring& outFolder) {
+    WIN32_FIND_DATAW data;
+    unique_hfind find(FindFirstFileW(qv::JoinPath(gacNameFolder, pattern).c_str(), &data));
+    if (!find) {
+        outFolder.clear();
+        return false;
+    }
+    do {
+        if (IsFolder(data) && !IsDotOrDotDot(data.cFileName)) {
+            // The folder's name is looked for within the key, not the key within the name: a folder "1"
+            // matches every key that holds a 1.
+            if (ContainsNoCase(key, data.cFileName))
+                return FindInFolderTree(qv::JoinPath(gacNameFolder, data.cFileName), pattern, file, outFolder, -2);
+        } else if (EqualNoCase(data.cFileName, file)) {
+            outFolder = WithBackslash(gacNameFolder);
+            return true;
+        }
+    } while (FindNextFileW(find.get(), &data));
+    outFolder.clear();
+    return false;
+}
+
+bool FindInFrameworkFolders(const std::wstring& root, const std::wstring& file, std::wstring& outFolder) {
+    std::vector<std::wstring> versions;
+    {
+        WIN32_FIND_DATAW data;
+        unique_hfind find(FindFirstFileW(qv::JoinPath(root, L"*.*").c_str(), &data));
+        if (find) {
+            do {
+                if (IsFolder(data) && !IsDotOrDotDot(data.cFileName) && qv::StartsWithNoCase(data.cFileName, L"v"))
+                    versions.emplace_back(data.cFileName);
+            } while (FindNextFileW(find.get(), &data));
+        }
+    }
+    // Text order, not version order: v10.0 sorts before v2.0.
+    std::sort(versions.begin(), versions.end(), qv::no_case_less());
+    for (auto it = versions.rbegin(); it != versions.rend(); ++it) {
+        std::wstring local;
+        if (FindInFolderTree(qv::JoinPath(root, *it), L"*.*", file, local, -2)) {
+            outFolder = WithBackslash(local);
+            return true;
+        }
+    }
+    return false;
+}

@@ -1,0 +1,301 @@
+// The .NET assembly objects as clients meet them: DotNetAssembly from the server DLL over real assemblies
+// that mcs built (fixtures/dotnet), the identity its two readers give, and the references one level deep.
+// Under Wine the runtime hands out no metadata dispenser, so these run over the library's own reader.
+#include "QVWIScanners.h"
+#include "companions.h"
+#include "inc/com_error.h"
+#include "inc/com_ptr.h"
+#include "recording_sink.h"
+#include "server_support.h"
+#include "test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+
+using namespace qv::test;
+using qv::com_ptr;
+
+namespace {
+
+std::wstring dotnet(const std::wstring& rel) { return fixture(L"dotnet\\" + rel); }
+
+const std::wstring FixtureToken = L"A964CED94CF79D20";
+const wchar_t* const FixtureLibId = L"{6387719D-EC3E-4CFB-B508-A37013D0B541}";
+
+com_ptr<IDotNetAssembly> make_assembly() {
+    com_ptr<IDotNetAssembly> a;
+    EXPECT_EQ(server().Create(CLSID_DotNetAssembly, nullptr, IID_IDotNetAssembly, a.put_void()), S_OK);
+    return a;
+}
+
+struct identity {
+    std::wstring name, version, token, culture;
+    bool operator==(const identity&) const = default;
+};
+std::ostream& operator<<(std::ostream& os, const identity& i) {
+    return os << narrow(i.name + L"|" + i.version + L"|" + i.token + L"|" + i.culture);
+}
+identity identity_of(IDotNetAssembly* a) {
+    qv::bstr n, v, t, c;
+    EXPECT_EQ(a->get_Name(n.put()) | a->get_Version(v.put()) | a->get_PublicKeyToken(t.put()) | a->get_Culture(c.put()),
+              S_OK);
+    return {n.str(), v.str(), t.str(), c.str()};
+}
+
+// A reference as the tests compare it: "found" or "missing", the machine asked, and the child's name.
+struct ref {
+    std::wstring path;
+    bool found = false;
+    long machine = 0;
+    std::wstring child;
+};
+std::map<std::wstring, ref> refs_of(IDotNetAssembly* a, IStaticScanEvents* events) {
+    std::map<std::wstring, ref> out;
+    com_ptr<IDotNetAssemblyRefs> refs;
+    EXPECT_EQ(a->get_Dependencies(events, refs.put()), S_OK);
+    long count = 0;
+    refs->get_Count(&count);
+    for (long i = 1; i <= count; ++i) {
+        com_ptr<IDotNetAssemblyRef> r;
+        EXPECT_EQ(refs->get_Item(index_of(i), r.put()), S_OK);
+        qv::bstr path;
+        VARIANT_BOOL found = 0;
+        r->get_FileName(path.put()), r->get_Found(&found);
+        ref entry{path.str(), found != 0};
+        r.query<IDotNetAssemblyRefValeSP1>(IID_IDotNetAssemblyRefValeSP1)->get_Machine(&entry.machine);
+        com_ptr<IDotNetAssembly> child;
+        EXPECT_EQ(r->get_DotNetAssembly(child.put()), S_OK);
+        if (child)
+            entry.child = identity_of(child.get()).name;
+        out[lower(path.str().substr(path.str().find_last_of(L'\\') + 1))] = entry;
+    }
+    return out;
+}
+
+// The host's answers: paths for references the location cannot find, extra files, and whether the
+// component is a 64-bit one.
+struct component : fake<IQvProjectComponent> {
+    VARIANT_BOOL is64 = VARIANT_FALSE;
+    HRESULT STDMETHODCALLTYPE get_Component64Bit(VARIANT_BOOL* p) override { return *p = is64, S_OK; }
+};
+struct host_sink : recording_sink {
+    std::map<std::wstring, std::wstring> paths; // simple name -> path
+    std::vector<std::wstring> others;
+    component* owner = nullptr;
+    std::vector<std::wstring> asked;
+    HRESULT STDMETHODCALLTYPE GetReferencePath(BSTR name, BSTR* out) override {
+        asked.push_back(name);
+        auto it = paths.find(name);
+        *out = it == paths.end() ? nullptr : SysAllocString(it->second.c_str());
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE GetOtherReferences(VARIANT* out) override {
+        SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(others.size()));
+        for (LONG i = 0; i < static_cast<LONG>(others.size()); ++i)
+            SafeArrayPutElement(array, &i, qv::bstr(others[i]).get());
+        V_VT(out) = VT_ARRAY | VT_BSTR;
+        V_ARRAY(out) = array;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE get_Component(IUnknown** out) override {
+        *out = owner;
+        if (owner)
+            owner->AddRef();
+        return S_OK;
+    }
+};
+
+TEST(DotNetAssembly, LoadAndLoadPropertiesReadTheIdentityEachInItsOwnWay) {
+    struct row {
+        const wchar_t* file;
+        HRESULT load;
+        identity byLoad;
+        HRESULT properties; // LoadProperties' result; its culture is the real one
+        const wchar_t* culture;
+    };
+    const row rows[] = {
+        {L"app\\App.exe", S_OK, {L"App", L"1.0.0.0", L"", L"neutral"}, S_OK, L"neutral"},
+        {L"app\\Lib.dll", S_OK, {L"Lib", L"1.2.3.4", FixtureToken, L"neutral"}, S_OK, L"neutral"},
+        // A satellite: Load says "neutral", LoadProperties tells its culture.
+        {L"app\\de\\Lib.resources.dll", S_OK, {L"Lib.resources", L"1.2.3.4", FixtureToken, L"neutral"}, S_OK, L"de"},
+        // A module of a multi-file assembly opens but has no assembly row.
+        {L"app\\Part.netmodule", static_cast<HRESULT>(0x80131130), {L"", L"0.0.0.0", L"", L"neutral"}, S_OK,
+         L"neutral"},
+        {L"native64\\qvnative.dll", static_cast<HRESULT>(0x8007000B), {}, static_cast<HRESULT>(0x8007000B), nullptr},
+        {L"no-such.dll", HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), {}, HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), nullptr},
+    };
+    for (const row& r : rows) {
+        SCOPED_TRACE(narrow(r.file));
+        auto a = make_assembly();
+        const std::wstring path = dotnet(r.file);
+        EXPECT_EQ(a->Load(qv::bstr(path).get()), r.load);
+        EXPECT_EQ(identity_of(a.get()), r.byLoad);
+        qv::bstr fileName;
+        a.query<IDotNetAssemblyTarn>(IID_IDotNetAssemblyTarn)->get_FileName(fileName.put());
+        EXPECT_EQ(fileName.str(), path);
+
+        auto b = make_assembly();
+        VARIANT_BOOL notFound = 0, done = 0;
+        EXPECT_EQ(b->LoadProperties(qv::bstr(path).get(), &notFound, &done), r.properties);
+        // The provider of the services library computes tokens, so "not found" stays true throughout.
+        EXPECT_EQ(notFound, VARIANT_TRUE);
+        EXPECT_EQ(done, r.culture ? VARIANT_TRUE : VARIANT_FALSE);
+        if (r.culture) {
+            EXPECT_EQ(identity_of(b.get()).culture, r.culture);
+            EXPECT_EQ(identity_of(b.get()).token, r.byLoad.token);
+        }
+        // LoadProperties leaves the file name alone.
+        b.query<IDotNetAssemblyTarn>(IID_IDotNetAssemblyTarn)->get_FileName(fileName.put());
+        EXPECT_EQ(fileName.str(), L"");
+    }
+}
+
+TEST(DotNetAssembly, CorruptMetadataIsNoAssemblyAndSaysWhy) {
+    temp_dir dir;
+    std::string bytes = read_file(dotnet(L"app\\Lib.dll"));
+    const size_t root = bytes.find("BSJB");
+    ASSERT_NE(root, std::string::npos);
+    bytes[root + 12] = '\x7F'; // the version text's length, far past the streams
+    const std::wstring path = dir.write(L"Broken.dll", bytes);
+    auto a = make_assembly();
+    EXPECT_EQ(a->Load(qv::bstr(path).get()), static_cast<HRESULT>(0x8013110E));
+    EXPECT_NE(qv::take_error_description().find(L"corrupt"), std::wstring::npos);
+}
+
+TEST(DotNetAssembly, ReferencesOfAnApplication) {
+    cwd_scope cwd(dotnet(L"app"));
+    host_sink sink;
+    auto a = make_assembly();
+    ASSERT_EQ(a->Load(qv::bstr(dotnet(L"app\\App.exe")).get()), S_OK);
+    auto refs = refs_of(a.get(), &sink);
+    // Assemblies beside the application are found and loaded as children.
+    for (const wchar_t* name : {L"lib.dll", L"chain1.dll", L"cyclea.dll", L"multi.dll", L"interop.fixturelib.dll"}) {
+        SCOPED_TRACE(narrow(name));
+        ASSERT_TRUE(refs.count(name));
+        EXPECT_TRUE(refs[name].found);
+        EXPECT_EQ(lower(refs[name].path), lower(dotnet(L"app\\") + name));
+        EXPECT_EQ(refs[name].machine, 0);
+        EXPECT_FALSE(refs[name].child.empty());
+    }
+    // Native libraries of P/Invoke: kernel32 gets ".dll"; an AnyCPU image of a 32-bit component asks for x86,
+    // which the 64-bit system folder does not hold.
+    for (const wchar_t* name : {L"kernel32.dll", L"user32.dll", L"qvnative.dll"}) {
+        SCOPED_TRACE(narrow(name));
+        ASSERT_TRUE(refs.count(name));
+        EXPECT_EQ(refs[name].machine, 332);
+        EXPECT_FALSE(refs[name].found);
+        EXPECT_EQ(refs[name].path, name == std::wstring(L"kernel32.dll") ? L"kernel32.dll" : name);
+    }
+    // A second call gives the same list, without asking the new events anything.
+    host_sink other;
+    com_ptr<IDotNetAssemblyRefs> first, second;
+    a->get_Dependencies(&sink, first.put());
+    a->get_Dependencies(&other, second.put());
+    EXPECT_EQ(first.get(), second.get());
+    EXPECT_TRUE(other.asked.empty() && other.unexpected.empty());
+}
+
+TEST(DotNetAssembly, MissingReferencesAskTheHostAndStandUnderTheirSimpleName) {
+    host_sink sink;
+    auto a = make_assembly();
+    ASSERT_EQ(a->Load(qv::bstr(dotnet(L"app\\Chain2.dll")).get()), S_OK);
+    auto refs = refs_of(a.get(), &sink);
+    ASSERT_TRUE(refs.count(L"chain3"));
+    EXPECT_FALSE(refs[L"chain3"].found);
+    EXPECT_EQ(refs[L"chain3"].path, L"Chain3");
+    // Everything the ladder cannot find is asked for by its simple name (mscorlib too: no framework here).
+    EXPECT_NE(std::find(sink.asked.begin(), sink.asked.end(), L"Chain3"), sink.asked.end());
+
+    // The host knows where it is: found there, and loaded.
+    host_sink knowing;
+    knowing.paths[L"Chain3"] = dotnet(L"obj\\Chain3.dll");
+    auto b = make_assembly();
+    ASSERT_EQ(b->Load(qv::bstr(dotnet(L"app\\Chain2.dll")).get()), S_OK);
+    auto found = refs_of(b.get(), &knowing);
+    ASSERT_TRUE(found.count(L"chain3.dll"));
+    EXPECT_TRUE(found[L"chain3.dll"].found);
+    EXPECT_EQ(found[L"chain3.dll"].child, L"Chain3");
+}
+
+TEST(DotNetAssembly, ACycleIsOneLevelAtATime) {
+    auto a = make_assembly();
+    ASSERT_EQ(a->Load(qv::bstr(dotnet(L"app\\CycleA.dll")).get()), S_OK);
+    host_sink sink;
+    auto refs = refs_of(a.get(), &sink);
+    ASSERT_TRUE(refs.count(L"cycleb.dll"));
+    EXPECT_EQ(refs[L"cycleb.dll"].child, L"CycleB");
+}
+
+TEST(DotNetAssembly, NativeMachineFollowsTheImageAndTheComponent) {
+    struct row {
+        const wchar_t* file;
+        bool component64;
+        long machine;
+    };
+    const row rows[] = {
+        {L"bits\\X86.exe", true, 332},     // 32-bit required wins over the component
+        {L"bits\\X64.exe", false, 34404},  // a 64-bit image
+        {L"bits\\AnyCpu.exe", false, 332}, // AnyCPU: the component decides
+        {L"bits\\AnyCpu.exe", true, 34404},
+    };
+    for (const row& r : rows) {
+        SCOPED_TRACE(narrow(r.file) + (r.component64 ? " 64" : " 32"));
+        component owner;
+        owner.is64 = r.component64 ? VARIANT_TRUE : VARIANT_FALSE;
+        host_sink sink;
+        sink.owner = &owner;
+        cwd_scope cwd(dotnet(r.machine == 332 ? L"native32" : L"native64"));
+        auto a = make_assembly();
+        ASSERT_EQ(a->Load(qv::bstr(dotnet(r.file)).get()), S_OK);
+        auto refs = refs_of(a.get(), &sink);
+        ASSERT_TRUE(refs.count(L"qvnative.dll"));
+        EXPECT_EQ(refs[L"qvnative.dll"].machine, r.machine);
+        EXPECT_TRUE(refs[L"qvnative.dll"].found) << "the flavour of that machine lies in the current folder";
+    }
+}
+
+TEST(DotNetAssembly, ModuleFilesAndOtherReferences) {
+    cwd_scope cwd(dotnet(L"app"));
+    host_sink sink;
+    sink.others = {dotnet(L"app\\Lib.dll"), dotnet(L"app\\Lib.dll"), L"", dotnet(L"app\\gone.dll")};
+    auto a = make_assembly();
+    ASSERT_EQ(a->Load(qv::bstr(dotnet(L"app\\Multi.dll")).get()), S_OK);
+    auto refs = refs_of(a.get(), &sink);
+    ASSERT_TRUE(refs.count(L"part.netmodule"));
+    EXPECT_TRUE(refs[L"part.netmodule"].found);
+    EXPECT_EQ(refs[L"part.netmodule"].child, L"");
+    // Named twice, kept once; an empty or missing file is skipped.
+    ASSERT_TRUE(refs.count(L"lib.dll"));
+    EXPECT_EQ(refs[L"lib.dll"].child, L"Lib");
+    EXPECT_FALSE(refs.count(L"gone.dll"));
+}
+
+TEST(DotNetAssembly, InteropAssembliesNameTheirRegisteredTypeLibrary) {
+    registry_override classes(HKEY_CLASSES_ROOT);
+    const std::wstring tlb = dotnet(L"interop\\fixturelib.tlb");
+    const std::wstring key = std::wstring(L"TypeLib\\") + FixtureLibId + L"\\2.5\\0\\win64";
+    registry_override::set_value(HKEY_CLASSES_ROOT, key, nullptr, REG_SZ, tlb.c_str(),
+                                 static_cast<DWORD>((tlb.size() + 1) * sizeof(wchar_t)));
+    struct row {
+        const wchar_t* file;
+        bool typeLibrary;
+    };
+    // The primary interop assembly asks for version 0.0, which is not registered.
+    const row rows[] = {{L"interop\\Interop.FixtureLib.dll", true},
+                        {L"interop\\Pia.FixtureLib.dll", false},
+                        {L"interop\\GuidOnly.dll", false}};
+    for (const row& r : rows) {
+        SCOPED_TRACE(narrow(r.file));
+        host_sink sink;
+        auto a = make_assembly();
+        ASSERT_EQ(a->Load(qv::bstr(dotnet(r.file)).get()), S_OK);
+        auto refs = refs_of(a.get(), &sink);
+        EXPECT_EQ(refs.count(L"fixturelib.tlb"), r.typeLibrary ? 1u : 0u);
+        if (r.typeLibrary)
+            EXPECT_TRUE(refs[L"fixturelib.tlb"].found);
+    }
+}
+
+} // namespace
