@@ -8,7 +8,7 @@ namespace qv::metadata {
 
 namespace {
 
-constexpr std::uint64_t max_signature = 255; // a signature needing more bytes is a bad one
+constexpr std::uint64_t max_signature = 255; // bytes of a signature that count; needing more is a bad one
 constexpr std::uint32_t element_type_void = 0x01, element_type_string = 0x0E;
 constexpr std::uint16_t prolog = 0x0001;
 
