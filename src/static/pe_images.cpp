@@ -86,9 +86,10 @@ std::vector<std::wstring> CPEImage::ImportNames() const {
 }
 
 CScannedPE::CScannedPE(const std::wstring& path) : CPEImage(path) {
-    if (!Usable())
+    // Whether the file is an assembly is decided by the load alone. It is not asked of an image without a
+    // CLI header, where no reader of metadata can find any: that spares a second open of every native file.
+    if (!Usable() || DirectorySize(14) == 0 || DirectoryRva(14) == 0)
         return;
-    // Whether the file is an assembly is decided by the load alone, never by a look at the CLI header.
     qv::com_object<CDotNetAssembly>* created = nullptr;
     check_hr(qv::com_object<CDotNetAssembly>::CreateInstance(&created));
     qv::com_ptr<IDotNetAssembly> assembly(static_cast<IDotNetAssembly*>(created));
