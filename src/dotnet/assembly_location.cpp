@@ -17,25 +17,12 @@
 
 namespace {
 
-struct find_handle_traits {
-    using type = HANDLE;
-    static type invalid() noexcept { return INVALID_HANDLE_VALUE; }
-    static void close(type h) noexcept { ::FindClose(h); }
-};
-using unique_hfind = qv::unique_resource<find_handle_traits>;
+using qv::unique_hfind;
 
 using CreateAssemblyCacheFn = HRESULT(WINAPI*)(IAssemblyCache**, DWORD);
 
-bool EqualNoCase(std::wstring_view a, std::wstring_view b) {
-    return CompareStringOrdinal(a.data(), static_cast<int>(a.size()), b.data(), static_cast<int>(b.size()), TRUE) ==
-           CSTR_EQUAL;
-}
-
-// Whether part occurs anywhere within text, without regard to case.
-bool ContainsNoCase(std::wstring_view text, std::wstring_view part) {
-    return FindStringOrdinal(FIND_FROMSTART, text.data(), static_cast<int>(text.size()), part.data(),
-                             static_cast<int>(part.size()), TRUE) >= 0;
-}
+using qv::ContainsNoCase;
+using qv::EqualNoCase;
 
 // An empty folder gets one too, as the callers expect every found folder to end in a backslash.
 std::wstring WithBackslash(std::wstring folder) {

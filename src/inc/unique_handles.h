@@ -57,6 +57,11 @@ struct hkey_traits {
     static type invalid() noexcept { return nullptr; }
     static void close(type k) noexcept { ::RegCloseKey(k); }
 };
+struct find_handle_traits {
+    using type = HANDLE;
+    static type invalid() noexcept { return INVALID_HANDLE_VALUE; }
+    static void close(type h) noexcept { ::FindClose(h); }
+};
 struct hmodule_traits {
     using type = HMODULE;
     static type invalid() noexcept { return nullptr; }
@@ -68,6 +73,8 @@ using unique_hfile = unique_resource<file_handle_traits>;
 // Any other kernel handle (process, event): NULL is empty.
 using unique_handle = unique_resource<handle_traits>;
 using unique_hkey = unique_resource<hkey_traits>;
+// A FindFirstFileW search: INVALID_HANDLE_VALUE is empty.
+using unique_hfind = unique_resource<find_handle_traits>;
 using unique_hmodule = unique_resource<hmodule_traits>;
 
 } // namespace qv

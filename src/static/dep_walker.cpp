@@ -485,12 +485,10 @@ bool CDepWalker::DepFileExists(const std::wstring& depPath) {
     auto [it, added] = m_depFiles.try_emplace(FoldedName(folder));
     if (added) {
         WIN32_FIND_DATAW data;
-        HANDLE find = FindFirstFileW((folder + L"*.dep").c_str(), &data);
-        for (bool more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data))
+        qv::unique_hfind find(FindFirstFileW((folder + L"*.dep").c_str(), &data));
+        for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.get(), &data))
             if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
                 it->second.insert(FoldedName(data.cFileName));
-        if (find != INVALID_HANDLE_VALUE)
-            FindClose(find);
     }
     return it->second.count(FoldedName(qv::FileNamePart(depPath))) != 0;
 }

@@ -69,6 +69,20 @@ inline bool StartsWithNoCase(std::wstring_view text, std::wstring_view prefix) {
                                 static_cast<int>(prefix.size()), TRUE) == CSTR_EQUAL;
 }
 
+// Whether a and b are the same text without regard to case (ordinal, as file names compare).
+inline bool EqualNoCase(std::wstring_view a, std::wstring_view b) {
+    if (a.size() != b.size())
+        return false;
+    return a.empty() || CompareStringOrdinal(a.data(), static_cast<int>(a.size()), b.data(), static_cast<int>(b.size()),
+                                             TRUE) == CSTR_EQUAL;
+}
+
+// Whether part occurs anywhere within text, without regard to case.
+inline bool ContainsNoCase(std::wstring_view text, std::wstring_view part) {
+    return FindStringOrdinal(FIND_FROMSTART, text.data(), static_cast<int>(text.size()), part.data(),
+                             static_cast<int>(part.size()), TRUE) >= 0;
+}
+
 // The extension of a path's last component including its dot (".dll"), or empty.
 inline std::wstring_view ExtensionPart(std::wstring_view path) {
     auto slash = path.find_last_of(L"\\/");

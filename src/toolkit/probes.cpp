@@ -82,13 +82,6 @@ std::wstring ExpandEnvironment(const std::wstring& text) {
     return text;
 }
 
-struct find_handle_traits {
-    using type = HANDLE;
-    static type invalid() noexcept { return INVALID_HANDLE_VALUE; }
-    static void close(type h) noexcept { ::FindClose(h); }
-};
-using unique_hfind = unique_resource<find_handle_traits>;
-
 class system_path_probe final : public detail::path_probe {
 public:
     DWORD Attributes(const std::wstring& path, DWORD& error) override {

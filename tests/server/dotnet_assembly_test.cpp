@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 using namespace qv::test;
 using qv::com_ptr;
@@ -295,6 +296,50 @@ TEST(DotNetAssembly, InteropAssembliesNameTheirRegisteredTypeLibrary) {
         EXPECT_EQ(refs.count(L"fixturelib.tlb"), r.typeLibrary ? 1u : 0u);
         if (r.typeLibrary)
             EXPECT_TRUE(refs[L"fixturelib.tlb"].found);
+    }
+}
+
+TEST(DotNetAssembly, TheStaticScanFollowsTheWholeTreeOfBothWorlds) {
+    com_apartment apartment;
+    struct row {
+        long type;
+        std::set<std::wstring> found, missing;
+    };
+    const std::set<std::wstring> tree = {L"chain1.dll", L"chain2.dll", L"cyclea.dll", L"cycleb.dll",
+                                         L"interop.fixturelib.dll", L"lib.dll", L"multi.dll", L"part.netmodule"};
+    // Missing: the end of the chain, the framework (none in this prefix) and the 32-bit native library.
+    const std::set<std::wstring> missing = {L"chain3", L"mscorlib", L"qvnative.dll"};
+    // The module file is no assembly: it is walked as an image, and its import of the 32-bit runtime's
+    // mscoree.dll finds no 32-bit file, unless import tables are not read.
+    std::set<std::wstring> withImports = missing;
+    withImports.insert(L"mscoree.dll");
+    const row rows[] = {{estAny, tree, withImports}, {estNoPEDepsForAssemblies, tree, missing},
+                        {estAnyUnlessScannedFileIsAssembly, {}, {}}};
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.type);
+        com_ptr<IStaticScan> scan;
+        ASSERT_EQ(server().Create(CLSID_StaticScan, nullptr, IID_IStaticScan, scan.put_void()), S_OK);
+        host_sink sink;
+        VARIANT_BOOL completed = 0;
+        ASSERT_EQ(scan->ScanFile(qv::bstr(dotnet(L"app\\App.exe")).get(), &sink, VARIANT_FALSE, qv::bstr(L"").get(),
+                                 static_cast<EScanType>(r.type), &completed),
+                  S_OK);
+        com_ptr<IDepFiles> files;
+        ASSERT_EQ(scan->get_Dependencies(files.put()), S_OK);
+        std::set<std::wstring> found, absent;
+        for (const auto& [name, rec] : records(files.get()))
+            (rec.missing ? absent : found).insert(name);
+        EXPECT_EQ(found, r.found);
+        EXPECT_EQ(absent, r.missing);
+        // Each assembly's record carries its assembly object; a module file's does not.
+        for (long i = 1, count = (files->get_Count(&count), count); i <= count; ++i) {
+            com_ptr<IDepFile> f;
+            files->get_Item(index_of(i), f.put());
+            com_ptr<IDotNetAssembly> assembly;
+            f.query<IDepFileInfo>(IID_IDepFileInfo)->get_Assembly(assembly.put());
+            const std::wstring name = lower(read(f.get()).name);
+            EXPECT_EQ(static_cast<bool>(assembly), tree.count(name) && name != L"part.netmodule") << narrow(name);
+        }
     }
 }
 
