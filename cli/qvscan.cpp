@@ -3,11 +3,12 @@
 //
 //   qvscan static FILE [--lang TEXT] [--type N] [--no-filter] [--json]
 //   qvscan pe FILE [--json]
+//   qvscan assembly FILE [--json]                                   (assembly_command.cpp)
 //   qvscan trace APP [ARGS...] [options] | attach PID [options]     (trace_command.cpp)
 //   qvscan register [--user] | unregister [--user]
 //
-// Exit codes: 0 done; 1 the scan or the server failed; 2 wrong arguments; 3 the file does not exist;
-// 4 the traced target was ended before it finished.
+// Exit codes: 0 done; 1 the scan or the server failed, or an assembly's metadata is corrupt; 2 wrong
+// arguments; 3 the file does not exist; 4 the traced target was ended before it finished.
 #include "QVWIScanners.h"
 #include "server/class_registration.h"
 #include "qvscan.h"
@@ -23,7 +24,6 @@
 #include <cwchar>
 #include <exception>
 #include <optional>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -48,6 +48,7 @@ std::wstring lower(std::wstring text) {
 
 const char* const Usage = "usage: qvscan static FILE [--lang TEXT] [--type N] [--no-filter] [--json]\n"
                           "       qvscan pe FILE [--json]\n"
+                          "       qvscan assembly FILE [--json]\n"
                           "       qvscan ini FILE [SECTION [KEY]]\n"
                           "       qvscan trace APP [ARGS...] [--dir D] [--tag T] [--this-process-only] [--no-filter]\n"
                           "                    [--json] [--timeout S]     (after \"--\" every argument is APP's)\n"
@@ -75,79 +76,10 @@ std::string describe(HRESULT hr) {
     return message.empty() ? hex(hr) : utf8(message) + " (" + hex(hr) + ")";
 }
 
-// The sink of a static scan: counts the files met, keeps what the import tables named (in lower case),
-// and draws progress on a terminal.
-class progress_sink : public IStaticScanEventsValeSP {
-public:
-    long files = 0;
-    std::set<std::wstring> named;
-
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
-        if (!ppv)
-            return E_POINTER;
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IStaticScanEvents) ||
-            IsEqualIID(iid, IID_IStaticScanEventsTarn) || IsEqualIID(iid, IID_IStaticScanEventsFellSP2) ||
-            IsEqualIID(iid, IID_IStaticScanEventsValeSP)) {
-            *ppv = static_cast<IStaticScanEventsValeSP*>(this);
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    // Lives on the stack of the command, longer than the scan.
-    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-    ULONG STDMETHODCALLTYPE Release() override { return 1; }
-
-    HRESULT STDMETHODCALLTYPE FoundDepFile(BSTR path) override {
-        ++files;
-        named.insert(lower(path ? path : L""));
-        DWORD now = GetTickCount();
-        if (m_terminal && now - m_lastDraw > 200) {
-            m_lastDraw = now;
-            err("\rscanning: " + std::to_string(files) + " files met");
-            m_drawn = true;
-        }
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetReferencePath(BSTR, BSTR* psPath) override {
-        if (psPath)
-            *psPath = nullptr;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE ErrorEncountered(BSTR file, LONG code, BSTR text) override {
-        clear();
-        err("qvscan: " + utf8(file ? file : L"") + ": " + utf8(text ? text : L"") + " (" + hex(code) + ")\n");
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE get_MMCatalog(IUnknown** catalog) override {
-        if (!catalog)
-            return E_POINTER;
-        *catalog = nullptr;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetOtherReferences(VARIANT* value) override {
-        if (value)
-            VariantInit(value);
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE get_Component(IUnknown** component) override {
-        if (!component)
-            return E_POINTER;
-        *component = nullptr;
-        return S_OK;
-    }
-
-    void clear() {
-        if (m_drawn)
-            err("\r\x1b[K");
-        m_drawn = false;
-    }
-
-private:
-    bool m_terminal = err_is_terminal();
-    bool m_drawn = false;
-    DWORD m_lastDraw = 0;
-};
+std::string failure_text(HRESULT hr) {
+    const std::wstring why = qv::take_error_description();
+    return why.empty() ? describe(hr) : utf8(why) + " (" + hex(hr) + ")";
+}
 
 std::wstring version_text(long major, long minor) {
     if (major == 0 && minor == 0)
@@ -407,7 +339,7 @@ options parse(int argc, wchar_t** argv) {
     o.command = argv[1];
     if (o.command == L"-h" || o.command == L"--help" || o.command == L"help")
         throw usage_error{""};
-    const bool scans = o.command == L"static" || o.command == L"pe" || o.command == L"ini";
+    const bool scans = o.command == L"static" || o.command == L"pe" || o.command == L"assembly" || o.command == L"ini";
     const bool registers = o.command == L"register" || o.command == L"unregister";
     if (o.command == L"setup") {
         if (argc != 3 || !*argv[2])
@@ -476,9 +408,7 @@ int run_static(const server_dll& dll, const options& o) {
     sink.clear();
     if (FAILED(hr)) {
         // The server says in words what went wrong where it can (a list it cannot load, say).
-        std::wstring why = qv::take_error_description();
-        err("qvscan: scanning " + utf8(file) +
-            " failed: " + (why.empty() ? describe(hr) : utf8(why) + " (" + hex(hr) + ")") + "\n");
+        err("qvscan: scanning " + utf8(file) + " failed: " + failure_text(hr) + "\n");
         return ExitFailed;
     }
     qv::com_ptr<IDepFiles> files;
@@ -754,6 +684,8 @@ int wmain(int argc, wchar_t** argv) {
             rc = run_trace(dll, o);
         else if (o.command == L"pe")
             rc = run_pe(dll, o);
+        else if (o.command == L"assembly")
+            rc = run_assembly(dll, o);
         else
             rc = run_register(dll, o, o.command == L"register");
     } catch (const com_exception& e) {

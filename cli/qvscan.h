@@ -9,6 +9,7 @@
 
 #include <windows.h>
 
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -26,6 +27,9 @@ std::wstring lower(std::wstring text);
 std::string hex(HRESULT hr);
 // The system's words for hr, with the number; the number alone when the system has none.
 std::string describe(HRESULT hr);
+// The server's words for a failure where it left them in the thread's error object (taking them), else the
+// system's; with the number.
+std::string failure_text(HRESULT hr);
 
 // The server DLL, loaded by path.
 class server_dll {
@@ -75,6 +79,81 @@ private:
     HRESULT(STDAPICALLTYPE* m_getClassObject)(REFCLSID, REFIID, void**) = nullptr;
 };
 
+// The events of a static scan and of an assembly's reference walk: counts the files met, keeps what the
+// import tables named (in lower case), draws progress on a terminal, and knows nothing the server asks for
+// (no reference path, no other references, no component, no catalog).
+class progress_sink : public IStaticScanEventsValeSP {
+public:
+    long files = 0;
+    std::set<std::wstring> named;
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
+        if (!ppv)
+            return E_POINTER;
+        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IStaticScanEvents) ||
+            IsEqualIID(iid, IID_IStaticScanEventsTarn) || IsEqualIID(iid, IID_IStaticScanEventsFellSP2) ||
+            IsEqualIID(iid, IID_IStaticScanEventsValeSP)) {
+            *ppv = static_cast<IStaticScanEventsValeSP*>(this);
+            return S_OK;
+        }
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    // Lives on the stack of the command, longer than the scan.
+    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
+    ULONG STDMETHODCALLTYPE Release() override { return 1; }
+
+    HRESULT STDMETHODCALLTYPE FoundDepFile(BSTR path) override {
+        ++files;
+        named.insert(lower(path ? path : L""));
+        DWORD now = GetTickCount();
+        if (m_terminal && now - m_lastDraw > 200) {
+            m_lastDraw = now;
+            err("\rscanning: " + std::to_string(files) + " files met");
+            m_drawn = true;
+        }
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE GetReferencePath(BSTR, BSTR* psPath) override {
+        if (psPath)
+            *psPath = nullptr;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE ErrorEncountered(BSTR file, LONG code, BSTR text) override {
+        clear();
+        err("qvscan: " + utf8(file ? file : L"") + ": " + utf8(text ? text : L"") + " (" + hex(code) + ")\n");
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE get_MMCatalog(IUnknown** catalog) override {
+        if (!catalog)
+            return E_POINTER;
+        *catalog = nullptr;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE GetOtherReferences(VARIANT* value) override {
+        if (value)
+            VariantInit(value);
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE get_Component(IUnknown** component) override {
+        if (!component)
+            return E_POINTER;
+        *component = nullptr;
+        return S_OK;
+    }
+
+    void clear() {
+        if (m_drawn)
+            err("\r\x1b[K");
+        m_drawn = false;
+    }
+
+private:
+    bool m_terminal = err_is_terminal();
+    bool m_drawn = false;
+    DWORD m_lastDraw = 0;
+};
+
 // One record as the tool shows it.
 struct record {
     std::wstring name, path, destPath;
@@ -113,5 +192,7 @@ struct options {
 
 // qvscan trace and qvscan attach.
 int run_trace(const server_dll& dll, const options& o);
+// qvscan assembly.
+int run_assembly(const server_dll& dll, const options& o);
 
 } // namespace qvscan

@@ -3,7 +3,8 @@
 programs against an independent reading of their import tables; the fixture tree record by record), table,
 exits (usage errors, exit codes, messages), script (JScript and VBScript clients through the registration entries), hostile
 (files rewritten under the scan, Linux paths Windows cannot spell, .dep companions), trace (dynamic scans against
-the loader's own log of the same run)."""
+the loader's own log of the same run), assembly (the .NET fixtures: identity, references and their kinds, the
+static scan of the whole tree)."""
 import argparse, json, os, re, shutil, struct, subprocess, sys, tempfile, threading, time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "static"))
@@ -90,6 +91,7 @@ def case_exits(a):
         (["static", "C:\\x.exe", "--frobnicate"], 2, "unknown option"), (["pe", "a", "b"], 2, "unexpected argument"),
         (["--help"], 0, "usage:"), (["static", "C:\\no\\such\\file.exe"], 3, "no such file"),
         (["pe", "C:\\no\\such\\file.dll"], 3, "no such file"), (["ini", "C:\\no\\such.ini"], 3, "no such file"),
+        (["assembly"], 2, "needs a FILE"), (["assembly", "C:\\x.dll", "--no-filter"], 2, "unknown option"),
         (["ini", "C:\\windows\\win.ini", "no-section"], 1, "has no section [no-section]"),
         (["setup"], 2, "setup needs one COMMAND LINE"), (["setup", "C:\\no\\setup.exe"], 1, "setup.exe: File not found"),
     ]
@@ -283,11 +285,73 @@ def case_trace(a):
         expect(recorded == ({plugin.lower()} if program == host else set()), f"{program}: filtered {recorded}")
 
 
+def case_assembly(a):
+    d = a.fixtures + "/dotnet"
+    # The x86 native library on the Path: an AnyCPU program with no component asks for x86 libraries.
+    env = dict(os.environ, WINEPATH=win(d + "/native32"))
+    assembly = lambda path, *more: run(a, ["assembly", win(d + path)] + list(more), env=env)  # noqa
+    document = lambda path: json.loads(assembly(path, "--json").stdout)  # noqa
+    token = "a964ced94cf79d20"
+    r = assembly("/app/App.exe", "--json")
+    doc = json.loads(r.stdout)
+    refs = {x["name"]: x for x in doc["references"]}
+    expect(r.returncode == 0 and doc["assembly"] == {"name": "App", "version": "1.0.0.0", "culture": "neutral",
+                                                     "token": None, "machine": "MSIL"}, f"App: {doc['assembly']}")
+    expect(doc["summary"]["references"] == len(refs) and {"Lib.dll", "Chain1.dll", "kernel32.dll"} <= set(refs), refs)
+    lib = refs.get("Lib.dll", {})
+    expect(lib.get("found") and lib["kind"] == "assembly" and lib["version"] == "1.2.3.4"
+           and lib["token"] == token.upper() and lib["path"].lower() == win(d + "/app/Lib.dll").lower()
+           and lib["identity"] == f"Lib, Version=1.2.3.4, Culture=neutral, PublicKeyToken={token}", f"Lib: {lib}")
+    chain1 = refs.get("Chain1.dll", {})
+    expect(chain1.get("found") and chain1["identity"] == "Chain1, Version=1.0.0.0, Culture=neutral, PublicKeyToken=null"
+           and "Chain2.dll" not in refs, f"Chain1 found, Chain2 not a direct reference: {chain1}")
+    for name, path in [("kernel32.dll", None), ("user32.dll", None), ("qvnative.dll", d + "/native32/qvnative.dll")]:
+        x = refs.get(name, {})
+        expect(x.get("kind") == "native" and x["machine"] == "x86" and (path is None or x["path"] == win(path)),
+               f"native {name}: {x}")
+    lines = assembly("/app/App.exe").stdout.splitlines()
+    expect(lines[:5] == ["name     App", "version  1.0.0.0", "culture  neutral", "token    -", "machine  MSIL"]
+           and any(l.split()[:5] == ["Lib.dll", "assembly", "-", "1.2.3.4", token.upper()] for l in lines)
+           and lines[-1].startswith(f"{len(refs)} references, "), f"App as text: {lines}")
+    # The missing link is Chain2's, shown with the identity its reference asks for.
+    chain3 = {x["name"]: x for x in document("/app/Chain2.dll")["references"]}.get("Chain3")
+    expect(chain3 == {"name": "Chain3", "kind": "assembly", "found": False, "path": None, "machine": None,
+                      "version": None, "token": None,
+                      "identity": f"Chain3, Version=3.0.0.0, Culture=neutral, PublicKeyToken={token}"}, f"{chain3}")
+    expect("missing: Chain3, Version=3.0.0.0" in assembly("/app/Chain2.dll").stdout, "Chain3 missing in the table")
+    part = [(x["name"], x["kind"], x["found"]) for x in document("/app/Multi.dll")["references"]]
+    expect([x for x in part if x[1] != "assembly"] == [("Part.netmodule", "module file", True)], f"Multi: {part}")
+    # The real culture of a satellite; the machine from the CLI header, and the native machine asked for.
+    satellite = document("/app/de/Lib.resources.dll")["assembly"]
+    expect(satellite["culture"] == "de" and satellite["token"] == token.upper(), f"satellite: {satellite}")
+    x86, x64 = document("/bits/X86.exe"), document("/bits/X64.exe")
+    natives = [(x["name"], x["machine"], x["found"]) for x in x64["references"] if x["kind"] == "native"]
+    expect(x86["assembly"]["machine"] == "X86" and x64["assembly"]["machine"] == "Amd64"
+           and natives == [("qvnative.dll", "x64", False)], f"bits: {x86['assembly']} {x64}")
+    with tempfile.TemporaryDirectory() as tmp:
+        with open(d + "/app/Lib.dll", "rb") as f, open(tmp + "/corrupt.dll", "wb") as g:
+            g.write(f.read().replace(b"BSJB", b"XXXX"))
+        # A file that is no assembly is told so on standard output; a missing or corrupt one on standard error.
+        for path, code, text in [(d + "/native64/qvnative.dll", 0, "not an assembly: "),
+                                 (d + "/app/Part.netmodule", 0, "not an assembly: a module of a multi-file assembly"),
+                                 (d + "/no/such.dll", 3, "no such file"), (tmp + "/corrupt.dll", 1, "corrupt")]:
+            r, j = run(a, ["assembly", win(path)]), run(a, ["assembly", win(path), "--json"])
+            expect(r.returncode == j.returncode == code and text in (r.stderr if code else r.stdout)
+                   and (code != 1 or "(0x8013110E)" in r.stderr) and json.loads(j.stdout)["assembly"] is None,
+                   f"{path}: {r.returncode} {r.stdout!r} {r.stderr!r}")
+    # The static scan goes down the whole tree: each assembly once (the cycle too), the chain's end missing.
+    deps = json.loads(run(a, ["static", win(d + "/app/App.exe"), "--json"], env=env).stdout)["dependencies"]
+    found = [x["name"] for x in deps if not x["missing"]]
+    expect({"Lib.dll", "Chain1.dll", "Chain2.dll", "CycleA.dll", "CycleB.dll", "Multi.dll", "Part.netmodule",
+            "qvnative.dll"} <= set(found) and len(found) == len(set(found))
+           and "Chain3" in [x["name"] for x in deps if x["missing"]], f"static scan of App.exe: {deps}")
+
+
 def main():
     ap = argparse.ArgumentParser()
     for option in ["--emulator", "--tool", "--dump", "--prefix", "--fixtures", "--script-host"]:
         ap.add_argument(option, required=True)
-    ap.add_argument("case", choices=["json", "table", "exits", "script", "hostile", "trace"])
+    ap.add_argument("case", choices=["json", "table", "exits", "script", "hostile", "trace", "assembly"])
     a = ap.parse_args()
     globals()["case_" + a.case](a)
     print(f"{0 if failures else 1} passed, {len(failures)} failed")
