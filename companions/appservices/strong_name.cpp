@@ -51,8 +51,11 @@ bool IsPublicKeyBlob(std::span<const std::uint8_t> blob) {
 }
 
 strong_name_token TokenFromPublicKey(std::span<const std::uint8_t> blob) {
-    unique_algorithm algorithm;
-    check_status(BCryptOpenAlgorithmProvider(algorithm.put(), BCRYPT_SHA1_ALGORITHM, nullptr, 0));
+    // Opening the provider costs more than hashing a key: it is opened once for the library's life (a
+    // provider handle may be shared by threads), and opened again only after a failed open.
+    static unique_algorithm algorithm;
+    if (!algorithm)
+        check_status(BCryptOpenAlgorithmProvider(algorithm.put(), BCRYPT_SHA1_ALGORITHM, nullptr, 0));
     unique_hash hash;
     check_status(BCryptCreateHash(algorithm.get(), hash.put(), nullptr, 0, nullptr, 0, 0));
     // BCryptHashData takes a ULONG length; a key blob is far smaller, but feed it in pieces all the same.

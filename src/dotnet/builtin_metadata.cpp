@@ -22,12 +22,29 @@ namespace {
 namespace md = qv::metadata;
 using md::table;
 
-// One file as the scope reads it; the bytes stay with the scope, so that what it hands out lives as long.
+// One file as the scopes read it; the bytes stay while a scope lives, so that what it hands out lives as
+// long. The two scopes of one open share it.
 struct opened_file {
     explicit opened_file(const std::wstring& path) : view(path) {}
     CFileView view;
     std::optional<qv::pe::pe_image> image;
     std::optional<md::metadata_reader> reader;
+    HRESULT result = E_FAIL; // what the read of the file said
+
+    void read() {
+        if (view.OpenStatus() != CFileView::OpenOk) {
+            result = view.OpenStatus() == CFileView::OpenNoFile ? HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)
+                                                                : COR_E_BADIMAGEFORMAT;
+            return;
+        }
+        image = qv::pe::pe_image::open(view.Bytes());
+        if (!image || !md::read_cli_header(*image)) {
+            result = COR_E_BADIMAGEFORMAT;
+            return;
+        }
+        reader = md::metadata_reader::open(*image);
+        result = reader ? S_OK : CLDB_E_FILE_CORRUPT;
+    }
 };
 
 // A caller's text buffer as the runtime fills it: *needed gets the length with its end mark; a buffer
@@ -122,21 +139,12 @@ public:
     QV_INTERFACE(IID_IMetaDataAssemblyImport, IMetaDataAssemblyImport)
     QV_END_INTERFACE_MAP()
 
-    // Reads the file; the HRESULT tells whether it is an assembly the scope can serve.
-    HRESULT Open(const std::wstring& path) {
-        m_file = std::make_unique<opened_file>(path);
-        if (m_file->view.OpenStatus() != CFileView::OpenOk)
-            return m_file->view.OpenStatus() == CFileView::OpenNoFile ? HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)
-                                                                      : COR_E_BADIMAGEFORMAT;
-        m_file->image = qv::pe::pe_image::open(m_file->view.Bytes());
-        if (!m_file->image || !md::read_cli_header(*m_file->image))
-            return COR_E_BADIMAGEFORMAT;
-        m_file->reader = md::metadata_reader::open(*m_file->image);
-        if (!m_file->reader) {
+    // Serves the file as read; the HRESULT tells whether it is an assembly the scope can serve.
+    HRESULT Open(std::shared_ptr<opened_file> file, const std::wstring& path) {
+        m_file = std::move(file);
+        if (m_file->result == CLDB_E_FILE_CORRUPT)
             qv::set_error_description(L"The .NET metadata of " + path + L" is corrupt.");
-            return CLDB_E_FILE_CORRUPT;
-        }
-        return S_OK;
+        return m_file->result;
     }
 
     // Both interfaces close their enumerators the same way.
@@ -422,7 +430,7 @@ public:
 private:
     const md::metadata_reader& Reader() const { return *m_file->reader; }
 
-    std::unique_ptr<opened_file> m_file;
+    std::shared_ptr<opened_file> m_file;
     std::deque<std::string> m_names;
 };
 
@@ -446,13 +454,27 @@ public:
             if (FAILED(hr))
                 return hr;
             qv::com_ptr<IUnknown> hold(static_cast<IMetaDataImport2*>(scope));
-            hr = scope->Open(szScope ? szScope : L"");
+            const std::wstring path = szScope ? szScope : L"";
+            // A file opened for one interface and opened again for the other is read once, while the
+            // first scope lives.
+            std::shared_ptr<opened_file> file = path == m_lastPath ? m_last.lock() : nullptr;
+            if (!file) {
+                file = std::make_shared<opened_file>(path);
+                file->read();
+                m_lastPath = path;
+                m_last = file;
+            }
+            hr = scope->Open(std::move(file), path);
             if (FAILED(hr))
                 return hr;
             return hold->QueryInterface(riid, reinterpret_cast<void**>(ppIUnk));
         });
     }
     QV_NOT_SERVED(OpenScopeOnMemory, LPCVOID, ULONG, DWORD, REFIID, IUnknown**)
+
+private:
+    std::wstring m_lastPath;
+    std::weak_ptr<opened_file> m_last;
 };
 
 #undef QV_NOT_SERVED

@@ -19,7 +19,7 @@ namespace {
 // the platform refused once is not asked again in this process; what it gave is asked for each time.
 bool s_PlatformDispenserAbsent = false;
 bool s_FusionAbsent = false;
-std::set<std::wstring> s_RuntimesWithoutStrongName;
+bool s_StrongNameAbsent = false;
 
 int s_ScopeOpenFlags = -1;
 
@@ -181,6 +181,8 @@ int CompareVersionStrings(const std::wstring& first, const std::wstring& second)
 
 qv::com_ptr<ICLRStrongName> GetStrongNameInterface(const std::wstring& file) {
     qv::com_ptr<ICLRStrongName> service;
+    if (s_StrongNameAbsent)
+        return service;
     mscoree_library mscoree;
     qv::com_ptr<ICLRMetaHost> host = mscoree.meta_host();
     if (!host)
@@ -188,14 +190,15 @@ qv::com_ptr<ICLRStrongName> GetStrongNameInterface(const std::wstring& file) {
     // The runtime the assembly was built against, not the newest one installed.
     wchar_t version[101] = {};
     DWORD size = 100;
-    if (FAILED(host->GetVersionFromFile(file.c_str(), version, &size)) || s_RuntimesWithoutStrongName.count(version))
+    if (FAILED(host->GetVersionFromFile(file.c_str(), version, &size)))
         return service;
     qv::com_ptr<ICLRRuntimeInfo> runtime;
     if (FAILED(host->GetRuntime(version, qv::clr::IID_ICLRRuntimeInfo, runtime.put_void())) || !runtime)
         return service;
     if (FAILED(runtime->GetInterface(qv::clr::CLSID_CLRStrongName, qv::clr::IID_ICLRStrongName, service.put_void()))) {
+        // Every runtime since 2.0 has the service; one that refuses it cannot be loaded at all here.
         service.reset();
-        s_RuntimesWithoutStrongName.insert(version);
+        s_StrongNameAbsent = true;
     }
     return service;
 }
