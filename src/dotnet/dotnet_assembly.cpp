@@ -41,11 +41,6 @@ std::vector<mdToken> enumerate_tokens(Interface* scope, Enumerate enumerate) {
     return tokens;
 }
 
-bool has_extension(const std::wstring& name) {
-    const std::wstring file = qv::FileNamePart(name);
-    return file.find(L'.') != std::wstring::npos;
-}
-
 void remember_seen(const std::wstring& path) {
     g_SeenAssemblyFiles.emplace(path, 1);
 }
@@ -384,7 +379,7 @@ void CDotNetAssembly::WalkModuleRefs(IStaticScanEvents* pEvents) {
         // An empty name ends the walk, not only this reference.
         if (name.empty())
             return;
-        if (!has_extension(name))
+        if (qv::ExtensionPart(name).empty())
             name += L".dll";
         remember_seen(name);
         DWORD machine = 0;
@@ -418,7 +413,7 @@ void CDotNetAssembly::WalkFiles(IStaticScanEvents*) {
         DWORD flags = 0;
         scope->GetFileProps(token, buffer, 512, &length, &hash, &hashLength, &flags);
         std::wstring name = buffer;
-        if (!has_extension(name))
+        if (qv::ExtensionPart(name).empty())
             name += L".dll";
         remember_seen(name);
         auto reference = make_object<CDotNetAssemblyRef>();

@@ -3,6 +3,7 @@
 #include "dotnet/builtin_metadata.h"
 #include "inc/unique_handles.h"
 #include "toolkit/probes.h"
+#include "traits/settings_document.h"
 #include "toolkit/version_info.h"
 
 #include <cstdio>
@@ -206,22 +207,15 @@ qv::com_ptr<ICLRStrongName> GetStrongNameInterface(const std::wstring& file) {
 HMODULE LoadFusion() {
     if (s_FusionAbsent)
         return nullptr;
+    mscoree_library mscoree;
+    qv::com_ptr<ICLRMetaHost> host = mscoree.meta_host();
     // This handle of mscoree.dll is never freed, as the runtime's fusion.dll may rely on it.
-    HMODULE mscoree = LoadLibraryW(L"mscoree.dll");
-    auto create = mscoree ? reinterpret_cast<qv::clr::CLRCreateInstanceFn>(
-                                reinterpret_cast<void*>(GetProcAddress(mscoree, "CLRCreateInstance")))
-                          : nullptr;
-    qv::com_ptr<ICLRMetaHost> host;
-    if (!create || FAILED(create(qv::clr::CLSID_CLRMetaHost, qv::clr::IID_ICLRMetaHost, host.put_void())) || !host) {
+    mscoree.module.release();
+    if (!host) {
         s_FusionAbsent = true;
         return nullptr;
     }
-    struct no_case_less {
-        bool operator()(const std::wstring& a, const std::wstring& b) const {
-            return _wcsicmp(a.c_str(), b.c_str()) < 0;
-        }
-    };
-    std::map<std::wstring, qv::com_ptr<ICLRRuntimeInfo>, no_case_less> runtimes;
+    std::map<std::wstring, qv::com_ptr<ICLRRuntimeInfo>, qv::no_case_less> runtimes;
     std::wstring best;
     for_each_runtime(host.get(), [&](const qv::com_ptr<ICLRRuntimeInfo>& runtime) {
         std::wstring version = runtime_version(runtime.get(), 260);
