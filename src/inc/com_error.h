@@ -11,14 +11,14 @@
 
 namespace qv {
 
-// Sets the thread's error object to the description (source "QVWIScanners"); failures to do so are
-// ignored, the HRESULT still tells what went wrong.
-inline void set_error_description(const std::wstring& description) {
+// Sets the thread's error object to the description (source "QVWIScanners" unless told); failures to do
+// so are ignored, the HRESULT still tells what went wrong.
+inline void set_error_description(const std::wstring& description, const wchar_t* source = L"QVWIScanners") {
     com_ptr<ICreateErrorInfo> create;
     if (FAILED(CreateErrorInfo(create.put())))
         return;
     create->SetGUID(GUID_NULL);
-    create->SetSource(const_cast<LPOLESTR>(L"QVWIScanners"));
+    create->SetSource(const_cast<LPOLESTR>(source));
     std::wstring text = description;
     create->SetDescription(text.data());
     com_ptr<IErrorInfo> info = create.query<IErrorInfo>(IID_IErrorInfo);

@@ -10,6 +10,7 @@
 
 #include <array>
 #include "static/static_scan.h"
+#include "vb/vbp_scan.h"
 
 namespace qv {
 
@@ -25,6 +26,8 @@ create_fn creator_of(const CLSID& clsid) {
         return &qv::creator<CDepChecker>::CreateInstance;
     if (IsEqualCLSID(clsid, CLSID_ScanUtil))
         return &qv::creator<CScanUtil>::CreateInstance;
+    if (IsEqualCLSID(clsid, CLSID_VBPScan))
+        return &qv::creator<CVBPScan>::CreateInstance;
     if (IsEqualCLSID(clsid, CLSID_DotNetAssembly))
         return &qv::creator<CDotNetAssembly>::CreateInstance;
     if (IsEqualCLSID(clsid, CLSID_DepFile))

@@ -24,7 +24,8 @@ constexpr long ModeNoImportTables = 2;
 const wchar_t* const InitialSkipNames[] = {L"kernel32.dll", L"ntdll.dll",   L"user32.dll", L"gdi32.dll",
                                            L"advapi32.dll", L"shell32.dll", L"ole32.dll"};
 
-// Key and subject of a module the catalog has, from its record.
+} // namespace
+
 void TakeModuleTexts(IUnknown* module, ScannedFile& record) {
     qv::com_ptr<IQvMergeModule> texts;
     check_hr(module->QueryInterface(IID_IQvMergeModule, texts.put_void()));
@@ -34,8 +35,6 @@ void TakeModuleTexts(IUnknown* module, ScannedFile& record) {
     record.MergeModuleKey = key.str();
     record.MergeModuleSubject = subject.str();
 }
-
-} // namespace
 
 ScannedFile::ScannedFile(const std::wstring& path, bool selfRegistering)
     : Name(qv::FileNamePart(path)), FullPath(path), SelfRegistering(selfRegistering) {}

@@ -37,6 +37,9 @@ struct ScannedFile {
     ScannedFile(const std::wstring& path, IUnknown* assembly);
 };
 
+// Key and subject of a module the catalog has, from its record; a failure of the record is thrown.
+void TakeModuleTexts(IUnknown* module, ScannedFile& record);
+
 // Order of the result maps: VarBstrCmp at the user-default locale with no flags, which is
 // case-sensitive, so two spellings of one name are two keys.
 struct BstrOrder {

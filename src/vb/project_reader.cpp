@@ -68,19 +68,6 @@ bool StartsWith(std::wstring_view line, std::wstring_view key) {
     return line.starts_with(key);
 }
 
-// Visits the lines of a file, asking the host before each read, the one that finds the end included.
-// False when the host cancelled.
-template <typename Visit> bool EachLine(const std::wstring& path, project_reader_host& host, Visit visit) {
-    const std::vector<std::wstring> lines = ReadProjectLines(path);
-    for (size_t n = 0;; ++n) {
-        if (host.QueryCancel())
-            return false;
-        if (n == lines.size())
-            return true;
-        visit(lines[n]);
-    }
-}
-
 // The value of a quoted key: its first and last character dropped unseen.
 void TakeQuoted(const std::wstring& line, size_t keyLength, std::wstring& field) {
     if (line.size() > keyLength + 2)
@@ -141,7 +128,7 @@ void CompleteInfo(const std::wstring& path, int oleType, bool hasClass, bool has
 // The "Object =" lines of a form file, up to its first blank line or a cancellation.
 int CountFormObjects(const std::wstring& form, project_reader_host& host) {
     int count = 0;
-    EachLine(form, host, [&](const std::wstring& line) { count += StartsWith(line, L"Object =") ? 1 : 0; });
+    EachProjectLine(form, host, [&](const std::wstring& line) { count += StartsWith(line, L"Object =") ? 1 : 0; });
     return count;
 }
 
@@ -152,7 +139,7 @@ void ReadForms(const std::wstring& path, const VBProjectInfo& info, int forms, i
     state.m_formFiles.clear();
     int i = 0;
     bool missing = false;
-    const bool read = EachLine(path, host, [&](const std::wstring& line) {
+    const bool read = EachProjectLine(path, host, [&](const std::wstring& line) {
         if (!StartsWith(line, L"Form="))
             return;
         ++i;
@@ -200,7 +187,7 @@ std::vector<std::wstring> ReadProjectLines(const std::wstring& path) {
 int ReadProject(const std::wstring& path, VBProjectInfo& info, project_reader_state& state, project_reader_host& host) {
     int steps = 0, forms = 0, oleType = 0;
     bool hasClass = false, hasUserDocument = false;
-    const bool read = EachLine(path, host, [&](const std::wstring& line) {
+    const bool read = EachProjectLine(path, host, [&](const std::wstring& line) {
         if (StartsWith(line, L"Reference=") || StartsWith(line, L"Object="))
             ++steps;
         else if (StartsWith(line, L"Form="))

@@ -58,6 +58,19 @@ public:
 // one; a line longer than 1023 characters is cut there and is the last. An unreadable file has no lines.
 std::vector<std::wstring> ReadProjectLines(const std::wstring& path);
 
+// Visits the lines of a file as ReadProjectLines gives them, asking the host before each read, the one
+// that finds the end included. False when the host cancelled.
+template <typename Visit> bool EachProjectLine(const std::wstring& path, project_reader_host& host, Visit visit) {
+    const std::vector<std::wstring> lines = ReadProjectLines(path);
+    for (size_t n = 0;; ++n) {
+        if (host.QueryCancel())
+            return false;
+        if (n == lines.size())
+            return true;
+        visit(lines[n]);
+    }
+}
+
 // The first reading of the project file at path into info and, when it names forms, the second reading of
 // those forms into state. Returns the step count: "Reference=" and "Object=" lines and the "Object =" lines
 // of each existing form file. A cancellation returns at once with the count and the fields so far; one at

@@ -1,6 +1,7 @@
 // The project file reader over texts written into a scratch folder, with a host that records what it is told.
 #include "test_support.h"
 #include "vb/project_reader.h"
+#include "vb/vbp_resolution.h"
 
 #include <gtest/gtest.h>
 
@@ -101,4 +102,53 @@ TEST(GroupWalk, ProjectsInFileOrderMissingOnesIncludedUntilAborted) {
         EXPECT_EQ(host.events, lines(all.begin(), all.begin() + (abortAt ? abortAt : 3))) << abortAt;
         EXPECT_EQ(host.asks, 0);
     }
+}
+
+TEST(Resolution, FieldsAndTypeLibVersions) {
+    const struct { wstring text; int n; wstring field; } fields[] = {
+        {L"a#b#c", 1, L"a"}, {L"a#b#c", 2, L"b"}, {L"a#b#c", 3, L""}, {L"a#b#c#", 3, L"c"}, {L"", 1, L""},
+        {L"*\\Aother.vbp", 1, L""}, {L"a##c#", 2, L""}, {L"x#y", 5, L""}};
+    for (const auto& f : fields)
+        EXPECT_EQ(GetDelimitedField(f.text, f.n, L"#"), f.field) << f.text << " " << f.n;
+    const std::pair<wstring, wstring> versions[] = {
+        {L"10.0", L"a.0"}, {L"2.0", L"2.0"}, {L"2.a", L"2.0"}, {L"255.16", L"ff.10"}, {L"", L"0.0"}, {L"7", L"7.0"}};
+    for (const auto& [version, spelled] : versions)
+        EXPECT_EQ(FormatTypeLibVersion(version), spelled) << version;
+}
+
+TEST(Resolution, ReferenceAndObjectLinesThroughTheRegistry) {
+    temp_dir dir;
+    registry_override classes(HKEY_CLASSES_ROOT);
+    const wstring lib = L"{5C5E1A00-0000-4000-8000-00000000AB10}", found = dir.write(L"found.ocx", "x");
+    auto set = [](const wstring& key, const wstring& value) {
+        registry_override::set_value(HKEY_CLASSES_ROOT, key, nullptr, REG_SZ, value.c_str(),
+                                     DWORD((value.size() + 1) * sizeof(wchar_t)));
+    };
+    set(L"TypeLib\\" + lib + L"\\a.0\\0\\win32", L"C:\\hex\\ten.dll");
+    set(L"TypeLib\\" + lib + L"\\2.a\\0\\win32", L"C:\\written\\two.dll");
+    set(L"Fixture.Server\\CLSID", L"{5C5E1A00-0000-4000-8000-00000000AB12}");
+    set(L"CLSID\\{5C5E1A00-0000-4000-8000-00000000AB12}\\LocalServer32", L"C:\\srv\\server.exe");
+    set(L"Relative.Server\\CLSID", L"{5C5E1A00-0000-4000-8000-00000000AB13}");
+    set(L"CLSID\\{5C5E1A00-0000-4000-8000-00000000AB13}\\LocalServer32", L"server.exe /automation");
+    const wstring folder = dir.path() + L"\\p\\";
+    const std::pair<wstring, wstring> references[] = {
+        {L"Reference=*\\G" + lib + L"#10.0#0#C:\\x\\y.dll#Y", L"C:\\hex\\ten.dll"},
+        {L"Reference=*\\G" + lib + L"#2.a#0#C:\\x\\y.dll#Y", L"C:\\written\\two.dll"},
+        {L"Reference=*\\G" + lib + L"#3.0#0#C:\\x\\y.dll#Y", L"C:\\x\\y.dll"},
+        {L"Reference=*\\G" + lib + L"#3.0#0#..\\lib\\y.tlb#Y", dir.path() + L"\\lib\\y.tlb"},
+        {L"Reference=*\\Aother.vbp", folder}, {L"Reference=*\\G" + lib + L"#3.0#0#", folder}};
+    for (const auto& [line, file] : references)
+        EXPECT_EQ(ResolveReferenceLine(line, folder), file) << line;
+    cwd_scope here(dir.path()); // the search path starts in the current folder
+    const std::pair<wstring, wstring> objects[] = {
+        {L"Object=" + lib + L"#10.0#0; GRID.OCX", L"C:\\hex\\ten.dll"},
+        {L"Object = \"" + lib + L"#2.a#0\"; \"GRID.OCX\"", L"C:\\written\\two.dll"},
+        {L"Object={00000000-0000-0000-0000-000000000001}#1.0#0; found.ocx", found},
+        {L"Object = \"{00000000-0000-0000-0000-000000000001}#1.0#0\"; \"nowhere.ocx\"", L"nowhere.ocx"},
+        {L"Object = \"{00000000-0000-0000-0000-000000000001}#1.0#0\"", L""},
+        {L"Object=Fixture.Server; server.exe", L"C:\\srv\\server.exe"},
+        {L"Object=\"Relative.Server\"; found.ocx", found}, {L"Object=Unknown.Server; plain.exe", L"plain.exe"},
+        {L"Object=no separators", L""}};
+    for (const auto& [line, file] : objects)
+        EXPECT_EQ(lower(ResolveObjectLine(line)), lower(file)) << line;
 }
