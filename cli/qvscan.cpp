@@ -4,11 +4,13 @@
 //   qvscan static FILE [--lang TEXT] [--type N] [--no-filter] [--json]
 //   qvscan pe FILE [--json]
 //   qvscan assembly FILE [--json]                                   (assembly_command.cpp)
+//   qvscan vbp PROJECT.vbp|GROUP.vbg [options]                      (vbp_command.cpp)
 //   qvscan trace APP [ARGS...] [options] | attach PID [options]     (trace_command.cpp)
 //   qvscan register [--user] | unregister [--user]
 //
 // Exit codes: 0 done; 1 the scan or the server failed, or an assembly's metadata is corrupt; 2 wrong
-// arguments; 3 the file does not exist; 4 the traced target was ended before it finished.
+// arguments; 3 the file does not exist, or a project scan stopped at a missing form or project; 4 the traced
+// target was ended before it finished, or a project scan was cancelled.
 #include "QVWIScanners.h"
 #include "server/class_registration.h"
 #include "qvscan.h"
@@ -49,6 +51,8 @@ std::wstring lower(std::wstring text) {
 const char* const Usage = "usage: qvscan static FILE [--lang TEXT] [--type N] [--no-filter] [--json]\n"
                           "       qvscan pe FILE [--json]\n"
                           "       qvscan assembly FILE [--json]\n"
+                          "       qvscan vbp PROJECT.vbp|GROUP.vbg [--rebuild] [--dep FILE] [--lang TEXT]\n"
+                          "                  [--no-filter] [--keep-going] [--json]\n"
                           "       qvscan ini FILE [SECTION [KEY]]\n"
                           "       qvscan trace APP [ARGS...] [--dir D] [--tag T] [--this-process-only] [--no-filter]\n"
                           "                    [--json] [--timeout S]     (after \"--\" every argument is APP's)\n"
@@ -339,7 +343,9 @@ options parse(int argc, wchar_t** argv) {
     o.command = argv[1];
     if (o.command == L"-h" || o.command == L"--help" || o.command == L"help")
         throw usage_error{""};
-    const bool scans = o.command == L"static" || o.command == L"pe" || o.command == L"assembly" || o.command == L"ini";
+    const bool scans = o.command == L"static" || o.command == L"pe" || o.command == L"assembly" ||
+                       o.command == L"ini" || o.command == L"vbp";
+    const bool project = o.command == L"vbp";
     const bool registers = o.command == L"register" || o.command == L"unregister";
     if (o.command == L"setup") {
         if (argc != 3 || !*argv[2])
@@ -356,7 +362,7 @@ options parse(int argc, wchar_t** argv) {
         auto value = [&](const char* name) { return option_value(argc, argv, i, name); };
         if (o.command != L"ini" && scans && a == L"--json") {
             o.json = true;
-        } else if (o.command == L"static" && a == L"--lang") {
+        } else if ((o.command == L"static" || project) && a == L"--lang") {
             o.lang = value("--lang");
             if (o.lang.size() > 64)
                 throw usage_error{"--lang wants a language of a .dep file (such as 0409 or enu), not " +
@@ -370,8 +376,14 @@ options parse(int argc, wchar_t** argv) {
             if (v.empty() || *end != L'\0' || errno == ERANGE || n < 0 || n > 32770 || (n & 32767) > 2)
                 throw usage_error{"--type wants 0, 1 or 2, optionally with 32768 added"};
             o.type = static_cast<long>(n);
-        } else if (o.command == L"static" && a == L"--no-filter") {
+        } else if ((o.command == L"static" || project) && a == L"--no-filter") {
             o.filter = false;
+        } else if (project && a == L"--dep") {
+            o.depFile = value("--dep");
+        } else if (project && a == L"--rebuild") {
+            o.rebuild = true;
+        } else if (project && a == L"--keep-going") {
+            o.keepGoing = true;
         } else if (registers && a == L"--user") {
             o.user = true;
         } else if (a.size() > 1 && a[0] == L'-') {
@@ -385,7 +397,7 @@ options parse(int argc, wchar_t** argv) {
         }
     }
     if (scans && o.file.empty())
-        throw usage_error{utf8(o.command) + " needs a FILE"};
+        throw usage_error{project ? "vbp needs a PROJECT (.vbp) or GROUP (.vbg)" : utf8(o.command) + " needs a FILE"};
     return o;
 }
 
@@ -686,6 +698,8 @@ int wmain(int argc, wchar_t** argv) {
             rc = run_pe(dll, o);
         else if (o.command == L"assembly")
             rc = run_assembly(dll, o);
+        else if (o.command == L"vbp")
+            rc = run_vbp(dll, o);
         else
             rc = run_register(dll, o, o.command == L"register");
     } catch (const com_exception& e) {

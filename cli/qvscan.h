@@ -188,11 +188,16 @@ struct options {
     bool thisProcessOnly = false;
     DWORD processId = 0;
     double timeout = 0; // seconds; 0 waits as long as the target runs
+    // vbp
+    std::wstring depFile;
+    bool rebuild = false, keepGoing = false;
 };
 
 // qvscan trace and qvscan attach.
 int run_trace(const server_dll& dll, const options& o);
 // qvscan assembly.
 int run_assembly(const server_dll& dll, const options& o);
+// qvscan vbp.
+int run_vbp(const server_dll& dll, const options& o);
 
 } // namespace qvscan

@@ -1,6 +1,7 @@
 #include "vb/vbp_scan.h"
 
 #include "dotnet/sibling_module_cache.h"
+#include "inc/com_boundary.h"
 #include "inc/com_error.h"
 #include "scanutil/scan_util.h"
 #include "server/class_registration.h"
@@ -234,6 +235,49 @@ HRESULT CVBPScan::FinalConstruct() {
     return S_OK;
 }
 
+STDMETHODIMP CVBPScan::Invoke(DISPID id, REFIID iid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* result,
+                              EXCEPINFO* excepinfo, UINT* argerr) {
+    // The type library's dispatch asks the sink argument for IScanEvents, which a script's object lacks:
+    // such a call of Scan is made here, and Scan calls the script by name.
+    constexpr DISPID ScanId = 1;
+    constexpr UINT SinkArgument = 3; // the arguments come last first
+    IDispatch* script = nullptr;
+    if (id == ScanId && params && params->cArgs == 6 && params->cNamedArgs == 0 && (flags & DISPATCH_METHOD)) {
+        const VARIANT* sink = &params->rgvarg[SinkArgument];
+        if (V_VT(sink) == (VT_VARIANT | VT_BYREF))
+            sink = V_VARIANTREF(sink);
+        qv::com_ptr<IScanEvents> typed;
+        if (V_VT(sink) == VT_DISPATCH && V_DISPATCH(sink) &&
+            FAILED(V_DISPATCH(sink)->QueryInterface(IID_IScanEvents, typed.put_void())))
+            script = V_DISPATCH(sink);
+    }
+    if (!script)
+        return dispatch_impl::Invoke(id, iid, lcid, flags, params, result, excepinfo, argerr);
+
+    VARIANT args[6];
+    HRESULT hr = S_OK;
+    for (UINT i = 0; i < 6; ++i) {
+        VariantInit(&args[i]);
+        if (i != SinkArgument && SUCCEEDED(hr)) {
+            hr = VariantChangeType(&args[i], &params->rgvarg[i], 0, i == 1 || i == 2 ? VT_BOOL : VT_BSTR);
+            if (FAILED(hr) && argerr)
+                *argerr = i;
+        }
+    }
+    if (SUCCEEDED(hr)) {
+        // Scan asks the sink only for interfaces, which an IDispatch answers like any IUnknown.
+        hr = Scan(V_BSTR(&args[5]), V_BSTR(&args[4]), reinterpret_cast<IScanEvents*>(script), V_BOOL(&args[2]),
+                  V_BOOL(&args[1]), V_BSTR(&args[0]));
+        if (result)
+            VariantInit(result);
+    } else {
+        hr = DISP_E_TYPEMISMATCH;
+    }
+    for (VARIANT& arg : args)
+        VariantClear(&arg);
+    return hr;
+}
+
 STDMETHODIMP CVBPScan::Scan(BSTR pVBFile, BSTR pDEPFile, IScanEvents* pEvents, VARIANT_BOOL bUseFilter,
                             VARIANT_BOOL bRebuild, BSTR sLangID) {
     try {
@@ -285,8 +329,10 @@ STDMETHODIMP CVBPScan::Scan(BSTR pVBFile, BSTR pDEPFile, IScanEvents* pEvents, V
         }
         Status(LoadResourceString(QueryCancel() ? IDS_SCAN_CANCELLED : IDS_SCAN_COMPLETED));
         return S_OK;
-    } catch (const com_exception& e) {
-        const HRESULT hr = e.Error();
+    } catch (...) {
+        // Whatever failed (a sink, a closed library, the memory) ends the scan with its result and words;
+        // nothing leaves the interface as a C++ exception.
+        const HRESULT hr = qv::hresult_from_current_exception();
         const std::wstring message = ExceptionMessage(hr);
         wchar_t number[16];
         swprintf(number, std::size(number), L"%i", static_cast<int>(hr));

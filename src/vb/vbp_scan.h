@@ -68,6 +68,11 @@ public:
     // fails the creation.
     HRESULT FinalConstruct();
 
+    // IDispatch: Scan with a script's sink is taken here (see below); the rest goes to the type library.
+    STDMETHOD(Invoke)
+    (DISPID id, REFIID iid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* result, EXCEPINFO* excepinfo,
+     UINT* argerr) override;
+
     // IVBPScan
     STDMETHOD(Scan)
     (BSTR pVBFile, BSTR pDEPFile, IScanEvents* pEvents, VARIANT_BOOL bUseFilter, VARIANT_BOOL bRebuild,

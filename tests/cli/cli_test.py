@@ -4,8 +4,8 @@ programs against an independent reading of their import tables; the fixture tree
 exits (usage errors, exit codes, messages), script (JScript and VBScript clients through the registration entries), hostile
 (files rewritten under the scan, Linux paths Windows cannot spell, .dep companions), trace (dynamic scans against
 the loader's own log of the same run), assembly (the .NET fixtures: identity, references and their kinds, the
-static scan of the whole tree)."""
-import argparse, json, os, re, shutil, struct, subprocess, sys, tempfile, threading, time
+static scan of the whole tree), vbp (Visual Basic projects and groups written by the test, a JScript client)."""
+import argparse, json, os, re, shutil, signal, struct, subprocess, sys, tempfile, threading, time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "static"))
 import check_walk  # noqa: E402  (the independent objdump reading of import tables)
@@ -344,11 +344,102 @@ def case_assembly(a):
            and "Chain3" in [x["name"] for x in deps if x["missing"]], f"static scan of App.exe: {deps}")
 
 
+def case_vbp(a):
+    tmp = tempfile.mkdtemp(prefix="qvscan-vbp-")
+    put = lambda name, data: open(os.path.join(tmp, name), "wb").write(data if type(data) is bytes else data.encode())  # noqa
+    w = lambda name: win(os.path.join(tmp, name))  # noqa
+    for source, name in [("lib/noimports.exe", "app.exe"), ("app/beta.dll", "ctl.ocx"), ("lib/epsilon.dll", "helper.dll"),
+                         ("lib/delta.dll", "delta.dll"), ("lib/gamma.dll", "gamma.dll")]:
+        shutil.copy(os.path.join(a.fixtures, "walk", source), os.path.join(tmp, name))
+    control = "{6B1F3A52-9C4E-4D7A-8E21-3F5A7C9D0E14}#1.0#0"
+    lines = ["Type=Exe", r"Reference=*\G{00020430-0000-0000-C000-000000000046}#2.0#0#C:\windows\system32\stdole2.tlb#OLE "
+             "Automation", f"Object={control}; ctl.ocx", "Form=main.frm", "Form=gone.frm", 'ExeName32="app.exe"']
+    put("app.vbp", "\r\n".join(lines) + "\r\n"), put("clean.vbp", "\r\n".join(lines[:4] + lines[5:]) + "\r\n")
+    put("main.frm", f'VERSION 5.00\r\nObject = "{control}"; "ctl.ocx"\r\nBegin VB.Form Main\r\n')
+    put("ctl.dep", "[ctl.ocx]\r\nUses1=helper.dll\r\n")
+    put("loop.dep", "[app.exe]\r\nUses1=a.dll\r\n[a.dll]\r\nUses1=b.dll\r\n[b.dll]\r\nUses1=a.dll\r\n")
+    put("group.vbg", "VBGROUP 5.0\r\nStartupProject=app.vbp\r\nProject=app.vbp\r\nProject=nowhere.vbp\r\n")
+    put("garbage.vbp", bytes(range(256)) * 8), put("utf16.vbp", "\r\n".join(lines).encode("utf-16"))
+    try:
+        for args, code, text in [(["app.vbp"], 3, "stopped: " + w("app.vbp") + " names forms that do not exist: gone.frm"),
+                                 (["group.vbg"], 3, "gone.frm"), (["group.vbg", "--keep-going"], 0, "warning: the project "
+                                                                  + w("nowhere.vbp") + " does not exist"),
+                                 (["clean.vbp", "--dep", "loop.dep"], 0, "name each other in a circle"),
+                                 (["garbage.vbp"], 0, ""), (["utf16.vbp"], 0, ""),
+                                 (["no.vbp"], 3, "no such file"), (["clean.vbp", "--dep", "no.dep"], 3, "no such file"),
+                                 (["ctl.dep"], 2, "neither a project"), (["app.vbp", "--frob"], 2, "unknown option")]:
+            paths = [w(x) if "." in x else x for x in args]
+            r, j = run(a, ["vbp"] + paths), run(a, ["vbp", "--json"] + paths)
+            expect(r.returncode == j.returncode == code and text in r.stderr, f"{args}: {r.returncode} {r.stderr!r}")
+            doc = json.loads(j.stdout) if code != 2 else {}
+            # A file with no readable key names no built file: the project's folder stands in its place, alone.
+            expect(code == 2 or (doc["completed"] == (code == 0) and doc["stopped"] == (code == 3) and not doc["cancelled"]
+                                 and (text or [f["name"] for g in doc["groups"] for f in g["files"]]
+                                      == [os.path.basename(tmp) + "\\"])), f"{args}: {doc}")
+        # The group names its project twice: each file once; the form and the project that are not there.
+        r = run(a, ["vbp", w("group.vbg"), "--keep-going", "--json", "--no-filter"])
+        doc = json.loads(r.stdout)
+        groups = {g["name"].lower(): [(f["name"].lower(), f["missing"], f["folder"]) for f in g["files"]]
+                  for g in doc["groups"]}
+        files = groups.get(w("group.vbg").lower(), [])
+        expect(r.returncode == 0 and doc["completed"] and doc["groups"][0]["project"] and doc["missing"] == [
+            {"file": "gone.frm", "project": w("app.vbp")}, {"file": w("nowhere.vbp"), "project": None}], f"group: {doc}")
+        expect(len(files) == len({f[0] for f in files}) and {("stdole2.tlb", False, "c:\\windows\\system32")}
+               | {(n, False, win(tmp).lower()) for n in ["app.exe", "ctl.ocx", "helper.dll"]}
+               <= {(n, m, d.lower()) for n, m, d in files}, f"group: {files}")
+        # The import closure of the control, and what its .dep file names.
+        expect({(n, m) for n, m, _ in groups.get(w("ctl.ocx").lower(), []) if n != "kernel32.dll"}
+               == {("delta.dll", False), ("epsilon.dll", True), ("gamma.dll", False), ("helper.dll", False)},
+               f"ctl.ocx: {groups}")
+        text = run(a, ["vbp", w("app.vbp"), "--keep-going"]).stdout
+        expect(text.startswith("project " + w("app.vbp") + ":\nNAME") and "\nimports of " + w("ctl.ocx") + ":\n" in text,
+               f"text: {text!r}")
+        # Ctrl-C while the references are scanned: the next question cancels, and what was found is listed.
+        system = sorted(d for d in os.listdir(a.prefix + "/drive_c/windows/system32") if d.endswith(".dll"))
+        put("big.vbp", "".join(f"Reference=*\\G{control[:38]}#1.0#0#C:\\windows\\system32\\{d}#x\r\n" for d in system))
+        scan = subprocess.Popen([a.emulator, a.tool, "vbp", w("big.vbp"), "--json"], stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, text=True, errors="replace")
+        next((line for line in iter(scan.stderr.readline, "") if line.startswith("Scanning ")), None)
+        os.kill(scan.pid, signal.SIGINT)  # Wine's console turns it into Ctrl-C
+        out, errors = scan.communicate(timeout=120)
+        expect(scan.returncode == 4 and json.loads(out)["cancelled"] and "Scan cancelled by the user" in errors
+               and len(json.loads(out)["groups"]) < len(system), f"Ctrl-C: {scan.returncode} {errors[-300:]!r}")
+        env = dict(os.environ, QV_WINEPREFIX=os.path.join(tmp, "prefix"), WINEPREFIX=os.path.join(tmp, "prefix"))
+        # The build, with the stand-in compiler as the Make command of .vbp files in a prefix of its own.
+        compiler = os.path.join(os.path.dirname(a.tool), "vb_compiler.exe")
+        for key, value in [(r"HKCR\.vbp", "QvTest.Project"), (r"HKCR\QvTest.Project\shell\Make\command",
+                                                               win(compiler) + ' "%1" /make')]:
+            subprocess.run([a.emulator, "reg.exe", "add", key, "/ve", "/d", value, "/f"], env=env, capture_output=True)
+        put("broken.vbp", "\r\n".join(lines[:4] + lines[5:] + ["BuildOutcome=fail"]) + "\r\n")
+        for more, code in [([], 1), (["--keep-going"], 0)] if os.path.exists(compiler) else []:
+            r = run(a, ["vbp", w("broken.vbp"), "--rebuild", "--json"] + more, env=env)
+            said = (json.loads(r.stdout)["buildFailed"] or {}).get("compilerSays", "")
+            expect(r.returncode == code and "line 3 : Variable not defined" in said
+                   and "the compiler's last line: Compile error in file" in r.stderr, f"build {more}: {r.stderr!r}")
+        # A JScript client: the server calls the sink's functions by name and takes a returned boolean.
+        put("client.js", 'var s = new ActiveXObject("QVWIScanners.VBPScan"), n = 0;\n'
+                         'var sink = {PercentDone: function (p) { n++; }, QueryCancel: function () { return false; },\n'
+                         '  Status: function (t) { WScript.Echo("status " + t); },\n'
+                         '  VBBuildFailed: function (c) { return true; },\n'
+                         '  FileNotFound: function (p, f) { WScript.Echo("missing " + f); return true; }};\n'
+                         f'try {{ s.Scan({json.dumps(w("app.vbp"))}, "", sink, true, false, "");\n'
+                         '  WScript.Echo("percents " + (n > 0) + " groups " + (s.DepFileGroups !== null));\n'
+                         '} catch (e) { WScript.Echo("error " + e.message); }\n')
+        expect(run(a, ["register"], env=env).returncode == 0, "register")
+        out = subprocess.run([a.emulator, "cscript.exe", "//nologo", w("client.js")], capture_output=True, text=True,
+                             env=env, cwd=tmp, timeout=120).stdout.replace("\r", "").splitlines()
+        expect("missing gone.frm" in out and "status Scan completed" in out and "percents true groups true" in out
+               and "status Scanning " + w("ctl.ocx") in out, f"JScript client: {out}")
+    finally:
+        subprocess.run(["wineserver", "-k"], env=dict(os.environ, WINEPREFIX=os.path.join(tmp, "prefix")))
+        shutil.rmtree(tmp, ignore_errors=True)
+
+
 def main():
     ap = argparse.ArgumentParser()
     for option in ["--emulator", "--tool", "--dump", "--prefix", "--fixtures", "--script-host"]:
         ap.add_argument(option, required=True)
-    ap.add_argument("case", choices=["json", "table", "exits", "script", "hostile", "trace", "assembly"])
+    ap.add_argument("case", choices=["json", "table", "exits", "script", "hostile", "trace", "assembly", "vbp"])
     a = ap.parse_args()
     globals()["case_" + a.case](a)
     print(f"{0 if failures else 1} passed, {len(failures)} failed")
