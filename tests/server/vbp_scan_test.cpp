@@ -4,6 +4,7 @@
 #include "QVWIScanners.h"
 #include "companions.h"
 #include "inc/com_ptr.h"
+#include "recording_sink.h"
 #include "server_support.h"
 #include "test_support.h"
 
@@ -18,24 +19,21 @@ namespace {
 
 const wstring kGrid = L"{5C5E1A00-0000-4000-8000-00000000AB11}", kRef = L"{5C5E1A00-0000-4000-8000-00000000AB10}";
 
-// The host's sink: each event a line of the log, answers as set.
-struct vb_sink : IScanEventsTarn, IStaticScanEventsValeSP {
+// The host's sink: each event a line of the log, answers as set; the static scans' events are recorded too.
+struct vb_sink : IScanEventsTarn, recording_sink {
     log_lines log;
     VARIANT_BOOL notFound = VARIANT_TRUE, build = VARIANT_TRUE, cancel = 0; // the answers
     wstring cancelFrom;                                                     // answer cancel once a status has this
     bool cancelling = false;
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IScanEvents) || IsEqualIID(iid, IID_IScanEventsTarn))
-            *ppv = static_cast<IScanEventsTarn*>(this);
-        else if (IsEqualIID(iid, IID_IStaticScanEventsFellSP2) || IsEqualIID(iid, IID_IStaticScanEventsValeSP))
-            *ppv = static_cast<IStaticScanEventsValeSP*>(this);
-        else
-            return *ppv = nullptr, E_NOINTERFACE;
-        return S_OK;
+        if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IScanEvents) && !IsEqualIID(iid, IID_IScanEventsTarn))
+            return recording_sink::QueryInterface(iid, ppv);
+        return *ppv = static_cast<IScanEventsTarn*>(this), AddRef(), S_OK;
     }
-    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-    ULONG STDMETHODCALLTYPE Release() override { return 1; }
+    ULONG STDMETHODCALLTYPE AddRef() override { return recording_sink::AddRef(); }
+    ULONG STDMETHODCALLTYPE Release() override { return recording_sink::Release(); }
+    HRESULT STDMETHODCALLTYPE get_MMCatalog(IUnknown** c) override { return *c = nullptr, S_OK; }
     HRESULT STDMETHODCALLTYPE PercentDone(long p) override { return log.push_back(std::to_wstring(p) + L"%"), S_OK; }
     HRESULT STDMETHODCALLTYPE QueryCancel(VARIANT_BOOL* c) override { return *c = cancelling ? cancel : 0, S_OK; }
     HRESULT STDMETHODCALLTYPE Status(BSTR s) override {
@@ -48,12 +46,6 @@ struct vb_sink : IScanEventsTarn, IStaticScanEventsValeSP {
     HRESULT STDMETHODCALLTYPE FileNotFound(BSTR project, BSTR forms, VARIANT_BOOL* cont) override {
         return log.push_back(L"not found: " + wstring(project) + L"|" + forms), *cont = notFound, S_OK;
     }
-    HRESULT STDMETHODCALLTYPE get_MMCatalog(IUnknown** c) override { return *c = nullptr, S_OK; }
-    HRESULT STDMETHODCALLTYPE FoundDepFile(BSTR) override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE GetReferencePath(BSTR, BSTR*) override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE ErrorEncountered(BSTR, LONG, BSTR) override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE GetOtherReferences(VARIANT* v) override { return VariantInit(v), S_OK; }
-    HRESULT STDMETHODCALLTYPE get_Component(IUnknown** c) override { return *c = nullptr, S_OK; }
 };
 
 bool file_exists(const wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
@@ -143,6 +135,8 @@ TEST_F(VBPScan, ProjectWithReferencesObjectsAndFormsOneMissing) {
     EXPECT_EQ(got[1].first, p(L"grid.ocx"));
     EXPECT_TRUE(got[1].second.count(L"delta.dll") && got[1].second.count(L"gamma.dll")) << got[1].second.size();
     EXPECT_EQ(got[2], std::make_pair(project, bag)) << "the project group comes last, stdole2.tlb filtered";
+    EXPECT_TRUE(sink.found.empty() && sink.errors.empty() && sink.unexpected.empty())
+        << "the static scans report to the project scan, which keeps their file and error events to itself";
 
     // A second scan on the same object, unfiltered, adds to the same bag and the same groups.
     sink.log.clear();
