@@ -59,10 +59,10 @@ namespace {
 // The machine test of a candidate: whether it is no usable image (taken at once) or an image of the
 // machine asked for (0 takes any). What is no file on disk (a device, a pipe) is never taken.
 bool TakesCandidate(const std::wstring& candidate, DWORD machine) {
-    CPEImage image(candidate);
-    if (image.OpenStatus() == CFileView::OpenNotDisk)
+    const auto facts = ImageFacts(candidate);
+    if (facts->openStatus == CFileView::OpenNotDisk)
         return false;
-    return machine == 0 || !image.Usable() || image.GetMachine() == machine;
+    return machine == 0 || !facts->usable || facts->machine == machine;
 }
 
 // A section name as the section loader matches it: without regard to ASCII case.
@@ -75,6 +75,42 @@ std::wstring FoldedName(std::wstring name) {
 // The key of a name as written and the machine it is looked for, in the scan's settled answers.
 std::wstring SettledKey(const std::wstring& name, DWORD machine) {
     return name + L'|' + std::to_wstring(machine);
+}
+
+// The .dep files of a folder, in lower case, as the process last listed them while the folder is unchanged.
+std::shared_ptr<const std::unordered_set<std::wstring>> DepFilesOf(const std::wstring& folder) {
+    struct listing {
+        FILETIME written{};
+        std::shared_ptr<const std::unordered_set<std::wstring>> names;
+    };
+    static SRWLOCK lock = SRWLOCK_INIT;
+    static std::unordered_map<std::wstring, listing> listings; // at most one entry a folder ever scanned
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    const bool known = GetFileAttributesExW(folder.empty() ? L"." : folder.c_str(), GetFileExInfoStandard, &data) &&
+                       (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY);
+    const std::wstring key = FoldedName(qv::FullPath(folder.empty() ? L"." : folder));
+    if (known) {
+        AcquireSRWLockShared(&lock);
+        const auto it = listings.find(key);
+        auto names = it != listings.end() && CompareFileTime(&it->second.written, &data.ftLastWriteTime) == 0
+                         ? it->second.names
+                         : nullptr;
+        ReleaseSRWLockShared(&lock);
+        if (names)
+            return names;
+    }
+    auto names = std::make_shared<std::unordered_set<std::wstring>>();
+    WIN32_FIND_DATAW found;
+    qv::unique_hfind find(FindFirstFileW((folder + L"*.dep").c_str(), &found));
+    for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.get(), &found))
+        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
+            names->insert(FoldedName(found.cFileName));
+    if (known) {
+        AcquireSRWLockExclusive(&lock);
+        listings[key] = {data.ftLastWriteTime, names};
+        ReleaseSRWLockExclusive(&lock);
+    }
+    return names;
 }
 
 } // namespace
@@ -281,36 +317,37 @@ void CDepWalker::Step(std::vector<WalkFrame>& stack) {
 }
 
 void CDepWalker::EnterFile(const std::wstring& path, bool isDependency, std::vector<WalkFrame>& stack) {
-    // The image is opened first so that the scope can tell from its resources whether a manifest of its
-    // own is there to activate; only a usable image is walked under it.
-    CScannedPE image(path);
+    // What the image is comes from the facts the process keeps; only an image with a CLI header is
+    // opened again here, for its assembly. The scope tells from the facts whether a manifest of its own
+    // is there to activate; only a usable image is walked under it.
+    const auto facts = ImageFacts(path);
+    std::optional<CScannedPE> clr;
+    if (facts->clr)
+        clr.emplace(path);
     std::unique_ptr<ActivationScope> scope;
-    if (ActivationScope::HasManifest(image, path))
+    if (facts->manifest)
         scope = std::make_unique<ActivationScope>(path);
-    if (image.ImageError().bError) {
-        check_hr(m_pEvents->ErrorEncountered(qv::bstr(path).get(), image.ImageError().hrCode,
-                                             qv::bstr(image.ImageError().sText).get()));
-    } else if (!image.Usable()) {
+    if (!facts->usable) {
         // No such file, or no usable image: kept as a dependency if it passes the filter, not looked into.
         // The top-level file in this state yields nothing.
         if (isDependency) {
             ScannedFile record(path, false);
             AddFound(path, record);
         }
-    } else if (image.Assembly()) {
+    } else if (clr && clr->Assembly()) {
         // The scanned file itself is walked as an assembly unless the mode says to scan only the
         // assemblies it is not; its import table is never read, only its references.
         if (isDependency || m_nScanMode != ModeSkipTopAssembly)
-            EnterAssembly(image.Assembly(), path, isDependency, stack);
-    } else if (WalkImage(image, path, isDependency)) {
+            EnterAssembly(clr->Assembly(), path, isDependency, stack);
+    } else if (WalkImage(facts->selfRegistering, path, isDependency)) {
         WalkFrame frame;
         frame.path = path;
         frame.name = qv::FileNamePart(path);
         frame.sections = ReadDepCompanion(path, frame.depPath);
         frame.state = frame.sections ? WalkFrame::State::DepPlain : WalkFrame::State::Next;
-        if (m_nScanMode != ModeNoImportTables && image.DirectorySize(1) != 0 && image.DirectoryInFile(1))
-            frame.names = image.ImportNames();
-        frame.machine = image.GetMachine();
+        if (m_nScanMode != ModeNoImportTables && facts->importsInFile)
+            frame.names = facts->importNames;
+        frame.machine = facts->machine;
         frame.scope = std::move(scope);
         if (frame.sections || !frame.names.empty())
             stack.push_back(std::move(frame));
@@ -401,13 +438,13 @@ void CDepWalker::StepAssembly(std::vector<WalkFrame>& stack) {
         EnterFile(entry.path, true, stack);
 }
 
-bool CDepWalker::WalkImage(const CScannedPE& image, const std::wstring& path, bool isDependency) {
+bool CDepWalker::WalkImage(bool selfRegistering, const std::wstring& path, bool isDependency) {
     // The one guard against cycles and double work, by name only: the first file of a name wins.
     if (FoundFiles.count(qv::bstr(qv::FileNamePart(path))))
         return false;
     if (isDependency) {
         // Entered before anything below it is walked: that is what ends a cycle.
-        ScannedFile record(path, image.ExportsDllRegisterServer());
+        ScannedFile record(path, selfRegistering);
         return AddFound(path, record);
     }
     return PassesFilter(path);
@@ -478,18 +515,15 @@ void CDepWalker::PushSection(std::vector<WalkFrame>& stack, const qv::com_ptr<IQ
 }
 
 bool CDepWalker::DepFileExists(const std::wstring& depPath) {
-    // A folder's .dep files are listed once a scan: asking for each image's own would look for a file
-    // that is mostly not there, which costs a pass over the whole folder on a case-sensitive file system.
+    // A folder's .dep files are listed once and the list kept while the folder's last-write time (which a
+    // file made, removed or renamed in it moves) stays the same: asking for each image's own would look for
+    // a file that is mostly not there, which costs a pass over the whole folder on a case-sensitive file
+    // system. Within one scan the first listing stands.
     const std::wstring folder = depPath.substr(0, depPath.size() - qv::FileNamePart(depPath).size());
     auto [it, added] = m_depFiles.try_emplace(FoldedName(folder));
-    if (added) {
-        WIN32_FIND_DATAW data;
-        qv::unique_hfind find(FindFirstFileW((folder + L"*.dep").c_str(), &data));
-        for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.get(), &data))
-            if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
-                it->second.insert(FoldedName(data.cFileName));
-    }
-    return it->second.count(FoldedName(qv::FileNamePart(depPath))) != 0;
+    if (added)
+        it->second = DepFilesOf(folder);
+    return it->second->count(FoldedName(qv::FileNamePart(depPath))) != 0;
 }
 
 std::wstring CDepWalker::LanguageSection(const std::wstring& name) const {

@@ -12,6 +12,7 @@
 #include <windows.h>
 
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <unordered_map>
@@ -89,7 +90,7 @@ private:
     void EnterAssembly(IUnknown* assembly, const std::wstring& path, bool isDependency, std::vector<WalkFrame>& stack);
     void StepAssembly(std::vector<WalkFrame>& stack);
     // Records a usable image; true when what it needs is to be walked.
-    bool WalkImage(const CScannedPE& image, const std::wstring& path, bool isDependency);
+    bool WalkImage(bool selfRegistering, const std::wstring& path, bool isDependency);
     // The sections of the .dep file beside an image with an extension ("comp.ocx": "comp.dep"), or null.
     qv::com_ptr<IQvSections> ReadDepCompanion(const std::wstring& path, std::wstring& depPath);
     // A frame for the files that the section of that name lists, when there is such a section.
@@ -98,7 +99,8 @@ private:
     std::wstring LanguageSection(const std::wstring& name) const; // "name <LangId>"
     // Whether a .dep file of that path exists, from a listing of its folder made once a scan.
     bool DepFileExists(const std::wstring& depPath);
-    std::unordered_map<std::wstring, std::unordered_set<std::wstring>> m_depFiles; // folded folder -> names
+    // folded folder -> its .dep files in lower case
+    std::unordered_map<std::wstring, std::shared_ptr<const std::unordered_set<std::wstring>>> m_depFiles;
     static std::wstring SearchDepName(const std::wstring& name);
     // The sections being walked, by their file's sections object and folded name: a circle among them ends.
     std::set<std::pair<IUnknown*, std::wstring>> m_activeSections;

@@ -2,8 +2,12 @@
 
 #include "dotnet/dotnet_assembly.h"
 #include "inc/com_object.h"
+#include "static/activation_scope.h"
 
 #include "toolkit/string_convert.h"
+
+#include <algorithm>
+#include <unordered_map>
 
 using qv::pe::image_kind;
 
@@ -107,4 +111,74 @@ CScannedPE::CScannedPE(const std::wstring& path) : CPEImage(path) {
         info->GetDescription(text.put());
         m_assemblyError = {true, hr, text.str()};
     }
+}
+
+namespace {
+
+struct kept_facts {
+    ULONGLONG size = 0;
+    FILETIME written{};
+    ULONGLONG use = 0; // when it was last handed out, in the cache's own count
+    std::shared_ptr<const image_facts> facts;
+};
+
+SRWLOCK g_factsLock = SRWLOCK_INIT;
+std::unordered_map<std::wstring, kept_facts> g_facts; // by the path in lower case
+ULONGLONG g_factsUse = 0;
+
+std::shared_ptr<const image_facts> ReadFacts(const std::wstring& path) {
+    auto facts = std::make_shared<image_facts>();
+    const CPEImage image(path);
+    facts->openStatus = image.OpenStatus();
+    facts->usable = image.Usable();
+    if (facts->usable) {
+        facts->clr = image.DirectorySize(14) != 0 && image.DirectoryRva(14) != 0;
+        facts->manifest = ActivationScope::HasManifest(image, path);
+        facts->selfRegistering = image.ExportsDllRegisterServer();
+        facts->importsInFile = image.DirectorySize(1) != 0 && image.DirectoryInFile(1);
+        if (facts->importsInFile)
+            facts->importNames = image.ImportNames();
+        facts->machine = image.GetMachine();
+    }
+    return facts;
+}
+
+} // namespace
+
+std::shared_ptr<const image_facts> ImageFacts(const std::wstring& path) {
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) ||
+        (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
+        return ReadFacts(path);
+    const ULONGLONG size = (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+    std::wstring key = path;
+    CharLowerBuffW(key.data(), static_cast<DWORD>(key.size()));
+
+    AcquireSRWLockExclusive(&g_factsLock);
+    const auto it = g_facts.find(key);
+    if (it != g_facts.end() && it->second.size == size &&
+        CompareFileTime(&it->second.written, &data.ftLastWriteTime) == 0) {
+        it->second.use = ++g_factsUse;
+        std::shared_ptr<const image_facts> facts = it->second.facts;
+        ReleaseSRWLockExclusive(&g_factsLock);
+        return facts;
+    }
+    ReleaseSRWLockExclusive(&g_factsLock);
+
+    std::shared_ptr<const image_facts> facts = ReadFacts(path);
+    if (facts->openStatus != CFileView::OpenOk)
+        return facts;
+    AcquireSRWLockExclusive(&g_factsLock);
+    if (g_facts.size() >= kImageFactsKept) {
+        // The oldest half goes: a host that scans more files than that keeps what it met last.
+        std::vector<ULONGLONG> uses;
+        for (const auto& entry : g_facts)
+            uses.push_back(entry.second.use);
+        std::nth_element(uses.begin(), uses.begin() + uses.size() / 2, uses.end());
+        const ULONGLONG median = uses[uses.size() / 2];
+        std::erase_if(g_facts, [median](const auto& entry) { return entry.second.use < median; });
+    }
+    g_facts[key] = {size, data.ftLastWriteTime, ++g_factsUse, facts};
+    ReleaseSRWLockExclusive(&g_factsLock);
+    return facts;
 }

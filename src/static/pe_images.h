@@ -8,6 +8,7 @@
 #include "inc/com_ptr.h"
 #include "static/file_view.h"
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -88,3 +89,24 @@ private:
     qv::com_ptr<IUnknown> m_pAssembly;
     ImageErrorRecord m_assemblyError;
 };
+
+// What the import walk needs of a file, read once: how it opened, whether it is a usable image and of
+// which machine, whether it has a CLI header (then the walk opens it as a CScannedPE for its assembly),
+// a manifest of its own, a DllRegisterServer export, and its import names when the table is in the file.
+struct image_facts {
+    DWORD openStatus = CFileView::OpenNoFile;
+    bool usable = false;
+    bool clr = false;
+    bool manifest = false;
+    bool selfRegistering = false;
+    bool importsInFile = false;
+    DWORD machine = 0;
+    std::vector<std::wstring> importNames;
+};
+
+// The facts of the file at path. The answers are kept for the process, by path without regard to case,
+// while the file's size and last-write time stay the same: a file rewritten, shrunk or replaced is read
+// again. What has no such identity (a missing file, a folder, a device) is read each time and not kept.
+// At most kImageFactsKept files are kept; beyond that the oldest half is forgotten. Safe on any thread.
+std::shared_ptr<const image_facts> ImageFacts(const std::wstring& path);
+inline constexpr size_t kImageFactsKept = 8192;

@@ -16,10 +16,10 @@
 class CDepFiles;
 class CFilterBase;
 
-class CStaticScan : public qv::object_root,
-                    public qv::dispatch_impl<IStaticScan, &IID_IStaticScan,
-                                             qv::typeinfo_holder<&LIBID_QVWISCANNERSLib, 1, 0>>,
-                    public IPrivStaticScan {
+class CStaticScan
+    : public qv::object_root,
+      public qv::dispatch_impl<IStaticScan, &IID_IStaticScan, qv::typeinfo_holder<&LIBID_QVWISCANNERSLib, 1, 0>>,
+      public IPrivStaticScan {
 public:
     static constexpr bool aggregatable = true;
 
@@ -38,13 +38,15 @@ public:
     STDMETHOD_(ULONG, Release)() override = 0;
 
     // IStaticScan. bFilterFiles: any non-zero value filters.
-    STDMETHOD(ScanFile)(BSTR pVal, IStaticScanEvents* pEvents, VARIANT_BOOL bFilterFiles, BSTR sLangID,
-                        EScanType scanType, VARIANT_BOOL* bScanCompleted) override;
+    STDMETHOD(ScanFile)
+    (BSTR pVal, IStaticScanEvents* pEvents, VARIANT_BOOL bFilterFiles, BSTR sLangID, EScanType scanType,
+     VARIANT_BOOL* bScanCompleted) override;
     STDMETHOD(get_Dependencies)(IDepFiles** pVal) override;
 
     // IPrivStaticScan
-    STDMETHOD(ScanWithFilter)(BSTR file, IStaticScanEvents* events, VARIANT_BOOL bFilterFiles, BSTR sLangID,
-                              VARIANT_BOOL* completed, CFilterBase* filter, long scanType) override;
+    STDMETHOD(ScanWithFilter)
+    (BSTR file, IStaticScanEvents* events, VARIANT_BOOL bFilterFiles, BSTR sLangID, VARIANT_BOOL* completed,
+     CFilterBase* filter, long scanType) override;
 
 private:
     qv::com_ptr<CDepFiles> m_pDependencies;
