@@ -8,6 +8,7 @@
 #include "inc/com_exception.h"
 #include "inc/com_ptr.h"
 #include "inc/priv_interfaces.h"
+#include "inc/unique_handles.h"
 #include "recording_sink.h"
 #include "server_support.h"
 #include "toolkit/process_launcher.h"
@@ -250,6 +251,33 @@ TEST_F(Server, ScanTypesAndTopFilesThatAreNoImages) {
     EXPECT_EQ(names(dependencies().get()), (std::set<std::wstring>{L"gamma.dll"}));
     wchar_t now[MAX_PATH];
     EXPECT_EQ(lower(std::wstring(now, GetCurrentDirectoryW(MAX_PATH, now))), lower(walk(L"lib")));
+}
+
+// What the process keeps of an image stands only while the file's size and write time do: each row rewrites
+// a file between two scans and the scan reads what is there now.
+TEST_F(Server, AFileChangedBetweenScansIsReadAgain) {
+    temp_dir tmp;
+    const std::wstring top = tmp / L"top.exe", dep = tmp / L"dep.dll";
+    auto put = [&](const std::wstring& path, const std::string& bytes, int second) {
+        tmp.write(path.substr(tmp.path().size() + 1), bytes);
+        FILETIME at{static_cast<DWORD>(100000000 + second * 10000000), 30000000};
+        qv::unique_hfile file(CreateFileW(path.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        ASSERT_TRUE(SetFileTime(file.get(), nullptr, nullptr, &at));
+    };
+    const std::string gamma = image_writer().import("gamma.dll").build().str();
+    const struct { std::wstring file; std::string bytes; std::set<std::wstring> records; } rows[] = {
+        {top, image_writer().import("dep.dll").build().str(), {L"dep.dll"}},
+        {dep, gamma, {L"dep.dll", L"gamma.dll"}},
+        {dep, image_writer().import("delta.dll").build().str(), {L"dep.dll", L"delta.dll"}}, // same size, new time
+        {top, image_writer().import("dep.dll").import("beta.dll").build().str(), {L"dep.dll", L"delta.dll", L"beta.dll"}},
+        {dep, gamma.substr(0, 64), {L"dep.dll", L"beta.dll"}}, // shrunk: no image any more
+        {top, "not an image", {}}};
+    ASSERT_EQ(rows[1].bytes.size(), rows[2].bytes.size());
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        put(rows[i].file, rows[i].bytes, int(i));
+        run(top);
+        EXPECT_EQ(names(dependencies().get()), rows[i].records) << "row " << i;
+    }
 }
 
 TEST_F(Server, FiltersDropAndMarkByFileName) {
