@@ -115,7 +115,8 @@ std::shared_ptr<const std::unordered_set<std::wstring>> DepFilesOf(const std::ws
 
 } // namespace
 
-bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result) {
+bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result,
+                    const std::wstring* current) {
     // A device name is no file on disk in any folder: it is missing, and nothing is opened for it.
     if (name.empty() || qv::IsDeviceName(name))
         return false;
@@ -142,7 +143,7 @@ bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD ma
     // A root given is the one folder; otherwise the current folder, then the folders of Path.
     if (!root.empty())
         return tryFolder(root);
-    if (tryFolder(qv::CurrentDirectory()))
+    if (tryFolder(current ? *current : qv::CurrentDirectory()))
         return true;
     for (const auto& dir : qv::GetSearchFolders()) {
         if (tryFolder(dir))
@@ -194,14 +195,42 @@ void CDepWalker::Scan(const std::wstring& file, IStaticScanEvents* events, CFilt
 }
 
 void CDepWalker::EnterFileDirectory(const std::wstring& file) {
-    m_bDirectoryChanged = false;
+    m_bDirectoryChanged = m_bDirectoryPending = false;
     auto slash = file.find_last_of(L"\\/");
     if (slash == std::wstring::npos)
         return;
+    const std::wstring folder = file.substr(0, slash);
+    // A folder of a drive that exists becomes the process's current folder only when something needs the
+    // process's own (a search path, the runtime, an activation context): the import search takes the
+    // folder as the process would spell it. Changing the current folder costs a round trip to the system
+    // twice a scan, which is most of a scan that meets nothing new.
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    if (folder.size() >= 3 && folder[1] == L':' && qv::IsPathSeparator(folder[2]) &&
+        GetFileAttributesExW(folder.c_str(), GetFileExInfoStandard, &data) &&
+        (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) {
+        m_sWalkDirectory = qv::FullPath(folder);
+        while (m_sWalkDirectory.size() > 3 && m_sWalkDirectory.back() == L'\\')
+            m_sWalkDirectory.pop_back();
+        m_bDirectoryPending = true;
+        return;
+    }
     m_sSavedDirectory = qv::CurrentDirectory();
     // For a file in a drive's root this is "C:", the drive's own current folder: kept so.
-    SetCurrentDirectoryW(file.substr(0, slash).c_str());
+    SetCurrentDirectoryW(folder.c_str());
     m_bDirectoryChanged = true;
+}
+
+void CDepWalker::EnterWalkDirectory() {
+    if (!m_bDirectoryPending)
+        return;
+    m_bDirectoryPending = false;
+    m_sSavedDirectory = qv::CurrentDirectory();
+    SetCurrentDirectoryW(m_sWalkDirectory.c_str());
+    m_bDirectoryChanged = true;
+}
+
+std::wstring CDepWalker::WalkDirectory() const {
+    return m_bDirectoryPending ? m_sWalkDirectory : qv::CurrentDirectory();
 }
 
 // One step of the walk as it keeps it on its own stack, so that a chain of any depth costs heap, never the
@@ -302,6 +331,7 @@ void CDepWalker::Step(std::vector<WalkFrame>& stack) {
     const std::wstring name = top.names[top.next];
     std::wstring result;
     if (top.section) {
+        EnterWalkDirectory();
         top.found = SearchDepName(name);
     } else if (FindCached(name, top.machine, result)) {
         top.found = std::move(result);
@@ -322,6 +352,8 @@ void CDepWalker::EnterFile(const std::wstring& path, bool isDependency, std::vec
     // is there to activate; only a usable image is walked under it.
     const auto facts = ImageFacts(path);
     std::optional<CScannedPE> clr;
+    if (facts->clr || facts->manifest)
+        EnterWalkDirectory(); // the runtime and the activation context see the folder as the scan does
     if (facts->clr)
         clr.emplace(path);
     std::unique_ptr<ActivationScope> scope;
@@ -365,6 +397,7 @@ void CDepWalker::EnterAssembly(IUnknown* assembly, const std::wstring& path, boo
     } else if (!PassesFilter(path)) {
         return; // only when the name came onto the skip list in the meantime
     }
+    EnterWalkDirectory(); // native libraries of the assembly are searched in the current folder
     qv::com_ptr<IDotNetAssembly> dotNet;
     check_hr(assembly->QueryInterface(IID_IDotNetAssembly, dotNet.put_void()));
     qv::com_ptr<IDotNetAssemblyRefs> refs;
@@ -550,7 +583,8 @@ bool CDepWalker::FindCached(const std::wstring& name, DWORD machine, std::wstrin
     auto it = m_searches.find(key);
     if (it == m_searches.end()) {
         std::optional<std::wstring> found;
-        if (FindDependency(std::wstring(), name, machine, result))
+        const std::wstring current = WalkDirectory();
+        if (FindDependency(std::wstring(), name, machine, result, &current))
             found = result;
         it = m_searches.emplace(std::move(key), std::move(found)).first;
     }

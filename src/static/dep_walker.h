@@ -56,7 +56,9 @@ struct SkipNameOrder {
 // not empty) for name, taking a file that is no usable image, or an image of the given machine
 // (0 takes any). Folders, devices and pipes are stepped over; so is an image of another machine. The
 // path found is normalised when the name climbs or holds forward slashes.
-bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result);
+// current, when given, stands for the current directory.
+bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result,
+                    const std::wstring* current = nullptr);
 
 class CDepWalker {
 public:
@@ -81,6 +83,8 @@ private:
     struct WalkFrame;
 
     void EnterFileDirectory(const std::wstring& file);
+    void EnterWalkDirectory();          // makes a pending folder the current directory
+    std::wstring WalkDirectory() const; // the current directory as the walk sees it
     // One step of the frame on top of the stack.
     void Step(std::vector<WalkFrame>& stack);
     // Opens one file, reports it, and adds a frame for its .dep file and its imports when they are walked.
@@ -127,5 +131,7 @@ private:
     long m_nScanMode = 0;
     bool m_bUseCatalog = false;
     bool m_bDirectoryChanged = false;
+    bool m_bDirectoryPending = false; // m_sWalkDirectory is to become the current directory on first need
     std::wstring m_sSavedDirectory;
+    std::wstring m_sWalkDirectory;
 };
