@@ -1,7 +1,7 @@
 // qvscan: the command-line host of the scanners. A plain COM client of QVWIScanners.dll, which it loads
 // by path from its own folder (or QV_SERVER_DLL) and reaches through DllGetClassObject: no registration.
 //
-//   qvscan static FILE [--lang TEXT] [--type N] [--no-filter] [--json]
+//   qvscan static FILE|FOLDER... [--lang TEXT] [--type N] [--no-filter] [--json]
 //   qvscan pe FILE [--json]
 //   qvscan assembly FILE [--json]                                   (assembly_command.cpp)
 //   qvscan vbp PROJECT.vbp|GROUP.vbg [options]                      (vbp_command.cpp)
@@ -21,6 +21,7 @@
 #include <objbase.h>
 #include <oleauto.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cwchar>
@@ -33,6 +34,7 @@
 #include "inc/com_error.h"
 #include "inc/com_exception.h"
 #include "inc/com_ptr.h"
+#include "inc/unique_handles.h"
 #include "toolkit/inifilex.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/process_launcher.h"
@@ -48,7 +50,7 @@ std::wstring lower(std::wstring text) {
     return text;
 }
 
-const char* const Usage = "usage: qvscan static FILE [--lang TEXT] [--type N] [--no-filter] [--json]\n"
+const char* const Usage = "usage: qvscan static FILE|FOLDER... [--lang TEXT] [--type N] [--no-filter] [--json]\n"
                           "       qvscan pe FILE [--json]\n"
                           "       qvscan assembly FILE [--json]\n"
                           "       qvscan vbp PROJECT.vbp|GROUP.vbg [--rebuild] [--dep FILE] [--lang TEXT]\n"
@@ -390,6 +392,9 @@ options parse(int argc, wchar_t** argv) {
             throw usage_error{"unknown option '" + utf8(a) + "' for " + utf8(o.command)};
         } else if (scans && o.file.empty()) {
             o.file = a;
+        } else if (o.command == L"static") {
+            o.names.push_back(a); // more files or folders
+
         } else if (o.command == L"ini" && o.names.size() < 2) {
             o.names.push_back(a);
         } else {
@@ -401,78 +406,177 @@ options parse(int argc, wchar_t** argv) {
     return o;
 }
 
-int run_static(const server_dll& dll, const options& o) {
-    const std::wstring file = full_path(o.file);
-    const bool present = exists(file);
-    auto scan = dll.create<IStaticScan>(CLSID_StaticScan, IID_IStaticScan);
-    progress_sink sink;
-    qv::bstr path(file), lang(o.lang);
+// The outcome of one top-level file's scan.
+struct static_result {
+    std::wstring file;
+    bool present = false;
     VARIANT_BOOL completed = VARIANT_FALSE;
     HRESULT hr = S_OK;
+    std::string failure; // the words for a failed scan
+    std::vector<record> records;
+    long filesMet = 0;
+    size_t missing = 0, filterable = 0, modules = 0;
+};
+
+static_result scan_static(IStaticScan* scan, const std::wstring& file, const options& o) {
+    static_result r;
+    r.file = file;
+    r.present = exists(file);
+    progress_sink sink;
+    qv::bstr path(file), lang(o.lang);
     try {
-        hr = scan->ScanFile(path.get(), &sink, o.filter ? VARIANT_TRUE : VARIANT_FALSE, lang.get(),
-                            static_cast<EScanType>(o.type), &completed);
+        r.hr = scan->ScanFile(path.get(), &sink, o.filter ? VARIANT_TRUE : VARIANT_FALSE, lang.get(),
+                              static_cast<EScanType>(o.type), &r.completed);
     } catch (const com_exception& e) {
-        hr = e.Error();
+        r.hr = e.Error();
     } catch (const qv::win32_exception& e) {
-        hr = e.Result();
+        r.hr = e.Result();
     }
     sink.clear();
-    if (FAILED(hr)) {
+    r.filesMet = sink.files;
+    if (FAILED(r.hr)) {
         // The server says in words what went wrong where it can (a list it cannot load, say).
-        err("qvscan: scanning " + utf8(file) + " failed: " + failure_text(hr) + "\n");
-        return ExitFailed;
+        r.failure = failure_text(r.hr);
+        return r;
     }
     qv::com_ptr<IDepFiles> files;
     check_hr(scan->get_Dependencies(files.put()));
-    std::vector<record> records = read_all(files.get());
+    r.records = read_all(files.get());
     // The import walk announces every file it names; a record it never named came from a .dep file.
-    for (record& r : records) {
-        const std::wstring full = r.path.empty() ? r.name : r.path + (r.path.back() == L'\\' ? L"" : L"\\") + r.name;
-        if (!r.mergeModule && !sink.named.count(lower(full)) && !sink.named.count(lower(r.name)))
-            r.via = "dep";
+    for (record& x : r.records) {
+        const std::wstring full = x.path.empty() ? x.name : x.path + (x.path.back() == L'\\' ? L"" : L"\\") + x.name;
+        if (!x.mergeModule && !sink.named.count(lower(full)) && !sink.named.count(lower(x.name)))
+            x.via = "dep";
+        r.missing += x.missing;
+        r.filterable += x.filterable;
+        r.modules += x.mergeModule;
     }
+    return r;
+}
 
-    size_t missing = 0, filterable = 0, modules = 0;
-    for (const auto& r : records) {
-        missing += r.missing;
-        filterable += r.filterable;
-        modules += r.mergeModule;
+std::string json_static(const static_result& r, const std::string& indent) {
+    std::string s = "{\n" + indent + "  \"file\": " + json_string(r.file) + ",\n" + indent +
+                    "  \"exists\": " + (r.present ? "true" : "false") + ",\n" + indent +
+                    "  \"completed\": " + (r.completed ? "true" : "false") + ",\n" + indent + "  \"dependencies\": [";
+    for (size_t i = 0; i < r.records.size(); ++i)
+        s += (i ? ",\n" : "\n") + json_record(r.records[i], (indent + "    ").c_str());
+    return s + std::string(r.records.empty() ? "" : "\n" + indent + "  ") + "],\n" + indent +
+           "  \"summary\": {\"files\": " + std::to_string(r.records.size()) +
+           ", \"missing\": " + std::to_string(r.missing) + ", \"filterable\": " + std::to_string(r.filterable) +
+           ", \"mergeModules\": " + std::to_string(r.modules) + ", \"filesMet\": " + std::to_string(r.filesMet) +
+           "}\n" + indent + "}";
+}
+
+std::string text_static(const static_result& r) {
+    table t({"NAME", "FOLDER", "VERSION", "SIZE", "MARKS"});
+    for (const auto& x : r.records)
+        t.add({utf8(x.name), utf8(x.path), utf8(version_text(x.major, x.minor)),
+               x.missing ? "" : std::to_string(x.size), marks(x)});
+    return t.render() + std::to_string(r.records.size()) + " files, " + std::to_string(r.missing) + " missing, " +
+           std::to_string(r.filterable) + " filterable, " + std::to_string(r.modules) + " merge modules";
+}
+
+// What is wrong with one scanned file, on standard error; the exit code it asks for.
+int tell_static(const server_dll& dll, const static_result& r) {
+    if (FAILED(r.hr)) {
+        err("qvscan: scanning " + utf8(r.file) + " failed: " + r.failure + "\n");
+        return ExitFailed;
     }
-    if (o.json) {
-        std::string s = "{\n  \"file\": " + json_string(file) + ",\n  \"exists\": " + (present ? "true" : "false") +
-                        ",\n  \"completed\": " + (completed ? "true" : "false") + ",\n  \"dependencies\": [";
-        for (size_t i = 0; i < records.size(); ++i)
-            s += (i ? ",\n" : "\n") + json_record(records[i], "    ");
-        s += std::string(records.empty() ? "" : "\n  ") +
-             "],\n  \"summary\": {\"files\": " + std::to_string(records.size()) +
-             ", \"missing\": " + std::to_string(missing) + ", \"filterable\": " + std::to_string(filterable) +
-             ", \"mergeModules\": " + std::to_string(modules) + ", \"filesMet\": " + std::to_string(sink.files) +
-             "}\n}\n";
-        out(s);
-    } else {
-        table t({"NAME", "FOLDER", "VERSION", "SIZE", "MARKS"});
-        for (const auto& r : records)
-            t.add({utf8(r.name), utf8(r.path), utf8(version_text(r.major, r.minor)),
-                   r.missing ? "" : std::to_string(r.size), marks(r)});
-        out(t.render());
-        out(std::to_string(records.size()) + " files, " + std::to_string(missing) + " missing, " +
-            std::to_string(filterable) + " filterable, " + std::to_string(modules) +
-            " merge modules (marks: M missing, F filterable, G merge module, S shared, R self-registering, D from a "
-            ".dep "
-            "file)\n");
-    }
-    if (!present) {
-        err("qvscan: " + utf8(file) + ": " + not_a_file(file) + "\n");
+    if (!r.present) {
+        err("qvscan: " + utf8(r.file) + ": " + not_a_file(r.file) + "\n");
         return ExitNoFile;
     }
-    if (records.empty() && sink.files == 0) {
+    if (r.records.empty() && r.filesMet == 0) {
         qv::com_ptr<IDepFile> pe;
         auto util = dll.create<IScanUtil>(CLSID_ScanUtil, IID_IScanUtil);
-        if (SUCCEEDED(util->get_PE(path.get(), pe.put())) && !pe)
-            err("qvscan: " + utf8(file) + " is not a Windows image, so nothing was scanned\n");
+        if (SUCCEEDED(util->get_PE(qv::bstr(r.file).get(), pe.put())) && !pe)
+            err("qvscan: " + utf8(r.file) + " is not a Windows image, so nothing was scanned\n");
     }
     return ExitOk;
+}
+
+// The files a list of FILEs and folders names: a folder stands for the Windows images in it, by name.
+std::vector<std::wstring> static_files(const options& o) {
+    std::vector<std::wstring> given{o.file};
+    given.insert(given.end(), o.names.begin(), o.names.end());
+    std::vector<std::wstring> files;
+    for (const std::wstring& one : given) {
+        const std::wstring path = full_path(one);
+        const DWORD attributes = GetFileAttributesW(path.c_str());
+        if (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_DIRECTORY)) {
+            files.push_back(path);
+            continue;
+        }
+        std::vector<std::wstring> images;
+        WIN32_FIND_DATAW data;
+        qv::unique_hfind find(FindFirstFileW(qv::JoinPath(path, L"*").c_str(), &data));
+        for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.get(), &data)) {
+            const std::wstring file = qv::JoinPath(path, data.cFileName);
+            char head[2] = {};
+            DWORD got = 0;
+            qv::unique_hfile handle(CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                                OPEN_EXISTING, 0, nullptr));
+            if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && handle &&
+                ReadFile(handle.get(), head, 2, &got, nullptr) && got == 2 && head[0] == 'M' && head[1] == 'Z')
+                images.push_back(file);
+        }
+        std::sort(images.begin(), images.end(), [](const std::wstring& a, const std::wstring& b) {
+            return CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_LESS_THAN;
+        });
+        files.insert(files.end(), images.begin(), images.end());
+    }
+    return files;
+}
+
+int run_static(const server_dll& dll, const options& o) {
+    auto scan = dll.create<IStaticScan>(CLSID_StaticScan, IID_IStaticScan);
+    const std::wstring single = full_path(o.file);
+    const DWORD attributes = GetFileAttributesW(single.c_str());
+    if (o.names.empty() && (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_DIRECTORY))) {
+        const static_result r = scan_static(scan.get(), single, o);
+        if (FAILED(r.hr))
+            return tell_static(dll, r);
+        if (o.json)
+            out(json_static(r, "") + "\n");
+        else
+            out(text_static(r) + " (marks: M missing, F filterable, G merge module, S shared, R self-registering, D "
+                                 "from a .dep file)\n");
+        return tell_static(dll, r);
+    }
+
+    // Several files, or the images of a folder: a section for each, one after the other.
+    const std::vector<std::wstring> files = static_files(o);
+    const bool terminal = err_is_terminal();
+    std::vector<static_result> results;
+    int rc = ExitOk;
+    size_t records = 0, missing = 0;
+    for (size_t i = 0; i < files.size(); ++i) {
+        if (terminal)
+            err("\r\x1b[K[" + std::to_string(i + 1) + "/" + std::to_string(files.size()) + "] " + utf8(files[i]));
+        results.push_back(scan_static(scan.get(), files[i], o));
+        if (terminal)
+            err("\r\x1b[K");
+        rc = std::max(rc, tell_static(dll, results.back()));
+        records += results.back().records.size();
+        missing += results.back().missing;
+    }
+    if (o.json) {
+        std::string s = "{\n  \"files\": [";
+        for (size_t i = 0; i < results.size(); ++i)
+            s += (i ? ",\n    " : "\n    ") + json_static(results[i], "    ");
+        out(s + (results.empty() ? "" : "\n  ") + "],\n  \"summary\": {\"scanned\": " + std::to_string(results.size()) +
+            ", \"records\": " + std::to_string(records) + ", \"missing\": " + std::to_string(missing) + "}\n}\n");
+    } else {
+        for (const auto& r : results)
+            out(utf8(r.file) + ":\n" + (FAILED(r.hr) ? "  the scan failed: " + r.failure : text_static(r)) + "\n\n");
+        out(std::to_string(results.size()) + " files scanned, " + std::to_string(records) + " records, " +
+            std::to_string(missing) +
+            " missing (marks: M missing, F filterable, G merge module, S shared, R self-registering, D from a .dep "
+            "file)\n");
+    }
+    if (files.empty())
+        err("qvscan: no Windows image to scan\n");
+    return rc;
 }
 
 int run_pe(const server_dll& dll, const options& o) {

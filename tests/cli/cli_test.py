@@ -26,6 +26,19 @@ def run(a, args, env=None):
 
 
 def case_json(a):
+    # Several files and a folder: a section each, in the order given, a folder's images by name; what is
+    # missing is told and the others are scanned.
+    lib = a.fixtures + "/walk/lib"
+    r = run(a, ["static", NOTEPAD, lib, "C:\\no\\such.exe", "--json"])
+    doc = json.loads(r.stdout)
+    got = [(f["file"].rsplit("\\", 1)[1].lower(), f["exists"]) for f in doc["files"]]
+    expect(r.returncode == 3 and "no such file" in r.stderr and got == [("notepad.exe", True)] + [
+        (n, True) for n in ["delta.dll", "dirlike.dll", "epsilon.dll", "gamma.dll", "noimports.exe", "upper.exe"]]
+        + [("such.exe", False)] and doc["summary"]["scanned"] == 8, f"several: {r.returncode} {got} {r.stderr!r}")
+    upper = [f for f in doc["files"] if f["file"].lower().endswith("upper.exe")][0]
+    expect([d["name"] for d in upper["dependencies"]] == ["gamma.dll"], f"upper.exe: {upper}")
+    text = run(a, ["static", lib]).stdout
+    expect(text.count(":\n") == 6 and text.rstrip().endswith("D from a .dep file)"), f"folder as text: {text!r}")
     for top in [NOTEPAD, "C:\\windows\\regedit.exe"]:
         r = run(a, ["static", top, "--no-filter", "--json"])
         expect(r.returncode == 0 and r.stderr == "", f"{top}: exit {r.returncode}, stderr {r.stderr!r}")
@@ -86,7 +99,7 @@ def case_exits(a):
         (["static", "C:\\x.exe", "--type", "abc"], 2, "--type wants 0, 1 or 2"),
         (["static", "C:\\x.exe", "--type", "4294967296"], 2, "--type wants"), (["static", "C:\\x.exe", "--type", "3"], 2, "--type"),
         (["static", "C:\\x.exe", "--lang", "x" * 4000], 2, "not 4000 characters"),
-        (["static", "C:\\windows"], 3, "is a folder, not a file"), (["pe", "C:\\x\\com1.dll"], 3, "is a device"),
+        (["pe", "C:\\windows"], 3, "is a folder, not a file"), (["pe", "C:\\x\\com1.dll"], 3, "is a device"),
         (["static", "C:\\windows\\win.ini"], 0, "is not a Windows image, so nothing was scanned"),
         (["static", "C:\\x.exe", "--frobnicate"], 2, "unknown option"), (["pe", "a", "b"], 2, "unexpected argument"),
         (["--help"], 0, "usage:"), (["static", "C:\\no\\such\\file.exe"], 3, "no such file"),
