@@ -1,8 +1,15 @@
 // CDepWalker: the walk at the heart of the static scan. From one file it follows import tables
 // down the tree, depth first on a stack of its own, decides for each name whether the file exists, belongs to a merge
 // module of the host's catalog, is filtered or is missing, and collects the outcome in two maps. It lives for one scan,
-// changes the process's current directory while it runs, and so must never overlap another scan in the
-// process.
+// changes the process's current directory while it runs (from the first moment something needs it), and so
+// must never overlap another scan in the process.
+//
+// Within a scan a name is searched once per machine, and each image is read once: the machine test's
+// reading serves the walk. Across scans the process keeps what it read of each image (ImageFacts) and the
+// .dep files of each folder, both checked against the file's or folder's write time before use. Search
+// answers are not kept across scans: an answer stands only while no folder before the hit (the current one,
+// then each of Path) has gained the name, and checking that asks each of those folders, which is what
+// the search itself costs.
 #pragma once
 
 #include "QVWIScanners.h"
