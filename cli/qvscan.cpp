@@ -50,18 +50,21 @@ std::wstring lower(std::wstring text) {
     return text;
 }
 
-const char* const Usage = "usage: qvscan static FILE|FOLDER... [--lang TEXT] [--type N] [--no-filter] [--json]\n"
-                          "       qvscan pe FILE [--json]\n"
-                          "       qvscan assembly FILE [--json]\n"
-                          "       qvscan vbp PROJECT.vbp|GROUP.vbg [--rebuild] [--dep FILE] [--lang TEXT]\n"
-                          "                  [--no-filter] [--keep-going] [--json]\n"
-                          "       qvscan ini FILE [SECTION [KEY]]\n"
-                          "       qvscan trace APP [ARGS...] [--dir D] [--tag T] [--this-process-only] [--no-filter]\n"
-                          "                    [--json] [--timeout S]     (after \"--\" every argument is APP's)\n"
-                          "       qvscan attach PID [--tag T] [--no-filter] [--json] [--timeout S]\n"
-                          "       qvscan setup \"COMMAND LINE\"\n"
-                          "       qvscan register [--user]\n"
-                          "       qvscan unregister [--user]\n";
+const char* const Usage =
+    "usage: qvscan static FILE|FOLDER... [--lang TEXT] [--type N] [--no-filter] [--merge-modules DIR]\n"
+    "                     [--json]\n"
+    "       qvscan pe FILE [--json]\n"
+    "       qvscan assembly FILE [--json]\n"
+    "       qvscan vbp PROJECT.vbp|GROUP.vbg [--rebuild] [--dep FILE] [--lang TEXT]\n"
+    "                  [--no-filter] [--keep-going] [--merge-modules DIR] [--json]\n"
+    "       qvscan msm DIR [--json]\n"
+    "       qvscan ini FILE [SECTION [KEY]]\n"
+    "       qvscan trace APP [ARGS...] [--dir D] [--tag T] [--this-process-only] [--no-filter]\n"
+    "                    [--merge-modules DIR] [--json] [--timeout S]   (after \"--\": APP's)\n"
+    "       qvscan attach PID [--tag T] [--no-filter] [--json] [--timeout S]\n"
+    "       qvscan setup \"COMMAND LINE\"\n"
+    "       qvscan register [--user]\n"
+    "       qvscan unregister [--user]\n";
 
 std::string hex(HRESULT hr) {
     char buffer[16];
@@ -297,6 +300,8 @@ options parse_trace(options& o, int argc, wchar_t** argv) {
             rest = true;
         } else if (!rest && a == L"--json") {
             o.json = true;
+        } else if (!rest && a == L"--merge-modules") {
+            o.mergeModules = option_value(argc, argv, i, "--merge-modules");
         } else if (!rest && a == L"--no-filter") {
             o.filter = false;
         } else if (!rest && a == L"--tag") {
@@ -346,7 +351,7 @@ options parse(int argc, wchar_t** argv) {
     if (o.command == L"-h" || o.command == L"--help" || o.command == L"help")
         throw usage_error{""};
     const bool scans = o.command == L"static" || o.command == L"pe" || o.command == L"assembly" ||
-                       o.command == L"ini" || o.command == L"vbp";
+                       o.command == L"ini" || o.command == L"vbp" || o.command == L"msm";
     const bool project = o.command == L"vbp";
     const bool registers = o.command == L"register" || o.command == L"unregister";
     if (o.command == L"setup") {
@@ -378,6 +383,8 @@ options parse(int argc, wchar_t** argv) {
             if (v.empty() || *end != L'\0' || errno == ERANGE || n < 0 || n > 32770 || (n & 32767) > 2)
                 throw usage_error{"--type wants 0, 1 or 2, optionally with 32768 added"};
             o.type = static_cast<long>(n);
+        } else if ((o.command == L"static" || project) && a == L"--merge-modules") {
+            o.mergeModules = value("--merge-modules");
         } else if ((o.command == L"static" || project) && a == L"--no-filter") {
             o.filter = false;
         } else if (project && a == L"--dep") {
@@ -418,11 +425,12 @@ struct static_result {
     size_t missing = 0, filterable = 0, modules = 0;
 };
 
-static_result scan_static(IStaticScan* scan, const std::wstring& file, const options& o) {
+static_result scan_static(IStaticScan* scan, const std::wstring& file, const options& o, IUnknown* catalog) {
     static_result r;
     r.file = file;
     r.present = exists(file);
     progress_sink sink;
+    sink.catalog = catalog;
     qv::bstr path(file), lang(o.lang);
     try {
         r.hr = scan->ScanFile(path.get(), &sink, o.filter ? VARIANT_TRUE : VARIANT_FALSE, lang.get(),
@@ -530,10 +538,11 @@ std::vector<std::wstring> static_files(const options& o) {
 
 int run_static(const server_dll& dll, const options& o) {
     auto scan = dll.create<IStaticScan>(CLSID_StaticScan, IID_IStaticScan);
+    const qv::com_ptr<IUnknown> catalog = load_merge_modules(o);
     const std::wstring single = full_path(o.file);
     const DWORD attributes = GetFileAttributesW(single.c_str());
     if (o.names.empty() && (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_DIRECTORY))) {
-        const static_result r = scan_static(scan.get(), single, o);
+        const static_result r = scan_static(scan.get(), single, o, catalog.get());
         if (FAILED(r.hr))
             return tell_static(dll, r);
         if (o.json)
@@ -553,7 +562,7 @@ int run_static(const server_dll& dll, const options& o) {
     for (size_t i = 0; i < files.size(); ++i) {
         if (terminal)
             err("\r\x1b[K[" + std::to_string(i + 1) + "/" + std::to_string(files.size()) + "] " + utf8(files[i]));
-        results.push_back(scan_static(scan.get(), files[i], o));
+        results.push_back(scan_static(scan.get(), files[i], o, catalog.get()));
         if (terminal)
             err("\r\x1b[K");
         rc = std::max(rc, tell_static(dll, results.back()));
@@ -788,6 +797,18 @@ int wmain(int argc, wchar_t** argv) {
     }
     if (o.command == L"ini")
         return run_ini(o);
+    if (o.command == L"msm") {
+        HRESULT com = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+        int rc = ExitFailed;
+        try {
+            rc = run_msm(o);
+        } catch (const std::exception& e) {
+            err(std::string("qvscan: ") + e.what() + "\n");
+        }
+        if (SUCCEEDED(com))
+            CoUninitialize();
+        return rc;
+    }
     if (o.command == L"setup")
         return run_setup(o);
     HRESULT init = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);

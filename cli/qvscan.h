@@ -86,6 +86,7 @@ class progress_sink : public IStaticScanEventsValeSP {
 public:
     long files = 0;
     std::set<std::wstring> named;
+    IUnknown* catalog = nullptr; // the merge-module catalog handed to the scan, or none (not owned)
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
         if (!ppv)
@@ -124,10 +125,11 @@ public:
         err("qvscan: " + utf8(file ? file : L"") + ": " + utf8(text ? text : L"") + " (" + hex(code) + ")\n");
         return S_OK;
     }
-    HRESULT STDMETHODCALLTYPE get_MMCatalog(IUnknown** catalog) override {
-        if (!catalog)
+    HRESULT STDMETHODCALLTYPE get_MMCatalog(IUnknown** out) override {
+        if (!out)
             return E_POINTER;
-        *catalog = nullptr;
+        if ((*out = catalog))
+            catalog->AddRef();
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE GetOtherReferences(VARIANT* value) override {
@@ -191,7 +193,16 @@ struct options {
     // vbp
     std::wstring depFile;
     bool rebuild = false, keepGoing = false;
+    // The folder of merge modules (--merge-modules, else QV_MERGE_MODULES, else the system's own).
+    std::wstring mergeModules;
 };
+
+// The merge-module catalog of QvMergeModules.dll beside the tool, read from o.mergeModules or where the
+// variable or the system keeps merge modules; null when there is no such folder. What it could not read is
+// told on standard error; a library that cannot be loaded is thrown.
+qv::com_ptr<IUnknown> load_merge_modules(const options& o);
+// qvscan msm: the catalog's modules.
+int run_msm(const options& o);
 
 // qvscan trace and qvscan attach.
 int run_trace(const server_dll& dll, const options& o);

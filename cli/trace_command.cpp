@@ -210,6 +210,8 @@ int run_trace(const server_dll& dll, const options& o) {
         return ExitFailed;
     }
     check_hr(checker->put_Filtering(o.filter ? VARIANT_TRUE : VARIANT_FALSE));
+    if (const qv::com_ptr<IUnknown> catalog = load_merge_modules(o))
+        check_hr(checker.query<IDepCheckerTarn>(IID_IDepCheckerTarn)->put_MMCatalog(catalog.get()));
     if (!o.tag.empty())
         check_hr(checker->put_CurrentTagName(qv::bstr(o.tag).get()));
 

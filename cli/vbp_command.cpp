@@ -68,9 +68,7 @@ public:
     // Lives on the stack of the command, longer than the scanner.
     ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
     ULONG STDMETHODCALLTYPE Release() override { return 1; }
-    HRESULT STDMETHODCALLTYPE get_MMCatalog(IUnknown** catalog) override {
-        return catalog ? (*catalog = nullptr, S_OK) : E_POINTER;
-    }
+    HRESULT STDMETHODCALLTYPE get_MMCatalog(IUnknown** out) override { return progress_sink::get_MMCatalog(out); }
 
     HRESULT STDMETHODCALLTYPE PercentDone(long percent) override {
         m_percent = std::clamp(percent, 0L, 100L);
@@ -301,6 +299,8 @@ int run_vbp(const server_dll& dll, const options& o) {
     }
 
     vbp_sink sink(result, o.keepGoing);
+    const qv::com_ptr<IUnknown> catalog = load_merge_modules(o);
+    sink.catalog = catalog.get();
     qv::com_ptr<IClassFactory> factory;
     qv::com_ptr<IVBPScan> scan; // after the sink: released first, with the server's hold on the sink
     HRESULT hr = dll.factory(CLSID_VBPScan, factory.put());

@@ -448,11 +448,78 @@ def case_vbp(a):
         shutil.rmtree(tmp, ignore_errors=True)
 
 
+def case_msm(a):
+    """Merge modules built by msibuild from table texts: versions, machines, languages, broken ones, absent ones."""
+    tmp = tempfile.mkdtemp(prefix="qvscan-msm-")
+    mods = os.path.join(tmp, "modules")
+    os.makedirs(mods)
+
+    def module(msm, version, language, is64, files, subject, signed=True):
+        rows = {"ModuleSignature": ("ModuleID\tLanguage\tVersion\ns72\ti2\ts32\nModuleSignature\tModuleID\tLanguage\n"
+                                    f"{msm[:-4]}.1111_2222\t{language}\t{version}\n"),
+                "Component": ("Component\tComponentId\tDirectory_\tAttributes\tCondition\tKeyPath\ns72\tS38\ts72\ti2\tS255\t"
+                              "S72\nComponent\tComponent\nC\t{11111111-2222-3333-4444-555555555555}\tTARGETDIR\t"
+                              f"{256 if is64 else 0}\t\t\n"),
+                "File": "File\tComponent_\tFileName\tFileSize\tVersion\tLanguage\tAttributes\tSequence\n"
+                        "s72\ts72\tl255\ti4\tS72\tS20\tI2\ti2\nFile\tFile\n" + "".join(
+                            f"f{i}\t{c}\tSHORT{i}.DLL|{n}\t1\t{v}\t{language}\t\t{i + 1}\n" for i, (n, v, c) in enumerate(files)),
+                "Directory": "Directory\tDirectory_Parent\tDefaultDir\ns72\tS72\tl255\nDirectory\tDirectory\nTARGETDIR\t\tSourceDir\n"}
+        args = []
+        for table, text in rows.items():
+            if signed or table != "ModuleSignature":
+                open(os.path.join(tmp, table + ".idt"), "w").write(text)
+                args += ["-i", os.path.join(tmp, table + ".idt")]
+        subprocess.run(["msibuild", os.path.join(mods, msm)] + args + ["-s", subject], check=True)
+
+    try:
+        module("beta1.msm", "1.0.0.0", 0, True, [("beta.dll", "1.0.0.0", "C")], "Beta Library 1.0")
+        module("beta2.msm", "2.0.0.0", 0, True, [("beta.dll", "2.0.0.0", "C"), ("orphan.dll", "", "NoSuch")], "Beta 2.0")
+        module("gamma32.msm", "1.0", 0, False, [("gamma.dll", "", "C")], "Gamma for x86")
+        module("tr_exact.msm", "1.2.3.4", 1033, True, [("translations.dll", "1.2.3.4", "C")], "Translations 1.2.3.4")
+        module("tr_fr.msm", "10.0", 1036, True, [("translations.dll", "10.0", "C")], "Translations in French")
+        module("tr_new.msm", "9.0", 1033, True, [("translations.dll", "9.0", "C")], "Translations 9.0")
+        module("unsigned.msm", "1.0", 0, True, [("x.dll", "", "C")], "No signature", signed=False)
+        open(os.path.join(mods, "garbage.msm"), "wb").write(b"\0" * 600)
+        open(os.path.join(mods, "modules.ini"), "w").write("[Alpha.msm]\nSubject=Alpha Runtime\nPlatform=x64\nFile1=alpha.dll\n")
+        app = a.fixtures + "/walk/app/app.exe"
+        r = run(a, ["static", app, "--merge-modules", mods, "--json"])
+        got = {d["name"]: (d["folder"], d["missing"], d["mergeModule"]) for d in json.loads(r.stdout)["dependencies"]}
+        expect(r.returncode == 0 and got.get("Beta 2.0") == ("beta2.msm", False, True)
+               and got.get("Alpha Runtime") == ("Alpha.msm", True, True)
+               and not {"beta.dll", "alpha.dll", "delta.dll", "epsilon.dll"} & set(got)
+               and all(x in r.stderr for x in ["garbage.msm: not an installer database", "unsigned.msm: no ModuleSignature",
+                                               "orphan.dll belongs to the component NoSuch"]), f"modules: {got} {r.stderr!r}")
+        plain = {d["name"]: d["mergeModule"] for d in json.loads(run(a, ["static", app, "--json"]).stdout)["dependencies"]}
+        expect(plain.get("beta.dll") is False and "delta.dll" in plain, f"without modules: {plain}")
+        env = dict(os.environ, QV_MERGE_MODULES=win(mods))
+        text = run(a, ["static", app], env=env).stdout
+        expect(text.count("--G---") == 1 and text.count("M-G---") == 1, f"the variable, as text: {text!r}")
+        # The exact version before the newest, and only a module that speaks the file's language (1033).
+        put = os.path.join(tmp, "tr")
+        os.makedirs(put)
+        open(os.path.join(put, "uses.exe"), "wb").write(image(["translations.dll"]))
+        shutil.copy(a.fixtures + "/version/translations.dll", put)
+        deps = json.loads(run(a, ["static", put + "/uses.exe", "--merge-modules", mods, "--json"]).stdout)["dependencies"]
+        expect([(d["name"], d["folder"]) for d in deps] == [("Translations 1.2.3.4", "tr_exact.msm")], f"exact: {deps}")
+        os.rename(os.path.join(mods, "tr_exact.msm"), os.path.join(tmp, "tr_exact.msm"))  # then the newest in 1033
+        deps = json.loads(run(a, ["static", put + "/uses.exe", "--merge-modules", mods, "--json"]).stdout)["dependencies"]
+        expect([(d["name"], d["folder"]) for d in deps] == [("Translations 9.0", "tr_new.msm")], f"newest: {deps}")
+        os.rename(os.path.join(tmp, "tr_exact.msm"), os.path.join(mods, "tr_exact.msm"))
+        doc = json.loads(run(a, ["msm", mods, "--json"]).stdout)
+        listed = [(m["key"], m["present"], [(f["name"], f["machine"]) for f in m["files"]]) for m in doc["modules"]]
+        expect([m[0] for m in listed] == ["beta1.msm", "beta2.msm", "gamma32.msm", "tr_exact.msm", "tr_fr.msm", "tr_new.msm",
+                                          "Alpha.msm"] and listed[2][2] == [("gamma.dll", "x86")]
+               and listed[-1][1:] == (False, [("alpha.dll", "x64")]), f"msm: {listed}")
+        expect(run(a, ["msm", tmp + "/none"]).returncode == 3, "a folder that does not exist")
+    finally:
+        shutil.rmtree(tmp, ignore_errors=True)
+
+
 def main():
     ap = argparse.ArgumentParser()
     for option in ["--emulator", "--tool", "--dump", "--prefix", "--fixtures", "--script-host"]:
         ap.add_argument(option, required=True)
-    ap.add_argument("case", choices=["json", "table", "exits", "script", "hostile", "trace", "assembly", "vbp"])
+    ap.add_argument("case", choices=["json", "table", "exits", "script", "hostile", "trace", "assembly", "vbp", "msm"])
     a = ap.parse_args()
     globals()["case_" + a.case](a)
     print(f"{0 if failures else 1} passed, {len(failures)} failed")
