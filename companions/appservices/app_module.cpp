@@ -10,12 +10,7 @@
 
 namespace {
 
-struct class_entry {
-    const CLSID* clsid;
-    qv::class_factory::create_fn create;
-};
-
-const class_entry kClasses[] = {
+const qv::library_class kClasses[] = {
     {&CLSID_QvAppServices, &qv::creator<CQvAppServices>::CreateInstance},
     {&CLSID_QvDepFileGroup, &qv::creator<CQvDepFileGroup>::CreateInstance},
     {&CLSID_QvDepFileGroups, &qv::creator<CQvDepFileGroups>::CreateInstance},
@@ -38,20 +33,5 @@ extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() {
 }
 
 extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* ppv) {
-    if (!ppv)
-        return E_POINTER;
-    *ppv = nullptr;
-    for (const class_entry& entry : kClasses) {
-        if (!IsEqualCLSID(clsid, *entry.clsid))
-            continue;
-        qv::com_object<qv::class_factory>* factory = nullptr;
-        HRESULT hr = qv::com_object<qv::class_factory>::CreateInstance(&factory, entry.create);
-        if (FAILED(hr))
-            return hr;
-        factory->AddRef();
-        hr = factory->QueryInterface(iid, ppv);
-        factory->Release();
-        return hr;
-    }
-    return CLASS_E_CLASSNOTAVAILABLE;
+    return qv::GetLibraryClassObject(kClasses, clsid, iid, ppv);
 }

@@ -415,18 +415,7 @@ extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() {
 }
 
 extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* ppv) {
-    if (!ppv)
-        return E_POINTER;
-    *ppv = nullptr;
-    if (!IsEqualCLSID(clsid, CLSID_QvMergeModuleCatalog))
-        return CLASS_E_CLASSNOTAVAILABLE;
-    qv::com_object<qv::class_factory>* factory = nullptr;
-    HRESULT hr = qv::com_object<qv::class_factory>::CreateInstance(&factory,
-                                                                   &qv::creator<CQvMergeModuleCatalog>::CreateInstance);
-    if (FAILED(hr))
-        return hr;
-    factory->AddRef();
-    hr = factory->QueryInterface(iid, ppv);
-    factory->Release();
-    return hr;
+    static const qv::library_class classes[] = {
+        {&CLSID_QvMergeModuleCatalog, &qv::creator<CQvMergeModuleCatalog>::CreateInstance}};
+    return qv::GetLibraryClassObject(classes, clsid, iid, ppv);
 }

@@ -205,18 +205,7 @@ extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() {
 }
 
 extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* ppv) {
-    if (!ppv)
-        return E_POINTER;
-    *ppv = nullptr;
-    if (!IsEqualCLSID(clsid, CLSID_QvSectionLoader))
-        return CLASS_E_CLASSNOTAVAILABLE;
-    qv::com_object<qv::class_factory>* factory = nullptr;
-    HRESULT hr =
-        qv::com_object<qv::class_factory>::CreateInstance(&factory, &qv::creator<CQvSectionLoader>::CreateInstance);
-    if (FAILED(hr))
-        return hr;
-    factory->AddRef();
-    hr = factory->QueryInterface(iid, ppv);
-    factory->Release();
-    return hr;
+    static const qv::library_class classes[] = {
+        {&CLSID_QvSectionLoader, &qv::creator<CQvSectionLoader>::CreateInstance}};
+    return qv::GetLibraryClassObject(classes, clsid, iid, ppv);
 }

@@ -24,6 +24,7 @@
 #include <windows.h>
 
 #include <new>
+#include <span>
 #include <unknwn.h>
 #include <utility>
 
@@ -42,11 +43,11 @@ template <class C, class I> DWORD_PTR interface_offset() {
 
 #define QV_BEGIN_INTERFACE_MAP(cls)                                                                                    \
     using _qv_map_class = cls;                                                                                         \
-    static const ::qv::interface_entry* _qv_entries() {                                                               \
+    static const ::qv::interface_entry* _qv_entries() {                                                                \
         static const ::qv::interface_entry entries[] = {
 #define QV_INTERFACE(iid, itf) {&(iid), ::qv::interface_offset<_qv_map_class, itf>()},
 // An interface reached through one of the class's bases, when itf itself is ambiguous.
-#define QV_INTERFACE2(iid, itf, via)                                                                                  \
+#define QV_INTERFACE2(iid, itf, via)                                                                                   \
     {&(iid), static_cast<DWORD_PTR>(::qv::interface_offset<_qv_map_class, via>() + ::qv::interface_offset<via, itf>())},
 #define QV_END_INTERFACE_MAP()                                                                                         \
     { nullptr, 0 }                                                                                                     \
@@ -55,7 +56,7 @@ template <class C, class I> DWORD_PTR interface_offset() {
     return entries;                                                                                                    \
     }                                                                                                                  \
     IUnknown* _qv_identity() {                                                                                         \
-        return reinterpret_cast<IUnknown*>(reinterpret_cast<BYTE*>(this) + _qv_entries()[0].offset);                  \
+        return reinterpret_cast<IUnknown*>(reinterpret_cast<BYTE*>(this) + _qv_entries()[0].offset);                   \
     }
 
 // The state every object of the library has: its count and, when aggregated, its outer unknown.
@@ -319,5 +320,32 @@ public:
 private:
     create_fn m_pfnCreate;
 };
+
+// One class of a library that hands out its classes without registration.
+struct library_class {
+    const CLSID* clsid;
+    class_factory::create_fn create;
+};
+
+// The body of such a library's DllGetClassObject: a new class factory for a class of the table, asked
+// for iid; CLASS_E_CLASSNOTAVAILABLE for any other class.
+inline HRESULT GetLibraryClassObject(std::span<const library_class> classes, REFCLSID clsid, REFIID iid, void** ppv) {
+    if (!ppv)
+        return E_POINTER;
+    *ppv = nullptr;
+    for (const library_class& entry : classes) {
+        if (!IsEqualCLSID(clsid, *entry.clsid))
+            continue;
+        com_object<class_factory>* factory = nullptr;
+        HRESULT hr = com_object<class_factory>::CreateInstance(&factory, entry.create);
+        if (FAILED(hr))
+            return hr;
+        factory->AddRef();
+        hr = factory->QueryInterface(iid, ppv);
+        factory->Release();
+        return hr;
+    }
+    return CLASS_E_CLASSNOTAVAILABLE;
+}
 
 } // namespace qv
