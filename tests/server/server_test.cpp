@@ -498,6 +498,15 @@ TEST_F(Server, ShippedListsThroughScanFile) {
         }
         EXPECT_THAT(sink.found, IsEmpty());
     }
+    // Lists rewritten between two scans of the process are read again.
+    env_scope rewritten(L"QV_SUPPORT_DIR", tmp.mkdir(L"lists").c_str());
+    const std::pair<const char*, size_t> lists[] = {
+        {"<Filters><Exclude><File name=\"gamma.dll\"/></Exclude></Filters>", 0}, {"<Filters/>", 1}};
+    for (const auto& [text, records] : lists) {
+        tmp.write(L"lists\\filters.xml", text);
+        ASSERT_EQ(scan_file(walk(L"lib\\upper.exe"), VARIANT_TRUE), S_OK);
+        EXPECT_EQ(names(dependencies().get()).size(), records) << text;
+    }
     // A name with a double quote cannot go into the list query: the scan fails and names it.
     const std::wstring quote = tmp.write(L"quote.exe", image_writer().import("bad\"name.dll").build().str());
     EXPECT_THROW(scan_file(quote, VARIANT_TRUE), com_exception);
