@@ -19,17 +19,11 @@ const qv::library_class kClasses[] = {
 } // namespace
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
-    if (reason == DLL_PROCESS_ATTACH) {
-        qv::g_module.Init(instance, GUID_NULL);
-        DisableThreadLibraryCalls(instance);
-    } else if (reason == DLL_PROCESS_DETACH) {
-        qv::g_module.Term();
-    }
-    return TRUE;
+    return qv::LibraryMain(instance, reason);
 }
 
 extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() {
-    return qv::g_module.LockCount() == 0 ? S_OK : S_FALSE;
+    return qv::LibraryCanUnloadNow();
 }
 
 extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* ppv) {

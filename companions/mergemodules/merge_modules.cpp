@@ -34,17 +34,12 @@ struct module_data {
     std::vector<module_file> files;
 };
 
-HRESULT Text(const std::wstring& text, BSTR* out) {
-    if (!out)
-        return E_POINTER;
-    *out = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
-    return *out ? S_OK : E_OUTOFMEMORY;
-}
+using qv::LowerCase;
 
-std::wstring Lower(std::wstring text) {
-    if (!text.empty())
-        CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
-    return text;
+constexpr int kNullInteger = static_cast<int>(MSI_NULL_INTEGER); // what an empty integer column reads as
+
+HRESULT Text(const std::wstring& text, BSTR* out) {
+    return qv::copy_text_out(text, out);
 }
 
 // Dotted versions compared part by part as numbers.
@@ -138,13 +133,13 @@ bool ReadModule(const std::wstring& path, module_data& module, std::wstring& pro
         });
     if (error != ERROR_SUCCESS || !signed_)
         return tell(L"no ModuleSignature table, so no merge module"), false;
-    if (module.language == MSI_NULL_INTEGER)
+    if (module.language == kNullInteger)
         module.language = 0;
 
     std::vector<std::pair<std::wstring, bool>> components; // name, 64-bit
     EachRow(database.get(), L"SELECT `Component`, `Attributes` FROM `Component`", [&](MSIHANDLE row) {
         const int attributes = MsiRecordGetInteger(row, 2);
-        components.emplace_back(Field(row, 1), attributes != MSI_NULL_INTEGER && (attributes & 256) != 0);
+        components.emplace_back(Field(row, 1), attributes != kNullInteger && (attributes & 256) != 0);
     });
     EachRow(database.get(), L"SELECT `File`, `Component_`, `FileName`, `Version`, `Language` FROM `File`",
             [&](MSIHANDLE row) {
@@ -196,7 +191,7 @@ void ReadAbsentModules(const std::wstring& ini, std::vector<std::shared_ptr<modu
         module->id = module->key = section;
         module->subject = value(section, L"Subject");
         module->version = value(section, L"Version");
-        const bool is64Bit = Lower(value(section, L"Platform")) == L"x64";
+        const bool is64Bit = LowerCase(value(section, L"Platform")) == L"x64";
         for (int i = 1;; ++i) {
             const std::wstring file = value(section, L"File" + std::to_wstring(i));
             if (file.empty())
@@ -286,7 +281,7 @@ public:
             return E_POINTER;
         *ppModule = nullptr;
         *pbFound = VARIANT_FALSE;
-        std::wstring name = Lower(fileKey ? fileKey : L"");
+        std::wstring name = LowerCase(fileKey ? fileKey : L"");
         bool is64Bit = false;
         if (name.ends_with(L":x64"))
             name.resize(name.size() - 4), is64Bit = true;
@@ -299,7 +294,7 @@ public:
         for (size_t i = 0; i < m_modules.size() && !exact; ++i) {
             const module_data& module = *m_modules[i];
             for (const module_file& file : module.files) {
-                if (Lower(file.name) != name || file.is64Bit != is64Bit)
+                if (LowerCase(file.name) != name || file.is64Bit != is64Bit)
                     continue;
                 if (!module.present) {
                     absent = true;
@@ -384,11 +379,11 @@ public:
 
 private:
     const module_data* AbsentModuleOf(const std::wstring& fileName) const {
-        const std::wstring name = Lower(fileName);
+        const std::wstring name = LowerCase(fileName);
         for (const auto& module : m_modules)
             if (!module->present)
                 for (const module_file& file : module->files)
-                    if (Lower(file.name) == name)
+                    if (LowerCase(file.name) == name)
                         return module.get();
         return nullptr;
     }
@@ -401,17 +396,11 @@ private:
 } // namespace
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
-    if (reason == DLL_PROCESS_ATTACH) {
-        qv::g_module.Init(instance, GUID_NULL);
-        DisableThreadLibraryCalls(instance);
-    } else if (reason == DLL_PROCESS_DETACH) {
-        qv::g_module.Term();
-    }
-    return TRUE;
+    return qv::LibraryMain(instance, reason);
 }
 
 extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() {
-    return qv::g_module.LockCount() == 0 ? S_OK : S_FALSE;
+    return qv::LibraryCanUnloadNow();
 }
 
 extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* ppv) {

@@ -15,10 +15,7 @@ namespace {
 using file_ptr = std::shared_ptr<const qv::inifilex>;
 
 HRESULT Text(const std::wstring& text, BSTR* out) {
-    if (!out)
-        return E_POINTER;
-    *out = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
-    return *out ? S_OK : E_OUTOFMEMORY;
+    return qv::copy_text_out(text, out);
 }
 
 // A 1-based number or a name of an Item call; E_INVALIDARG for any other kind of VARIANT.
@@ -191,17 +188,11 @@ private:
 } // namespace
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
-    if (reason == DLL_PROCESS_ATTACH) {
-        qv::g_module.Init(instance, GUID_NULL);
-        DisableThreadLibraryCalls(instance);
-    } else if (reason == DLL_PROCESS_DETACH) {
-        qv::g_module.Term();
-    }
-    return TRUE;
+    return qv::LibraryMain(instance, reason);
 }
 
 extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() {
-    return qv::g_module.LockCount() == 0 ? S_OK : S_FALSE;
+    return qv::LibraryCanUnloadNow();
 }
 
 extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* ppv) {

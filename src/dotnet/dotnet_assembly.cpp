@@ -23,10 +23,7 @@ constexpr ULONG MaxTokens = 2048;
 constexpr mdToken AssemblyToken = 0x20000001;
 
 HRESULT copy_out(const std::wstring& text, BSTR* pVal) {
-    if (!pVal)
-        return E_POINTER;
-    *pVal = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
-    return *pVal ? S_OK : E_OUTOFMEMORY;
+    return qv::copy_text_out(text, pVal);
 }
 
 // The tokens of one enumeration call; the enumerator is closed at once.

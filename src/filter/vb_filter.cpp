@@ -93,9 +93,13 @@ bool CQVWIVBFilter::Filter(const std::wstring& name, bool& bInFilterList) {
     return bFilter;
 }
 
-std::wstring FindVbDir() {
+std::wstring VbpMakeCommand() {
     const std::wstring progId = qv::ReadDefaultRegistryValue(HKEY_CLASSES_ROOT, L".vbp");
-    std::wstring command = qv::ReadDefaultRegistryValue(HKEY_CLASSES_ROOT, progId + L"\\shell\\Make\\command");
+    return qv::ReadDefaultRegistryValue(HKEY_CLASSES_ROOT, progId + L"\\shell\\Make\\command");
+}
+
+std::wstring FindVbDir() {
+    std::wstring command = VbpMakeCommand();
     const size_t slash = command.find_last_of(L'\\');
     if (command.empty() || slash == std::wstring::npos)
         return {};

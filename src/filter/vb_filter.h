@@ -52,6 +52,10 @@ private:
 // thrown, with a description that names it and the file that needs it.
 qv::com_ptr<IQvSectionLoader> MakeSectionLoader(const std::wstring& file);
 
+// The command of the Make verb of the .vbp association (HKEY_CLASSES_ROOT\.vbp, then <type>\shell\Make\command),
+// as registered; empty when there is none.
+std::wstring VbpMakeCommand();
+
 // The folder of Visual Basic, with its trailing backslash, from the Make verb of the .vbp association: the
 // command up to its last backslash, in upper case. Empty when there is no such association. The command
 // is taken as it stands: a leading quote stays, and a backslash among its arguments counts.

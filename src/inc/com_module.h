@@ -46,6 +46,22 @@ private:
 
 extern com_module g_module;
 
+// DllMain of a library with no type library of its own (the companions): the module's start and end.
+inline BOOL LibraryMain(HINSTANCE instance, DWORD reason) {
+    if (reason == DLL_PROCESS_ATTACH) {
+        g_module.Init(instance, GUID{}); // no type library
+        DisableThreadLibraryCalls(instance);
+    } else if (reason == DLL_PROCESS_DETACH) {
+        g_module.Term();
+    }
+    return TRUE;
+}
+
+// DllCanUnloadNow of any library of the project: S_OK once no object and no held class factory is left.
+inline HRESULT LibraryCanUnloadNow() {
+    return g_module.LockCount() == 0 ? S_OK : S_FALSE;
+}
+
 // Holds the module's critical section for a scope.
 class module_lock {
 public:

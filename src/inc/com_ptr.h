@@ -116,7 +116,9 @@ public:
 
     BSTR get() const noexcept { return m_b; }
     // A null BSTR reads as the empty string.
-    std::wstring_view view() const noexcept { return m_b ? std::wstring_view(m_b, SysStringLen(m_b)) : std::wstring_view(); }
+    std::wstring_view view() const noexcept {
+        return m_b ? std::wstring_view(m_b, SysStringLen(m_b)) : std::wstring_view();
+    }
     std::wstring str() const { return std::wstring(view()); }
     UINT length() const noexcept { return m_b ? SysStringLen(m_b) : 0; }
     bool empty() const noexcept { return length() == 0; }
@@ -141,5 +143,14 @@ private:
 
     BSTR m_b = nullptr;
 };
+
+// Hands out a copy of text as an [out] BSTR: E_POINTER for a null out-pointer, E_OUTOFMEMORY when it
+// cannot be made.
+inline HRESULT copy_text_out(std::wstring_view text, BSTR* out) noexcept {
+    if (!out)
+        return E_POINTER;
+    *out = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
+    return *out ? S_OK : E_OUTOFMEMORY;
+}
 
 } // namespace qv

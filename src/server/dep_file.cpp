@@ -29,12 +29,6 @@ VARIANT_BOOL ToVariantBool(bool value) {
 
 using qv::EqualNoCase;
 
-std::wstring Lower(std::wstring text) {
-    if (!text.empty())
-        CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
-    return text;
-}
-
 void DropTrailingBackslash(std::wstring& text) {
     if (!text.empty() && text.back() == L'\\')
         text.pop_back();
@@ -364,7 +358,7 @@ void CDepFile::SetAssembly(IUnknown* assembly) {
 std::optional<std::wstring> CDepFile::MapDestPath(const std::wstring& path) {
     if (path.empty())
         return std::nullopt;
-    std::wstring mapped = Lower(path);
+    std::wstring mapped = qv::LowerCase(path);
     std::replace(mapped.begin(), mapped.end(), L'/', L'\\');
     DropTrailingBackslash(mapped);
 
@@ -378,7 +372,7 @@ std::optional<std::wstring> CDepFile::MapDestPath(const std::wstring& path) {
         {&ReadCommonFilesDir, &qv::traits::CommonFilesFolderToken},
     };
     for (const folder_token& pair : pairs) {
-        std::wstring folder = Lower(pair.folder());
+        std::wstring folder = qv::LowerCase(pair.folder());
         DropTrailingBackslash(folder);
         // An unknown folder (no CommonFilesDir value) occurs nowhere.
         if (folder.empty())

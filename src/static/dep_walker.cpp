@@ -65,13 +65,6 @@ bool TakesCandidate(const std::wstring& candidate, DWORD machine) {
     return machine == 0 || !facts->usable || facts->machine == machine;
 }
 
-// A section name as the section loader matches it: without regard to ASCII case.
-std::wstring FoldedName(std::wstring name) {
-    for (wchar_t& c : name)
-        c = c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
-    return name;
-}
-
 // The key of a name as written and the machine it is looked for, in the scan's settled answers.
 std::wstring SettledKey(const std::wstring& name, DWORD machine) {
     return name + L'|' + std::to_wstring(machine);
@@ -88,7 +81,7 @@ std::shared_ptr<const std::unordered_set<std::wstring>> DepFilesOf(const std::ws
     WIN32_FILE_ATTRIBUTE_DATA data{};
     const bool known = GetFileAttributesExW(folder.empty() ? L"." : folder.c_str(), GetFileExInfoStandard, &data) &&
                        (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY);
-    const std::wstring key = FoldedName(qv::FullPath(folder.empty() ? L"." : folder));
+    const std::wstring key = qv::FoldAsciiCase(qv::FullPath(folder.empty() ? L"." : folder));
     if (known) {
         AcquireSRWLockShared(&lock);
         const auto it = listings.find(key);
@@ -104,7 +97,7 @@ std::shared_ptr<const std::unordered_set<std::wstring>> DepFilesOf(const std::ws
     qv::unique_hfind find(FindFirstFileW((folder + L"*.dep").c_str(), &found));
     for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.get(), &found))
         if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
-            names->insert(FoldedName(found.cFileName));
+            names->insert(qv::FoldAsciiCase(found.cFileName));
     if (known) {
         AcquireSRWLockExclusive(&lock);
         listings[key] = {data.ftLastWriteTime, names};
@@ -324,7 +317,7 @@ void CDepWalker::Step(std::vector<WalkFrame>& stack) {
 
     if (top.next == top.names.size()) {
         if (top.section)
-            m_activeSections.erase({top.sections.get(), FoldedName(top.name)});
+            m_activeSections.erase({top.sections.get(), qv::FoldAsciiCase(top.name)});
         stack.pop_back();
         return;
     }
@@ -517,7 +510,7 @@ void CDepWalker::PushSection(std::vector<WalkFrame>& stack, const qv::com_ptr<IQ
     if (!section)
         return;
     // Sections that name each other would be walked forever: the circle is reported and not entered again.
-    if (!m_activeSections.insert({sections.get(), FoldedName(name)}).second) {
+    if (!m_activeSections.insert({sections.get(), qv::FoldAsciiCase(name)}).second) {
         check_hr(m_pEvents->ErrorEncountered(
             qv::bstr(depPath).get(), HRESULT_FROM_WIN32(ERROR_CIRCULAR_DEPENDENCY),
             qv::bstr(L"the sections name each other in a circle back to [" + name + L"], which is followed once")
@@ -553,10 +546,10 @@ bool CDepWalker::DepFileExists(const std::wstring& depPath) {
     // a file that is mostly not there, which costs a pass over the whole folder on a case-sensitive file
     // system. Within one scan the first listing stands.
     const std::wstring folder = depPath.substr(0, depPath.size() - qv::FileNamePart(depPath).size());
-    auto [it, added] = m_depFiles.try_emplace(FoldedName(folder));
+    auto [it, added] = m_depFiles.try_emplace(qv::FoldAsciiCase(folder));
     if (added)
         it->second = DepFilesOf(folder);
-    return it->second->count(FoldedName(qv::FileNamePart(depPath))) != 0;
+    return it->second->count(qv::FoldAsciiCase(qv::FileNamePart(depPath))) != 0;
 }
 
 std::wstring CDepWalker::LanguageSection(const std::wstring& name) const {

@@ -4,6 +4,7 @@
 #include "inc/com_object.h"
 #include "static/activation_scope.h"
 
+#include "toolkit/path_helpers.h"
 #include "toolkit/string_convert.h"
 
 #include <algorithm>
@@ -22,7 +23,8 @@ const wchar_t* ImageStatusText(DWORD status) {
     case 3:
         return L"General failure";
     default:
-        return L"<Error ???>";
+        return L"<Error ?"
+               L"??>"; // apart, so that no trigraph is read
     }
 }
 
@@ -151,8 +153,7 @@ std::shared_ptr<const image_facts> ImageFacts(const std::wstring& path) {
         (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
         return ReadFacts(path);
     const ULONGLONG size = (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
-    std::wstring key = path;
-    CharLowerBuffW(key.data(), static_cast<DWORD>(key.size()));
+    const std::wstring key = qv::LowerCase(path);
 
     AcquireSRWLockExclusive(&g_factsLock);
     const auto it = g_facts.find(key);

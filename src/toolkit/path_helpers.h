@@ -60,6 +60,20 @@ inline std::wstring JoinPath(std::wstring_view dir, std::wstring_view name) {
     return r;
 }
 
+// The text in lower case, as the system lowers it (CharLowerBuffW).
+inline std::wstring LowerCase(std::wstring text) {
+    if (!text.empty())
+        CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
+    return text;
+}
+
+// The text with A to Z lowered and nothing else: how section and key names of a profile file compare.
+inline std::wstring FoldAsciiCase(std::wstring text) {
+    for (wchar_t& c : text)
+        c = c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
+    return text;
+}
+
 // Whether text begins with prefix, compared without regard to case (ordinal, as file names compare).
 // An empty prefix begins nothing: an unknown folder is the prefix of no path.
 inline bool StartsWithNoCase(std::wstring_view text, std::wstring_view prefix) {

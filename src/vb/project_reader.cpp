@@ -74,14 +74,6 @@ void TakeQuoted(const std::wstring& line, size_t keyLength, std::wstring& field)
         field = line.substr(keyLength + 1, line.size() - keyLength - 2);
 }
 
-// PathCombineW with its fixed buffer; empty when the result does not fit, as the call leaves it.
-std::wstring Combine(const std::wstring& folder, const std::wstring& relative) {
-    wchar_t out[MAX_PATH] = {};
-    if (!PathCombineW(out, folder.c_str(), relative.c_str()))
-        return {};
-    return out;
-}
-
 std::wstring FolderOf(const std::wstring& path) {
     std::wstring folder = qv::DirectoryPart(path);
     if (!folder.empty() && !qv::IsPathSeparator(folder.back()))
@@ -162,6 +154,13 @@ void ReadForms(const std::wstring& path, const VBProjectInfo& info, int forms, i
 }
 
 } // namespace
+
+std::wstring Combine(const std::wstring& folder, const std::wstring& relative) {
+    wchar_t out[MAX_PATH] = {};
+    if (!PathCombineW(out, folder.c_str(), relative.c_str()))
+        return {};
+    return out;
+}
 
 std::vector<std::wstring> ReadProjectLines(const std::wstring& path) {
     std::vector<std::wstring> lines;

@@ -53,6 +53,9 @@ public:
     virtual void ScanProject(const std::wstring& path) = 0;
 };
 
+// PathCombineW with its fixed buffer, which resolves "." and ".." steps; empty when the result does not fit.
+std::wstring Combine(const std::wstring& folder, const std::wstring& relative);
+
 // The lines of a text file as all readings see them: each byte one character, CR LF (and LF) ending a line,
 // a Ctrl-Z byte ending the file, each line seen up to its first null. The lines stop before the first empty
 // one; a line longer than 1023 characters is cut there and is the last. An unreadable file has no lines.

@@ -1,10 +1,10 @@
 #include "vb/vbp_resolution.h"
 
 #include "toolkit/probes.h"
+#include "vb/project_reader.h"
 
 #include <windows.h>
 
-#include <shlwapi.h>
 
 #include <cstdio>
 #include <cwchar>
@@ -84,10 +84,7 @@ std::wstring ResolveReferenceLine(const std::wstring& line, const std::wstring& 
     std::wstring registered = RegisteredTypeLib(guid, version);
     if (!registered.empty())
         return registered;
-    if (qv::IsAbsolutePath(path))
-        return path;
-    wchar_t combined[MAX_PATH] = {};
-    return PathCombineW(combined, folder.c_str(), path.c_str()) ? combined : std::wstring();
+    return qv::IsAbsolutePath(path) ? path : Combine(folder, path);
 }
 
 std::wstring ResolveObjectLine(const std::wstring& line) {

@@ -38,13 +38,6 @@ std::wstring LoadResourceString(UINT id) {
     }
 }
 
-// The case-blind key of a section name, as the section-file object matches names.
-std::wstring Folded(std::wstring name) {
-    if (!name.empty())
-        CharLowerBuffW(name.data(), static_cast<DWORD>(name.size()));
-    return name;
-}
-
 VARIANT TextIndex(const qv::bstr& text) {
     VARIANT index;
     V_VT(&index) = VT_BSTR;
@@ -439,8 +432,7 @@ void CVBPScan::ScanProject(const std::wstring& path) {
 }
 
 std::wstring CVBPScan::FindCompiler() {
-    const std::wstring type = qv::ReadDefaultRegistryValue(HKEY_CLASSES_ROOT, L".vbp");
-    std::wstring command = qv::ReadDefaultRegistryValue(HKEY_CLASSES_ROOT, type + L"\\shell\\Make\\command");
+    std::wstring command = VbpMakeCommand();
     if (command.empty() || command.find(L'\\') == std::wstring::npos)
         return {};
     CharUpperBuffW(command.data(), static_cast<DWORD>(command.size()));
@@ -573,7 +565,7 @@ void CVBPScan::WalkSection(IQvSections* root, const std::wstring& name, bool& ma
                L" sections; [" + name + L"] is not followed");
         return;
     }
-    const auto active = m_activeSections.insert({root, Folded(name)});
+    const auto active = m_activeSections.insert({root, qv::FoldAsciiCase(name)});
     if (!active.second) {
         Status(L"The sections of the .dep file name each other in a circle back to [" + name +
                L"], which is walked once");
