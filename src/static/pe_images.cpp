@@ -23,8 +23,7 @@ const wchar_t* ImageStatusText(DWORD status) {
     case 3:
         return L"General failure";
     default:
-        return L"<Error ?"
-               L"??>"; // apart, so that no trigraph is read
+        return L"<Error ?\?\?>"; // escaped, so that no trigraph is read
     }
 }
 
