@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include <oleauto.h>
+
 #include <utility>
 
 namespace qv {
@@ -76,5 +78,60 @@ using unique_hkey = unique_resource<hkey_traits>;
 // A FindFirstFileW search: INVALID_HANDLE_VALUE is empty.
 using unique_hfind = unique_resource<find_handle_traits>;
 using unique_hmodule = unique_resource<hmodule_traits>;
+
+// A VARIANT that is cleared when the owner goes: get() hands it to a call that fills it, reset() clears it.
+class unique_variant {
+public:
+    unique_variant() noexcept { VariantInit(&m_value); }
+    unique_variant(const unique_variant&) = delete;
+    unique_variant& operator=(const unique_variant&) = delete;
+    ~unique_variant() { VariantClear(&m_value); }
+
+    VARIANT* get() noexcept { return &m_value; }
+    const VARIANT* get() const noexcept { return &m_value; }
+    VARIANT* operator->() noexcept { return &m_value; }
+    const VARIANT* operator->() const noexcept { return &m_value; }
+    // Clears what it held and hands out the emptied slot, for a call that fills it.
+    VARIANT* put() noexcept {
+        VariantClear(&m_value);
+        return &m_value;
+    }
+    // Gives the value up uncleared (to a caller's out-parameter); the owner is then empty.
+    VARIANT release() noexcept {
+        VARIANT value = m_value;
+        VariantInit(&m_value);
+        return value;
+    }
+
+private:
+    VARIANT m_value;
+};
+
+// The two handles CreateProcessW hands out, each owned; the identifiers as they came.
+struct unique_process_information {
+    unique_handle process, thread;
+    DWORD processId = 0, threadId = 0;
+
+    unique_process_information() = default;
+    explicit unique_process_information(const PROCESS_INFORMATION& info) noexcept
+        : process(info.hProcess), thread(info.hThread), processId(info.dwProcessId), threadId(info.dwThreadId) {}
+};
+
+// Runs a function when the scope ends, unless dismissed: the undo of a step that a later failure must take back.
+template <typename Fn> class scope_exit {
+public:
+    explicit scope_exit(Fn fn) noexcept : m_fn(std::move(fn)) {}
+    scope_exit(const scope_exit&) = delete;
+    scope_exit& operator=(const scope_exit&) = delete;
+    ~scope_exit() {
+        if (m_armed)
+            m_fn();
+    }
+    void dismiss() noexcept { m_armed = false; }
+
+private:
+    Fn m_fn;
+    bool m_armed = true;
+};
 
 } // namespace qv

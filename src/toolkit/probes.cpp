@@ -50,21 +50,6 @@ detail::redirection_folders CurrentRedirectionFolders() {
     return {SystemFolder(), SysNativeFolder(), SysWow64Folder()};
 }
 
-bool ReadEnvironment(const wchar_t* name, std::wstring& value) {
-    DWORD size = GetEnvironmentVariableW(name, nullptr, 0);
-    while (size != 0) {
-        value.assign(size, L'\0');
-        DWORD n = GetEnvironmentVariableW(name, value.data(), size);
-        if (n < size) { // n characters copied, no terminator counted
-            value.resize(n);
-            return true;
-        }
-        size = n; // the variable grew in between: n is the size it needs now
-    }
-    value.clear();
-    return false;
-}
-
 // The text with %NAME% references expanded; as given when the expansion fails.
 std::wstring ExpandEnvironment(const std::wstring& text) {
     DWORD size = ExpandEnvironmentStringsW(text.c_str(), nullptr, 0);
@@ -120,6 +105,21 @@ public:
 };
 
 } // namespace
+
+bool ReadEnvironment(const wchar_t* name, std::wstring& value) {
+    DWORD size = GetEnvironmentVariableW(name, nullptr, 0);
+    while (size != 0) {
+        value.assign(size, L'\0');
+        DWORD n = GetEnvironmentVariableW(name, value.data(), size);
+        if (n < size) { // n characters copied, no terminator counted
+            value.resize(n);
+            return true;
+        }
+        size = n; // the variable grew in between: n is the size it needs now
+    }
+    value.clear();
+    return false;
+}
 
 std::wstring NormalisedPath(const std::wstring& path) {
     bool dotted = path.find(L'/') != std::wstring::npos;

@@ -14,6 +14,9 @@
 
 namespace qv {
 
+// The value of environment variable NAME, of any length, in value; false (value empty) when it is not set.
+bool ReadEnvironment(const wchar_t* name, std::wstring& value);
+
 // Flag bits of PathExists.
 inline constexpr unsigned path_accept_file = 4;   // an existing file is a yes
 inline constexpr unsigned path_accept_folder = 8; // an existing folder is a yes

@@ -39,6 +39,23 @@ inline constexpr std::uint16_t ia64 = 512;
 inline constexpr std::uint16_t armnt = 452;
 inline constexpr std::uint16_t amd64 = 34404;
 inline constexpr std::uint16_t arm64 = 43620;
+// The machine as people write it ("x86", "x64", "ia64", "arm", "arm64"); empty for an unknown word.
+constexpr const char* name(std::uint16_t word) {
+    switch (word) {
+    case i386:
+        return "x86";
+    case amd64:
+        return "x64";
+    case ia64:
+        return "ia64";
+    case armnt:
+        return "arm";
+    case arm64:
+        return "arm64";
+    default:
+        return "";
+    }
+}
 } // namespace machine
 
 // The NT headers: the signature, the 20-byte file header, then the optional header.
