@@ -4,6 +4,7 @@
 #include "filter/filter_base.h"
 #include "filter/vb_filter.h"
 #include "format/pe/pe_layout.h"
+#include "inc/unique_handles.h"
 #include "scanutil/scan_util.h"
 #include "static/activation_scope.h"
 #include "static/pe_images.h"
@@ -405,15 +406,15 @@ void CDepWalker::EnterAssembly(IUnknown* assembly, const std::wstring& path, boo
     frame.path = path;
     frame.name = qv::FileNamePart(path);
     for (;;) {
-        VARIANT item;
-        VariantInit(&item);
-        ULONG fetched = 0;
-        if (check_hr(items->Next(1, &item, &fetched)) != S_OK || fetched == 0)
-            break;
         qv::com_ptr<IUnknown> element;
-        if (V_VT(&item) == VT_DISPATCH || V_VT(&item) == VT_UNKNOWN)
-            element = qv::com_ptr<IUnknown>(V_UNKNOWN(&item));
-        VariantClear(&item);
+        {
+            qv::unique_variant item;
+            ULONG fetched = 0;
+            if (check_hr(items->Next(1, item.get(), &fetched)) != S_OK || fetched == 0)
+                break;
+            if (V_VT(item.get()) == VT_DISPATCH || V_VT(item.get()) == VT_UNKNOWN)
+                element = qv::com_ptr<IUnknown>(V_UNKNOWN(item.get()));
+        }
         if (!element)
             throw com_exception(E_FAIL);
         qv::com_ptr<IDotNetAssemblyRef> reference;

@@ -3,6 +3,7 @@
 #include "dotnet/sibling_module_cache.h"
 #include "inc/com_boundary.h"
 #include "inc/com_error.h"
+#include "inc/unique_handles.h"
 #include "scanutil/scan_util.h"
 #include "server/class_registration.h"
 #include "server/dep_file.h"
@@ -178,14 +179,12 @@ private:
         if (FAILED(m_script->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id)))
             return S_OK;
         DISPPARAMS params = {args, nullptr, count, 0};
-        VARIANT result;
-        VariantInit(&result);
-        const HRESULT hr =
-            m_script->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &params, &result, nullptr, nullptr);
-        if (SUCCEEDED(hr) && answer && V_VT(&result) != VT_EMPTY && V_VT(&result) != VT_NULL &&
-            SUCCEEDED(VariantChangeType(&result, &result, 0, VT_BOOL)))
-            *answer = V_BOOL(&result);
-        VariantClear(&result);
+        qv::unique_variant result;
+        const HRESULT hr = m_script->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &params, result.get(),
+                                            nullptr, nullptr);
+        if (SUCCEEDED(hr) && answer && V_VT(result.get()) != VT_EMPTY && V_VT(result.get()) != VT_NULL &&
+            SUCCEEDED(VariantChangeType(result.get(), result.get(), 0, VT_BOOL)))
+            *answer = V_BOOL(result.get());
         return hr;
     }
 
@@ -247,27 +246,22 @@ STDMETHODIMP CVBPScan::Invoke(DISPID id, REFIID iid, LCID lcid, WORD flags, DISP
     if (!script)
         return dispatch_impl::Invoke(id, iid, lcid, flags, params, result, excepinfo, argerr);
 
-    VARIANT args[6];
+    qv::unique_variant args[6];
     HRESULT hr = S_OK;
     for (UINT i = 0; i < 6; ++i) {
-        VariantInit(&args[i]);
         if (i != SinkArgument && SUCCEEDED(hr)) {
-            hr = VariantChangeType(&args[i], &params->rgvarg[i], 0, i == 1 || i == 2 ? VT_BOOL : VT_BSTR);
+            hr = VariantChangeType(args[i].get(), &params->rgvarg[i], 0, i == 1 || i == 2 ? VT_BOOL : VT_BSTR);
             if (FAILED(hr) && argerr)
                 *argerr = i;
         }
     }
-    if (SUCCEEDED(hr)) {
-        // Scan asks the sink only for interfaces, which an IDispatch answers like any IUnknown.
-        hr = Scan(V_BSTR(&args[5]), V_BSTR(&args[4]), reinterpret_cast<IScanEvents*>(script), V_BOOL(&args[2]),
-                  V_BOOL(&args[1]), V_BSTR(&args[0]));
-        if (result)
-            VariantInit(result);
-    } else {
-        hr = DISP_E_TYPEMISMATCH;
-    }
-    for (VARIANT& arg : args)
-        VariantClear(&arg);
+    if (FAILED(hr))
+        return DISP_E_TYPEMISMATCH;
+    // Scan asks the sink only for interfaces, which an IDispatch answers like any IUnknown.
+    hr = Scan(V_BSTR(args[5].get()), V_BSTR(args[4].get()), reinterpret_cast<IScanEvents*>(script),
+              V_BOOL(args[2].get()), V_BOOL(args[1].get()), V_BSTR(args[0].get()));
+    if (result)
+        VariantInit(result);
     return hr;
 }
 
@@ -457,22 +451,22 @@ void CVBPScan::RebuildProject(const std::wstring& path, int kind) {
     std::wstring writable = commandLine;
     STARTUPINFOW startup = {};
     startup.cb = sizeof startup;
-    PROCESS_INFORMATION process = {};
+    PROCESS_INFORMATION started = {};
     if (CreateProcessW(nullptr, writable.data(), nullptr, nullptr, TRUE, NORMAL_PRIORITY_CLASS, nullptr, nullptr,
-                       &startup, &process)) {
+                       &startup, &started)) {
+        const qv::unique_process_information process(started);
         // A compiler that never ends would hold the scan for ever: after the time-out it is ended, and
         // what it left judged as usual.
-        if (!PumpUntilEnded(process.hProcess, BuildTimeout())) {
-            TerminateProcess(process.hProcess, ERROR_TIMEOUT);
-            WaitForSingleObject(process.hProcess, 5000);
+        if (!PumpUntilEnded(process.process.get(), BuildTimeout())) {
+            TerminateProcess(process.process.get(), ERROR_TIMEOUT);
+            WaitForSingleObject(process.process.get(), 5000);
         }
-        CloseHandle(process.hThread);
-        CloseHandle(process.hProcess);
     }
 
     VARIANT_BOOL cont = VARIANT_TRUE;
     const std::vector<std::wstring> lines = ReadProjectLines(errorFile);
-    try {
+    {
+        const qv::scope_exit remove([&] { DeleteFileW(errorFile.c_str()); }); // the error file never stays
         if (!lines.empty()) {
             std::wstring last = lines.back();
             CharUpperBuffW(last.data(), static_cast<DWORD>(last.size()));
@@ -482,11 +476,7 @@ void CVBPScan::RebuildProject(const std::wstring& path, int kind) {
                 check_hr(m_pEvents->VBBuildFailed(qv::bstr(commandLine).get(), &cont));
             }
         }
-    } catch (...) {
-        DeleteFileW(errorFile.c_str());
-        throw;
     }
-    DeleteFileW(errorFile.c_str());
     if (cont == 0)
         m_reader.m_bAbort = true;
 }
@@ -519,33 +509,29 @@ void CVBPScan::ScanFileAndUses(const std::wstring& file) {
     const bool restore = keptLength > 0 && keptLength < std::size(kept);
     if (restore && file.find(L'\\') != std::wstring::npos)
         SetCurrentDirectoryW(qv::DirectoryPart(file).c_str());
-    try {
-        if (!m_bDepFileMatched) {
-            if (!m_pDepFileRoot && qv::FileExists(m_sDepFile)) {
-                m_pDepFileReader->Load(qv::bstr(m_sDepFile).get());
-                check_hr(m_pDepFileReader->get_Root(m_pDepFileRoot.put()));
-            }
-            if (m_pDepFileRoot)
-                WalkDepSections(m_pDepFileRoot.get(), file, m_bDepFileMatched);
-        }
-        const std::wstring name = qv::FileNamePart(file);
-        const size_t dot = name.rfind(L'.');
-        const std::wstring sibling =
-            dot == std::wstring::npos ? std::wstring() : file.substr(0, file.size() - name.size() + dot) + L".dep";
-        if (!sibling.empty() && qv::FileExists(sibling)) {
-            check_hr(m_pSiblingDepReader->Load(qv::bstr(sibling).get()));
-            qv::com_ptr<IQvSections> root;
-            check_hr(m_pSiblingDepReader->get_Root(root.put()));
-            bool matched = false;
-            WalkDepSections(root.get(), file, matched);
-        }
-    } catch (...) {
+    const qv::scope_exit back([&] {
         if (restore)
             SetCurrentDirectoryW(kept);
-        throw;
+    });
+    if (!m_bDepFileMatched) {
+        if (!m_pDepFileRoot && qv::FileExists(m_sDepFile)) {
+            m_pDepFileReader->Load(qv::bstr(m_sDepFile).get());
+            check_hr(m_pDepFileReader->get_Root(m_pDepFileRoot.put()));
+        }
+        if (m_pDepFileRoot)
+            WalkDepSections(m_pDepFileRoot.get(), file, m_bDepFileMatched);
     }
-    if (restore)
-        SetCurrentDirectoryW(kept);
+    const std::wstring name = qv::FileNamePart(file);
+    const size_t dot = name.rfind(L'.');
+    const std::wstring sibling =
+        dot == std::wstring::npos ? std::wstring() : file.substr(0, file.size() - name.size() + dot) + L".dep";
+    if (!sibling.empty() && qv::FileExists(sibling)) {
+        check_hr(m_pSiblingDepReader->Load(qv::bstr(sibling).get()));
+        qv::com_ptr<IQvSections> root;
+        check_hr(m_pSiblingDepReader->get_Root(root.put()));
+        bool matched = false;
+        WalkDepSections(root.get(), file, matched);
+    }
 }
 
 void CVBPScan::WalkDepSections(IQvSections* root, const std::wstring& file, bool& matched) {
@@ -571,13 +557,8 @@ void CVBPScan::WalkSection(IQvSections* root, const std::wstring& name, bool& ma
                L"], which is walked once");
         return;
     }
-    try {
-        WalkUses(root, section.get());
-    } catch (...) {
-        m_activeSections.erase(active.first);
-        throw;
-    }
-    m_activeSections.erase(active.first);
+    const qv::scope_exit leave([&] { m_activeSections.erase(active.first); });
+    WalkUses(root, section.get());
 }
 
 void CVBPScan::WalkUses(IQvSections* root, IQvSection* section) {
