@@ -183,13 +183,13 @@ HRESULT CDepChecker::FinalConstruct() {
     for (const wchar_t* name : kSystemNames)
         m_excludedNames.emplace(name, true);
 
-    try {
-        m_helper = std::make_unique<CDebugEngineHelper>();
-    } catch (const std::bad_alloc&) {
+    if (FAILED(qv::com_boundary([&] {
+            m_helper = std::make_unique<CDebugEngineHelper>();
+            return S_OK;
+        })))
         return NoHelper;
-    }
 
-    // A failure to learn the folder is thrown, and creation fails with it.
+    // A failure to learn the folder is thrown, and creation fails with its result (the creation's boundary).
     const std::wstring engine = ChooseEngine(EngineFolder(), m_useEngine64);
     hr = m_helper->Connect(engine);
     if (FAILED(hr))

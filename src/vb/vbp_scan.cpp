@@ -87,20 +87,11 @@ bool PumpUntilEnded(HANDLE process, DWORD timeoutMs) {
     }
 }
 
-// The system's words for hr, or the description the failure left in the thread's error object.
+// The description the failure left in the thread's error object, or the system's words for hr.
 std::wstring ExceptionMessage(HRESULT hr) {
     std::wstring text = qv::take_error_description();
-    if (!text.empty())
-        return text;
-    wchar_t* buffer = nullptr;
-    const DWORD n =
-        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                       nullptr, static_cast<DWORD>(hr), 0, reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
-    if (n && buffer)
-        text.assign(buffer, n);
-    LocalFree(buffer);
-    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r'))
-        text.pop_back();
+    if (text.empty())
+        text = qv::system_message(hr);
     return text.empty() ? L"Unknown error" : text;
 }
 
@@ -109,6 +100,17 @@ const wchar_t* OwnProgId() {
         if (IsEqualCLSID(*entry.clsid, CLSID_VBPScan))
             return entry.progId;
     return L"";
+}
+
+// What the boundary of Scan does with a failure: the debugger hears of it, the thread's error object gets its
+// words under the class's ProgID, and a failure that carried S_OK is returned as DISP_E_EXCEPTION.
+HRESULT ReportFailure(HRESULT hr) {
+    const std::wstring message = ExceptionMessage(hr);
+    wchar_t number[16];
+    swprintf(number, std::size(number), L"%i", static_cast<int>(hr));
+    OutputDebugStringW((L"\nException caught: " + std::wstring(number) + L" = " + message).c_str());
+    qv::set_error_description(message, OwnProgId());
+    return hr == S_OK ? DISP_E_EXCEPTION : hr;
 }
 
 // A script's sink: an IDispatch whose methods carry the event names. A returned boolean is the answer
@@ -267,66 +269,62 @@ STDMETHODIMP CVBPScan::Invoke(DISPID id, REFIID iid, LCID lcid, WORD flags, DISP
 
 STDMETHODIMP CVBPScan::Scan(BSTR pVBFile, BSTR pDEPFile, IScanEvents* pEvents, VARIANT_BOOL bUseFilter,
                             VARIANT_BOOL bRebuild, BSTR sLangID) {
-    try {
-        m_bUseFilter = bUseFilter != 0;
-        m_filter.SetFiltering(m_bUseFilter);
-        m_reader.m_bAbort = false;
-        const std::wstring path = pVBFile ? std::wstring(pVBFile, SysStringLen(pVBFile)) : std::wstring();
-        if (path.empty() || !qv::FileExists(path))
-            return E_INVALIDARG;
+    // Whatever failed (a sink, a closed library, the memory) ends the scan with its result and words;
+    // nothing leaves the interface as a C++ exception.
+    return qv::com_boundary([&] { return RunScan(pVBFile, pDEPFile, pEvents, bUseFilter, bRebuild, sLangID); },
+                            ReportFailure);
+}
 
-        m_pEvents.reset(), m_pEventsFellSP2.reset(), m_pEventsValeSP.reset();
-        if (!pEvents)
-            throw com_exception(E_POINTER);
-        HRESULT hr = pEvents->QueryInterface(IID_IScanEventsTarn, m_pEvents.put_void());
-        qv::com_ptr<IDispatch> script;
-        if (FAILED(hr) && SUCCEEDED(pEvents->QueryInterface(IID_IDispatch, script.put_void()))) {
-            m_pEvents = qv::com_ptr<IScanEventsTarn>::adopt(new script_events(script.get()));
-            hr = S_OK;
-        }
-        check_hr(hr);
-        check_hr(m_pEvents->QueryInterface(IID_IStaticScanEventsFellSP2, m_pEventsFellSP2.put_void()));
-        check_hr(m_pEventsFellSP2->QueryInterface(IID_IStaticScanEventsValeSP, m_pEventsValeSP.put_void()));
+HRESULT CVBPScan::RunScan(BSTR pVBFile, BSTR pDEPFile, IScanEvents* pEvents, VARIANT_BOOL bUseFilter,
+                          VARIANT_BOOL bRebuild, BSTR sLangID) {
+    m_bUseFilter = bUseFilter != 0;
+    m_filter.SetFiltering(m_bUseFilter);
+    m_reader.m_bAbort = false;
+    const std::wstring path = pVBFile ? std::wstring(pVBFile, SysStringLen(pVBFile)) : std::wstring();
+    if (path.empty() || !qv::FileExists(path))
+        return E_INVALIDARG;
 
-        m_sLangID = sLangID ? std::wstring(sLangID, SysStringLen(sLangID)) : std::wstring();
-        m_sDepFile = pDEPFile ? std::wstring(pDEPFile, SysStringLen(pDEPFile)) : std::wstring();
-        m_bRebuild = bRebuild == VARIANT_TRUE;
-
-        qv::com_ptr<IUnknown> catalog;
-        check_hr(m_pEvents->get_MMCatalog(catalog.put()));
-        check_hr(m_pScanUtil->put_MMCatalog(catalog.get()));
-        m_bUseCatalog = static_cast<bool>(catalog);
-
-        std::wstring extension(qv::ExtensionPart(path));
-        CharUpperBuffW(extension.data(), static_cast<DWORD>(extension.size()));
-        if (extension.starts_with(L".VBG"))
-            WalkProjectGroup(path, m_reader, *this);
-        else if (extension.starts_with(L".VBP"))
-            ScanProject(path);
-        else
-            return E_INVALIDARG;
-        if (m_reader.m_bAbort)
-            return S_OK;
-
-        long count = 0;
-        check_hr(m_pFilesIf->get_Count(&count));
-        if (count >= 1) {
-            check_hr(m_pProjectGroup->Init(m_pFilesIf.get(), pVBFile));
-            check_hr(m_pGroups->Add(m_pProjectGroup.get()));
-        }
-        Status(LoadResourceString(QueryCancel() ? IDS_SCAN_CANCELLED : IDS_SCAN_COMPLETED));
-        return S_OK;
-    } catch (...) {
-        // Whatever failed (a sink, a closed library, the memory) ends the scan with its result and words;
-        // nothing leaves the interface as a C++ exception.
-        const HRESULT hr = qv::hresult_from_current_exception();
-        const std::wstring message = ExceptionMessage(hr);
-        wchar_t number[16];
-        swprintf(number, std::size(number), L"%i", static_cast<int>(hr));
-        OutputDebugStringW((L"\nException caught: " + std::wstring(number) + L" = " + message).c_str());
-        qv::set_error_description(message, OwnProgId());
-        return hr == S_OK ? DISP_E_EXCEPTION : hr;
+    m_pEvents.reset(), m_pEventsFellSP2.reset(), m_pEventsValeSP.reset();
+    if (!pEvents)
+        throw com_exception(E_POINTER);
+    HRESULT hr = pEvents->QueryInterface(IID_IScanEventsTarn, m_pEvents.put_void());
+    qv::com_ptr<IDispatch> script;
+    if (FAILED(hr) && SUCCEEDED(pEvents->QueryInterface(IID_IDispatch, script.put_void()))) {
+        m_pEvents = qv::com_ptr<IScanEventsTarn>::adopt(new script_events(script.get()));
+        hr = S_OK;
     }
+    check_hr(hr);
+    check_hr(m_pEvents->QueryInterface(IID_IStaticScanEventsFellSP2, m_pEventsFellSP2.put_void()));
+    check_hr(m_pEventsFellSP2->QueryInterface(IID_IStaticScanEventsValeSP, m_pEventsValeSP.put_void()));
+
+    m_sLangID = sLangID ? std::wstring(sLangID, SysStringLen(sLangID)) : std::wstring();
+    m_sDepFile = pDEPFile ? std::wstring(pDEPFile, SysStringLen(pDEPFile)) : std::wstring();
+    m_bRebuild = bRebuild == VARIANT_TRUE;
+
+    qv::com_ptr<IUnknown> catalog;
+    check_hr(m_pEvents->get_MMCatalog(catalog.put()));
+    check_hr(m_pScanUtil->put_MMCatalog(catalog.get()));
+    m_bUseCatalog = static_cast<bool>(catalog);
+
+    std::wstring extension(qv::ExtensionPart(path));
+    CharUpperBuffW(extension.data(), static_cast<DWORD>(extension.size()));
+    if (extension.starts_with(L".VBG"))
+        WalkProjectGroup(path, m_reader, *this);
+    else if (extension.starts_with(L".VBP"))
+        ScanProject(path);
+    else
+        return E_INVALIDARG;
+    if (m_reader.m_bAbort)
+        return S_OK;
+
+    long count = 0;
+    check_hr(m_pFilesIf->get_Count(&count));
+    if (count >= 1) {
+        check_hr(m_pProjectGroup->Init(m_pFilesIf.get(), pVBFile));
+        check_hr(m_pGroups->Add(m_pProjectGroup.get()));
+    }
+    Status(LoadResourceString(QueryCancel() ? IDS_SCAN_CANCELLED : IDS_SCAN_COMPLETED));
+    return S_OK;
 }
 
 STDMETHODIMP CVBPScan::get_DepFileGroups(IUnknown** ppVal) {

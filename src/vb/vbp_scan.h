@@ -96,7 +96,9 @@ public:
                                          const std::wstring& errorFile);
 
 private:
-    void ScanOneFile(const std::wstring& path); // the whole scan of pVBFile, inside the boundary
+    // The whole scan of Scan, inside its boundary.
+    HRESULT RunScan(BSTR pVBFile, BSTR pDEPFile, IScanEvents* pEvents, VARIANT_BOOL bUseFilter, VARIANT_BOOL bRebuild,
+                    BSTR sLangID);
 
     // project_reader_host
     bool QueryCancel() override;
