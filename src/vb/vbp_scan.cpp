@@ -39,20 +39,6 @@ std::wstring LoadResourceString(UINT id) {
     }
 }
 
-VARIANT TextIndex(const qv::bstr& text) {
-    VARIANT index;
-    V_VT(&index) = VT_BSTR;
-    V_BSTR(&index) = text.get();
-    return index;
-}
-
-qv::com_ptr<IQvSection> FindSection(IQvSections* root, const std::wstring& name) {
-    qv::bstr text(name);
-    qv::com_ptr<IQvSection> section;
-    check_hr(root->Item(TextIndex(text), section.put()));
-    return section;
-}
-
 // How long the compiler may run, in milliseconds.
 DWORD BuildTimeout() {
     wchar_t text[32];
@@ -197,7 +183,7 @@ private:
 
 } // namespace
 
-CVBPScan::CVBPScan() = default;
+CVBPScan::CVBPScan() : m_sections(kDeepestSectionWalk) {}
 CVBPScan::~CVBPScan() = default;
 
 HRESULT CVBPScan::FinalConstruct() {
@@ -539,45 +525,33 @@ void CVBPScan::WalkDepSections(IQvSections* root, const std::wstring& file, bool
 }
 
 void CVBPScan::WalkSection(IQvSections* root, const std::wstring& name, bool& matched) {
-    const qv::com_ptr<IQvSection> section = FindSection(root, name);
+    const qv::com_ptr<IQvSection> section = CDepSections::Find(root, name);
     if (!section)
         return;
     matched = true;
     // Sections that name each other would be walked for ever: a circle is walked once and told.
-    if (m_activeSections.size() >= kDeepestSectionWalk) {
+    const CDepSections::mark entered = m_sections.Enter(root, name);
+    if (entered.entry() == CDepSections::Entry::TooDeep) {
         Status(L"The Uses keys of the .dep file nest deeper than " + std::to_wstring(kDeepestSectionWalk) +
                L" sections; [" + name + L"] is not followed");
         return;
     }
-    const auto active = m_activeSections.insert({root, qv::FoldAsciiCase(name)});
-    if (!active.second) {
+    if (entered.entry() == CDepSections::Entry::Circle) {
         Status(L"The sections of the .dep file name each other in a circle back to [" + name +
                L"], which is walked once");
         return;
     }
-    const qv::scope_exit leave([&] { m_activeSections.erase(active.first); });
     WalkUses(root, section.get());
 }
 
 void CVBPScan::WalkUses(IQvSections* root, IQvSection* section) {
-    qv::com_ptr<IQvEntries> entries;
-    check_hr(section->get_Entries(entries.put()));
-    for (long i = 1;; ++i) {
-        const qv::bstr key(L"Uses" + std::to_wstring(i));
-        qv::com_ptr<IQvEntry> entry;
-        check_hr(entries->Item(TextIndex(key), entry.put()));
-        if (!entry)
-            return;
-        qv::bstr value;
-        check_hr(entry->get_Value(value.put()));
-        const std::wstring used = value.str();
+    CDepSections::EachUse(section, [&](const std::wstring& used) {
         ScanFileAndUses(SearchForFile(used));
         bool ignored = false;
         WalkSection(root, used, ignored);
         WalkSection(root, used + L" <" + m_sLangID + L">", ignored);
-        if (QueryCancel())
-            return;
-    }
+        return !QueryCancel();
+    });
 }
 
 void CVBPScan::AddDepFile(const std::wstring& file, bool bStaticScan) {
