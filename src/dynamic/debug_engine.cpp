@@ -1,5 +1,6 @@
 #include "dynamic/debug_engine.h"
 
+#include "inc/engine_wire.h"
 #include "inc/unique_handles.h"
 #include "toolkit/probes.h"
 
@@ -103,16 +104,17 @@ VARIANT Number(long value) {
 HRESULT CDebugEngineHelper::Launch(const std::wstring& path, const std::wstring& parameters,
                                    const std::wstring& directory, long loadFlags) {
     qv::unique_variant texts[3];
-    return InvokeMethod(m_engine.get(), 1,
-                        {Text(texts[0], path), Text(texts[1], parameters), Text(texts[2], directory), Number(loadFlags)});
+    return InvokeMethod(
+        m_engine.get(), qv::engine::command::launch,
+        {Text(texts[0], path), Text(texts[1], parameters), Text(texts[2], directory), Number(loadFlags)});
 }
 
 HRESULT CDebugEngineHelper::AttachProcess(long processId) {
-    return InvokeMethod(m_engine.get(), 2, {Number(processId)});
+    return InvokeMethod(m_engine.get(), qv::engine::command::attach_process, {Number(processId)});
 }
 
 HRESULT CDebugEngineHelper::Terminate() {
-    return InvokeMethod(m_engine.get(), 3, {});
+    return InvokeMethod(m_engine.get(), qv::engine::command::terminate, {});
 }
 
 std::wstring CDebugEngineHelper::MapToEngine(const std::wstring& path) {

@@ -4,6 +4,7 @@
 #include "dotnet/sibling_module_cache.h"
 #include "inc/com_boundary.h"
 #include "inc/com_error.h"
+#include "inc/engine_wire.h"
 #include "inc/unique_handles.h"
 #include "scanutil/scan_util.h"
 #include "server/dep_file.h"
@@ -74,7 +75,8 @@ bool CoerceArguments(const DISPPARAMS* params, const std::vector<VARTYPE>& types
 // CSinkDebugEngine
 
 STDMETHODIMP CSinkDebugEngine::Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT*, EXCEPINFO*, UINT*) {
-    if (id < 1 || id > 5)
+    namespace event = qv::engine::event;
+    if (id < event::first || id > event::last)
         return S_OK;
     return qv::com_boundary([&]() -> HRESULT {
         const std::vector<VARTYPE> types = EventParameterTypes(id);
@@ -82,20 +84,20 @@ STDMETHODIMP CSinkDebugEngine::Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS*
         if (!CoerceArguments(params, types, arguments))
             return S_OK;
         switch (id) {
-        case 1:
+        case event::load_dll:
             LoadDLL(V_BSTR(arguments[0].get()));
             break;
-        case 2:
+        case event::unload_dll:
             UnloadDLL(V_BSTR(arguments[0].get()));
             break;
-        case 3:
+        case event::application_finished:
             ApplicationFinished();
             break;
-        case 4:
+        case event::child_process_created:
             ChildProcessCreated(V_I4(arguments[0].get()), V_I4(arguments[1].get()), V_I4(arguments[2].get()),
                                 V_I4(arguments[3].get()));
             break;
-        case 5:
+        case event::child_process_exit:
             ChildProcessExit(V_I4(arguments[0].get()));
             break;
         }

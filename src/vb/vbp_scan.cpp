@@ -41,9 +41,9 @@ std::wstring LoadResourceString(UINT id) {
 
 // How long the compiler may run, in milliseconds.
 DWORD BuildTimeout() {
-    wchar_t text[32];
-    const DWORD n = GetEnvironmentVariableW(L"QVWI_VB_BUILD_TIMEOUT", text, static_cast<DWORD>(std::size(text)));
-    const unsigned long seconds = n > 0 && n < std::size(text) ? wcstoul(text, nullptr, 10) : 0;
+    std::wstring text;
+    const unsigned long seconds =
+        qv::ReadEnvironment(L"QVWI_VB_BUILD_TIMEOUT", text) ? wcstoul(text.c_str(), nullptr, 10) : 0;
     return (seconds > 0 && seconds < 86400 ? seconds : kDefaultBuildSeconds) * 1000;
 }
 
