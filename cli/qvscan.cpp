@@ -73,13 +73,7 @@ std::string hex(HRESULT hr) {
 }
 
 std::string describe(HRESULT hr) {
-    wchar_t* text = nullptr;
-    DWORD n =
-        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                       nullptr, static_cast<DWORD>(hr), 0, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
-    std::wstring message = n ? std::wstring(text, n) : std::wstring();
-    if (text)
-        LocalFree(text);
+    std::wstring message = qv::system_message(hr);
     while (!message.empty() && (message.back() == L'\n' || message.back() == L'\r' || message.back() == L'.'))
         message.pop_back();
     return message.empty() ? hex(hr) : utf8(message) + " (" + hex(hr) + ")";

@@ -423,12 +423,10 @@ void CDotNetAssembly::WalkOtherReferences(IStaticScanEvents* pEvents) {
     qv::com_ptr<IStaticScanEventsFellSP2> events;
     if (!pEvents || FAILED(pEvents->QueryInterface(IID_IStaticScanEventsFellSP2, events.put_void())))
         return;
-    VARIANT value;
-    VariantInit(&value);
-    if (FAILED(events->GetOtherReferences(&value)) || !(V_VT(&value) & VT_ARRAY) || !V_ARRAY(&value)) {
-        VariantClear(&value);
+    qv::unique_variant owned;
+    const VARIANT& value = *owned.get();
+    if (FAILED(events->GetOtherReferences(owned.get())) || !(V_VT(&value) & VT_ARRAY) || !V_ARRAY(&value))
         return;
-    }
     SAFEARRAY* array = V_ARRAY(&value);
     LONG lower = 0, upper = -1;
     const bool typed = (V_VT(&value) & VT_TYPEMASK) == VT_BSTR || (V_VT(&value) & VT_TYPEMASK) == VT_VARIANT;
@@ -437,18 +435,15 @@ void CDotNetAssembly::WalkOtherReferences(IStaticScanEvents* pEvents) {
         for (LONG i = lower; i <= upper; ++i) {
             std::wstring path;
             if ((V_VT(&value) & VT_TYPEMASK) == VT_BSTR) {
-                BSTR element = nullptr;
-                if (FAILED(SafeArrayGetElement(array, &i, &element)))
+                qv::bstr element;
+                if (FAILED(SafeArrayGetElement(array, &i, element.put())))
                     continue;
-                path = qv::bstr_text(element);
-                SysFreeString(element);
+                path = element.str();
             } else {
-                VARIANT element;
-                VariantInit(&element);
-                if (SUCCEEDED(SafeArrayGetElement(array, &i, &element)) &&
-                    SUCCEEDED(VariantChangeType(&element, &element, 0, VT_BSTR)))
-                    path = qv::bstr_text(V_BSTR(&element));
-                VariantClear(&element);
+                qv::unique_variant element;
+                if (SUCCEEDED(SafeArrayGetElement(array, &i, element.get())) &&
+                    SUCCEEDED(VariantChangeType(element.get(), element.get(), 0, VT_BSTR)))
+                    path = qv::bstr_text(V_BSTR(element.get()));
             }
             if (path.empty() || GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES)
                 continue;
@@ -460,7 +455,6 @@ void CDotNetAssembly::WalkOtherReferences(IStaticScanEvents* pEvents) {
             check_hr(m_pRefs->Add(qv::bstr(path).get(), as_ref(reference).get()));
         }
     }
-    VariantClear(&value);
 }
 
 void CDotNetAssembly::WalkInteropRefs() {

@@ -1,5 +1,7 @@
 #include "dynamic/debug_engine.h"
 
+#include "inc/engine_wire.h"
+#include "inc/unique_handles.h"
 #include "toolkit/probes.h"
 
 #include <objbase.h>
@@ -17,18 +19,16 @@ HRESULT InvokeMethod(IDispatch* object, DISPID id, std::initializer_list<VARIANT
         reversed.insert(reversed.begin(), v);
     }
     DISPPARAMS params{reversed.data(), nullptr, static_cast<UINT>(reversed.size()), 0};
-    EXCEPINFO exception{};
+    qv::unique_excepinfo exception;
     HRESULT hr =
-        object->Invoke(id, IID_NULL, GetUserDefaultLCID(), DISPATCH_METHOD, &params, nullptr, &exception, nullptr);
+        object->Invoke(id, IID_NULL, GetUserDefaultLCID(), DISPATCH_METHOD, &params, nullptr, exception.get(), nullptr);
     if (hr == DISP_E_EXCEPTION) {
-        if (exception.pfnDeferredFillIn)
-            exception.pfnDeferredFillIn(&exception);
-        SysFreeString(exception.bstrSource), SysFreeString(exception.bstrDescription),
-            SysFreeString(exception.bstrHelpFile);
-        if (exception.wCode)
-            return static_cast<HRESULT>(exception.wCode | 0x80040000u);
-        if (exception.scode)
-            return exception.scode;
+        if (exception->pfnDeferredFillIn)
+            exception->pfnDeferredFillIn(exception.get());
+        if (exception->wCode)
+            return static_cast<HRESULT>(exception->wCode | 0x80040000u);
+        if (exception->scode)
+            return exception->scode;
     }
     return hr;
 }
@@ -58,12 +58,13 @@ HRESULT StartAndConnect(const std::wstring& path, REFCLSID engineClass, REFIID i
     std::wstring line = path + L" " + classText + L":" + instanceText;
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
+    PROCESS_INFORMATION started{};
+    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &started))
         return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
-    WaitForInputIdle(process.hProcess, 20000);
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess); // from here on nothing of the engine is held but its object
+    {
+        const qv::unique_process_information process(started);
+        WaitForInputIdle(process.process.get(), 20000);
+    } // from here on nothing of the engine is held but its object
 
     hr = E_FAIL;
     for (int attempt = 0; attempt < 100; ++attempt) {
@@ -84,11 +85,11 @@ HRESULT StartAndConnect(const std::wstring& path, REFCLSID engineClass, REFIID i
 
 namespace {
 
-VARIANT Text(const std::wstring& text) {
-    VARIANT v;
-    V_VT(&v) = VT_BSTR;
-    V_BSTR(&v) = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
-    return v;
+// The argument owns a copy of text (null when none could be made).
+const VARIANT& Text(qv::unique_variant& v, const std::wstring& text) {
+    V_VT(v.get()) = VT_BSTR;
+    V_BSTR(v.get()) = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
+    return *v.get();
 }
 
 VARIANT Number(long value) {
@@ -102,19 +103,18 @@ VARIANT Number(long value) {
 
 HRESULT CDebugEngineHelper::Launch(const std::wstring& path, const std::wstring& parameters,
                                    const std::wstring& directory, long loadFlags) {
-    VARIANT arguments[] = {Text(path), Text(parameters), Text(directory), Number(loadFlags)};
-    HRESULT hr = InvokeMethod(m_engine.get(), 1, {arguments[0], arguments[1], arguments[2], arguments[3]});
-    for (VARIANT& v : arguments)
-        VariantClear(&v);
-    return hr;
+    qv::unique_variant texts[3];
+    return InvokeMethod(
+        m_engine.get(), qv::engine::command::launch,
+        {Text(texts[0], path), Text(texts[1], parameters), Text(texts[2], directory), Number(loadFlags)});
 }
 
 HRESULT CDebugEngineHelper::AttachProcess(long processId) {
-    return InvokeMethod(m_engine.get(), 2, {Number(processId)});
+    return InvokeMethod(m_engine.get(), qv::engine::command::attach_process, {Number(processId)});
 }
 
 HRESULT CDebugEngineHelper::Terminate() {
-    return InvokeMethod(m_engine.get(), 3, {});
+    return InvokeMethod(m_engine.get(), qv::engine::command::terminate, {});
 }
 
 std::wstring CDebugEngineHelper::MapToEngine(const std::wstring& path) {

@@ -4,6 +4,8 @@
 #include "dotnet/sibling_module_cache.h"
 #include "inc/com_boundary.h"
 #include "inc/com_error.h"
+#include "inc/engine_wire.h"
+#include "inc/unique_handles.h"
 #include "scanutil/scan_util.h"
 #include "server/dep_file.h"
 #include "server/dep_files.h"
@@ -52,18 +54,16 @@ std::vector<VARTYPE> EventParameterTypes(DISPID id) {
     return types;
 }
 
-// The arguments of a call coerced to the types, first to last; false when one is missing or cannot be
-// coerced. VARIANTs the caller clears.
-bool CoerceArguments(const DISPPARAMS* params, const std::vector<VARTYPE>& types, std::vector<VARIANT>& out) {
+// The arguments of a call coerced to the types into out (one slot a type), first to last; false when one is
+// missing or cannot be coerced.
+bool CoerceArguments(const DISPPARAMS* params, const std::vector<VARTYPE>& types,
+                     std::vector<qv::unique_variant>& out) {
     const UINT count = params ? params->cArgs : 0;
     if (count < types.size())
         return false;
-    out.resize(types.size());
-    for (VARIANT& v : out)
-        VariantInit(&v);
     for (size_t i = 0; i < types.size(); ++i) {
         VARIANT* given = &params->rgvarg[count - 1 - i]; // rgvarg holds them last to first
-        if (FAILED(VariantChangeType(&out[i], given, 0, types[i])))
+        if (FAILED(VariantChangeType(out[i].get(), given, 0, types[i])))
             return false;
     }
     return true;
@@ -75,35 +75,30 @@ bool CoerceArguments(const DISPPARAMS* params, const std::vector<VARTYPE>& types
 // CSinkDebugEngine
 
 STDMETHODIMP CSinkDebugEngine::Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT*, EXCEPINFO*, UINT*) {
-    if (id < 1 || id > 5)
+    namespace event = qv::engine::event;
+    if (id < event::first || id > event::last)
         return S_OK;
     return qv::com_boundary([&]() -> HRESULT {
-        std::vector<VARIANT> arguments;
-        const bool complete = CoerceArguments(params, EventParameterTypes(id), arguments);
-        struct clear_all {
-            std::vector<VARIANT>& v;
-            ~clear_all() {
-                for (VARIANT& a : v)
-                    VariantClear(&a);
-            }
-        } clear{arguments};
-        if (!complete)
+        const std::vector<VARTYPE> types = EventParameterTypes(id);
+        std::vector<qv::unique_variant> arguments(types.size());
+        if (!CoerceArguments(params, types, arguments))
             return S_OK;
         switch (id) {
-        case 1:
-            LoadDLL(V_BSTR(&arguments[0]));
+        case event::load_dll:
+            LoadDLL(V_BSTR(arguments[0].get()));
             break;
-        case 2:
-            UnloadDLL(V_BSTR(&arguments[0]));
+        case event::unload_dll:
+            UnloadDLL(V_BSTR(arguments[0].get()));
             break;
-        case 3:
+        case event::application_finished:
             ApplicationFinished();
             break;
-        case 4:
-            ChildProcessCreated(V_I4(&arguments[0]), V_I4(&arguments[1]), V_I4(&arguments[2]), V_I4(&arguments[3]));
+        case event::child_process_created:
+            ChildProcessCreated(V_I4(arguments[0].get()), V_I4(arguments[1].get()), V_I4(arguments[2].get()),
+                                V_I4(arguments[3].get()));
             break;
-        case 5:
-            ChildProcessExit(V_I4(&arguments[0]));
+        case event::child_process_exit:
+            ChildProcessExit(V_I4(arguments[0].get()));
             break;
         }
         return S_OK;
@@ -190,13 +185,13 @@ HRESULT CDepChecker::FinalConstruct() {
     for (const wchar_t* name : kSystemNames)
         m_excludedNames.emplace(name, true);
 
-    try {
-        m_helper = std::make_unique<CDebugEngineHelper>();
-    } catch (const std::bad_alloc&) {
+    if (FAILED(qv::com_boundary([&] {
+            m_helper = std::make_unique<CDebugEngineHelper>();
+            return S_OK;
+        })))
         return NoHelper;
-    }
 
-    // A failure to learn the folder is thrown, and creation fails with it.
+    // A failure to learn the folder is thrown, and creation fails with its result (the creation's boundary).
     const std::wstring engine = ChooseEngine(EngineFolder(), m_useEngine64);
     hr = m_helper->Connect(engine);
     if (FAILED(hr))

@@ -1,6 +1,7 @@
 #include "filter/qvwi_filter.h"
 
 #include "inc/com_error.h"
+#include "inc/unique_handles.h"
 
 #include "companions.h"
 #include "dotnet/sibling_module_cache.h"
@@ -35,11 +36,9 @@ void ReadNames(IXMLDOMDocument2* document, const wchar_t* list, std::unordered_s
         qv::com_ptr<IXMLDOMElement> element;
         if (!node || FAILED(node->QueryInterface(IID_IXMLDOMElement, element.put_void())))
             continue;
-        VARIANT value;
-        VariantInit(&value);
-        if (element->getAttribute(qv::bstr(L"name").get(), &value) == S_OK && V_VT(&value) == VT_BSTR)
-            names.emplace(V_BSTR(&value), SysStringLen(V_BSTR(&value)));
-        VariantClear(&value);
+        qv::unique_variant value;
+        if (element->getAttribute(qv::bstr(L"name").get(), value.get()) == S_OK && V_VT(value.get()) == VT_BSTR)
+            names.emplace(V_BSTR(value.get()), SysStringLen(V_BSTR(value.get())));
     }
 }
 

@@ -3,6 +3,7 @@
 #include "companions.h"
 #include "dotnet/sibling_module_cache.h"
 #include "inc/com_error.h"
+#include "inc/unique_handles.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
 
@@ -27,10 +28,8 @@ qv::com_ptr<IQvSectionLoader> MakeSectionLoader(const std::wstring& file) {
 void CQVWIFilter::CQVWIIniFilterBase::Load(const std::wstring& path, const std::wstring& section, bool bFiltering) {
     m_bFiltering = bFiltering;
     WIN32_FIND_DATAW data;
-    HANDLE find = path.empty() ? INVALID_HANDLE_VALUE : FindFirstFileW(path.c_str(), &data);
-    if (find == INVALID_HANDLE_VALUE)
+    if (!qv::unique_hfind(path.empty() ? INVALID_HANDLE_VALUE : FindFirstFileW(path.c_str(), &data)))
         return; // a missing ini file is no failure: the list keeps what it held
-    FindClose(find);
     m_names.clear();
 
     qv::com_ptr<IQvSectionLoader> loader = MakeSectionLoader(path);

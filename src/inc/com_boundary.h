@@ -33,4 +33,16 @@ template <class Body> HRESULT com_boundary(Body&& body) noexcept {
     }
 }
 
+// As above, and the converted HRESULT goes to failed, which may report it and answers what the method
+// returns; failed runs after the catch, and what it throws is converted in turn.
+template <class Body, class Failed> HRESULT com_boundary(Body&& body, Failed&& failed) noexcept {
+    HRESULT hr = S_OK;
+    try {
+        return body();
+    } catch (...) {
+        hr = hresult_from_current_exception();
+    }
+    return com_boundary([&] { return failed(hr); });
+}
+
 } // namespace qv

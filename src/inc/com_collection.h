@@ -19,6 +19,7 @@
 #include "QVWIScanners.h"
 #include "inc/com_dispatch.h"
 #include "inc/com_exception.h"
+#include "inc/unique_handles.h"
 #include "inc/com_object.h"
 
 #include <windows.h>
@@ -57,7 +58,7 @@ template <class I> struct interface_adapter {
         add_ref(p);
         *out = p;
     }
-    // A VARIANT that owns one reference (VariantClear gives it back).
+    // A VARIANT that owns one reference (clearing the VARIANT gives it back).
     static void to_variant(I* p, VARIANT* v) noexcept {
         add_ref(p);
         V_VT(v) = VT_DISPATCH;
@@ -112,13 +113,11 @@ public:
             return E_POINTER;
         ULONG fetched = 0;
         while (fetched < celt && at_item()) {
-            VARIANT item;
-            VariantInit(&item);
-            adapter::to_variant((*m_items)[m_current].item, &item);
+            unique_variant item;
+            adapter::to_variant((*m_items)[m_current].item, item.get());
             VARIANT* out = &rgVar[fetched];
             VariantInit(out);
-            HRESULT hr = VariantCopy(out, &item);
-            VariantClear(&item);
+            HRESULT hr = VariantCopy(out, item.get());
             if (FAILED(hr))
                 break;
             ++fetched;
@@ -213,12 +212,9 @@ public:
                 throw com_exception(E_OUTOFMEMORY);
             reserve_for_one();
             m_items.push_back(entry{text, item});
-            try {
-                m_index.insert_or_assign(std::wstring(text), static_cast<position>(m_items.size() - 1));
-            } catch (...) {
-                m_items.pop_back();
-                throw;
-            }
+            scope_exit undo([this] { m_items.pop_back(); }); // an entry the index cannot name goes again
+            m_index.insert_or_assign(std::wstring(text), static_cast<position>(m_items.size() - 1));
+            undo.dismiss();
             Adapter::add_ref(item);
         } catch (const std::bad_alloc&) {
             throw com_exception(E_OUTOFMEMORY);
@@ -286,22 +282,19 @@ protected:
         // by its text as a name, so that 2.0 means the name "2", never the second item.
         VARTYPE base = V_VT(index) & ~VT_BYREF;
         bool numeric = base == VT_I2 || base == VT_I4 || base == VT_UI2 || base == VT_UI4;
-        VARIANT coerced;
-        VariantInit(&coerced);
-        if (FAILED(VariantChangeType(&coerced, const_cast<VARIANT*>(index), 0, numeric ? VT_I4 : VT_BSTR)))
+        unique_variant coerced;
+        if (FAILED(VariantChangeType(coerced.get(), const_cast<VARIANT*>(index), 0, numeric ? VT_I4 : VT_BSTR)))
             return nullptr;
-        const entry* hit = nullptr;
         if (numeric) {
-            LONG n = V_I4(&coerced);
+            LONG n = V_I4(coerced.get());
             if (n >= 1 && static_cast<std::size_t>(n) <= m_items.size())
-                hit = &m_items[static_cast<std::size_t>(n) - 1];
+                return &m_items[static_cast<std::size_t>(n) - 1];
         } else {
-            auto found = m_index.find(collection_key_less::text(V_BSTR(&coerced)));
+            auto found = m_index.find(collection_key_less::text(V_BSTR(coerced.get())));
             if (found != m_index.end())
-                hit = &m_items[found->second];
+                return &m_items[found->second];
         }
-        VariantClear(&coerced);
-        return hit;
+        return nullptr;
     }
 
     storage m_items;

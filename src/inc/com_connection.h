@@ -8,6 +8,7 @@
 // that advises or unadvises while an event is being delivered is seen from the next slot on.
 #pragma once
 
+#include "inc/com_boundary.h"
 #include "inc/com_object.h"
 #include "inc/com_ptr.h"
 
@@ -85,15 +86,12 @@ public:
         HRESULT hr = com_object<snapshot_enum>::CreateInstance(&e);
         if (FAILED(hr))
             return hr;
-        e->AddRef();
-        try {
-            e->Assign(items, position);
-        } catch (const std::bad_alloc&) {
-            e->Release();
-            return E_OUTOFMEMORY;
-        }
-        *out = e;
-        return S_OK;
+        com_ptr<com_object<snapshot_enum>> made(e);
+        return com_boundary([&] {
+            made->Assign(items, position);
+            *out = made.detach();
+            return S_OK;
+        });
     }
 
     STDMETHOD(Next)(ULONG count, Item* items, ULONG* fetched) override {
@@ -173,12 +171,12 @@ public:
         size_t slot = 0;
         while (slot < m_sinks.size() && m_sinks[slot])
             ++slot;
-        try {
-            if (slot == m_sinks.size())
+        if (slot == m_sinks.size() && FAILED(com_boundary([&] {
                 m_sinks.push_back(nullptr);
-        } catch (const std::bad_alloc&) {
+                return S_OK;
+            }))) {
             events->Release();
-            return CONNECT_E_ADVISELIMIT;
+            return CONNECT_E_ADVISELIMIT; // no room to keep the sink
         }
         m_sinks[slot] = events;
         *cookie = static_cast<DWORD>(slot + 1);
@@ -193,16 +191,14 @@ public:
         return S_OK;
     }
     STDMETHOD(EnumConnections)(IEnumConnections** out) override {
-        try {
+        return com_boundary([&] {
             std::vector<CONNECTDATA> live;
             for (size_t i = 0; i < m_sinks.size(); ++i) {
                 if (m_sinks[i])
                     live.push_back(CONNECTDATA{m_sinks[i], static_cast<DWORD>(i + 1)});
             }
             return connections_enum::Make(live, 0, out);
-        } catch (const std::bad_alloc&) {
-            return E_OUTOFMEMORY;
-        }
+        });
     }
 
     // Calls method id on every sink with the arguments, first to last (rgvarg takes them in reverse).
@@ -260,11 +256,7 @@ inline HRESULT FindPoint(std::initializer_list<IConnectionPoint*> points, REFIID
 
 // EnumConnectionPoints over a container's points.
 inline HRESULT EnumPoints(std::initializer_list<IConnectionPoint*> points, IEnumConnectionPoints** out) {
-    try {
-        return connection_points_enum::Make(std::vector<IConnectionPoint*>(points), 0, out);
-    } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
-    }
+    return com_boundary([&] { return connection_points_enum::Make(std::vector<IConnectionPoint*>(points), 0, out); });
 }
 
 } // namespace qv

@@ -31,6 +31,22 @@ inline void set_error_description(const std::wstring& description, const wchar_t
     throw com_exception(hr);
 }
 
+// The system's words for hr, without the line break at their end; empty when it has none.
+inline std::wstring system_message(HRESULT hr) {
+    wchar_t* buffer = nullptr;
+    const DWORD n =
+        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                       nullptr, static_cast<DWORD>(hr), 0, reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
+    const struct free_buffer {
+        wchar_t* text;
+        ~free_buffer() { LocalFree(text); }
+    } owned{buffer};
+    std::wstring text = n && buffer ? std::wstring(buffer, n) : std::wstring();
+    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r'))
+        text.pop_back();
+    return text;
+}
+
 // The description of the thread's error object, taken (and so cleared); empty when there is none.
 inline std::wstring take_error_description() {
     com_ptr<IErrorInfo> info;

@@ -18,7 +18,7 @@
 // library by qv::com_object<CFoo>::CreateInstance(&p). Every live object holds one lock on the module.
 #pragma once
 
-#include "inc/com_exception.h"
+#include "inc/com_boundary.h"
 #include "inc/com_module.h"
 
 #include <windows.h>
@@ -97,17 +97,6 @@ protected:
 
 namespace detail {
 
-// Runs final construction, turning what it throws into its HRESULT.
-template <class Construct> HRESULT final_construct(Construct&& construct) {
-    try {
-        return construct();
-    } catch (const com_exception& e) {
-        return e.Error();
-    } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
-    }
-}
-
 // Hands out the first reference of a new object on the interface asked for; a failed query destroys it.
 template <class O> HRESULT hand_out(O* p, REFIID iid, void** ppv) {
     p->AddRef();
@@ -146,15 +135,15 @@ public:
             return E_POINTER;
         *pp = nullptr;
         com_object* p = nullptr;
-        try {
+        // Construction and final construction are the creation's boundary: what they throw is its result.
+        HRESULT hr = com_boundary([&] {
             p = new com_object(std::forward<Args>(args)...);
-        } catch (const std::bad_alloc&) {
-            return E_OUTOFMEMORY;
-        } catch (const com_exception& e) {
-            return e.Error();
-        }
+            return S_OK;
+        });
+        if (FAILED(hr))
+            return hr;
         p->InternalAddRef();
-        HRESULT hr = detail::final_construct([p] { return p->FinalConstruct(); });
+        hr = com_boundary([p] { return p->FinalConstruct(); });
         p->InternalRelease();
         if (FAILED(hr)) {
             delete p;
@@ -223,15 +212,14 @@ public:
     static HRESULT CreateInstance(IUnknown* outer, agg_object** pp) {
         *pp = nullptr;
         agg_object* p = nullptr;
-        try {
+        HRESULT hr = com_boundary([&] {
             p = new agg_object(outer);
-        } catch (const std::bad_alloc&) {
-            return E_OUTOFMEMORY;
-        } catch (const com_exception& e) {
-            return e.Error();
-        }
+            return S_OK;
+        });
+        if (FAILED(hr))
+            return hr;
         p->m_dwRef++;
-        HRESULT hr = detail::final_construct([p] { return p->m_contained.FinalConstruct(); });
+        hr = com_boundary([p] { return p->m_contained.FinalConstruct(); });
         p->m_dwRef--;
         if (FAILED(hr)) {
             delete p;

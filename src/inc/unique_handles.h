@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include <oleauto.h>
+#include <wininet.h>
 
 #include <utility>
 
@@ -79,6 +80,14 @@ using unique_hkey = unique_resource<hkey_traits>;
 using unique_hfind = unique_resource<find_handle_traits>;
 using unique_hmodule = unique_resource<hmodule_traits>;
 
+struct internet_handle_traits {
+    using type = HINTERNET;
+    static type invalid() noexcept { return nullptr; }
+    static void close(type h) noexcept { ::InternetCloseHandle(h); }
+};
+// A WinINet session or URL: NULL is empty.
+using unique_hinternet = unique_resource<internet_handle_traits>;
+
 // A VARIANT that is cleared when the owner goes: get() hands it to a call that fills it, reset() clears it.
 class unique_variant {
 public:
@@ -105,6 +114,26 @@ public:
 
 private:
     VARIANT m_value;
+};
+
+// The strings an IDispatch::Invoke leaves in its EXCEPINFO, freed when the owner goes; get() hands the
+// record to the call that fills it.
+class unique_excepinfo {
+public:
+    unique_excepinfo() noexcept = default;
+    unique_excepinfo(const unique_excepinfo&) = delete;
+    unique_excepinfo& operator=(const unique_excepinfo&) = delete;
+    ~unique_excepinfo() {
+        SysFreeString(m_value.bstrSource);
+        SysFreeString(m_value.bstrDescription);
+        SysFreeString(m_value.bstrHelpFile);
+    }
+
+    EXCEPINFO* get() noexcept { return &m_value; }
+    EXCEPINFO* operator->() noexcept { return &m_value; }
+
+private:
+    EXCEPINFO m_value{};
 };
 
 // The two handles CreateProcessW hands out, each owned; the identifiers as they came.

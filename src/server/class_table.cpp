@@ -3,6 +3,7 @@
 #include "QVWIScanners.h"
 #include "dotnet/dotnet_assembly.h"
 #include "dynamic/dep_checker.h"
+#include "inc/com_boundary.h"
 #include "inc/com_object.h"
 #include "scanutil/scan_util.h"
 #include "server/dep_file.h"
@@ -62,14 +63,14 @@ HRESULT GetClassObject(REFCLSID clsid, REFIID iid, void** ppv) {
         if (!entry.cachedFactory) {
             module_lock lock;
             if (!entry.cachedFactory) {
-                cached_object<class_factory>* factory = nullptr;
-                try {
-                    factory = new cached_object<class_factory>(entry.create);
-                } catch (const std::bad_alloc&) {
-                    return E_OUTOFMEMORY;
-                }
-                factory->AddRef();
-                entry.cachedFactory = factory;
+                const HRESULT made = com_boundary([&] {
+                    cached_object<class_factory>* factory = new cached_object<class_factory>(entry.create);
+                    factory->AddRef();
+                    entry.cachedFactory = factory;
+                    return S_OK;
+                });
+                if (FAILED(made))
+                    return made;
             }
         }
         return entry.cachedFactory->QueryInterface(iid, ppv);

@@ -1,9 +1,11 @@
 // The exports of the server and its start and end. Self-registration is switched off on purpose:
 // the server writes nothing to the registry; registration tools take the class table's data.
 #include "QVWIScanners.h"
+#include "inc/com_boundary.h"
 #include "inc/com_module.h"
 #include "server/class_table.h"
 #include "toolkit/process_launcher.h"
+#include "toolkit/string_convert.h"
 #include "traits/project_traits.h"
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
@@ -35,14 +37,13 @@ extern "C" HRESULT STDAPICALLTYPE DllUnregisterServer() {
 }
 
 // Runs a setup program and waits for it and then for the children it left behind (toolkit launcher,
-// flags 2, no time-out). The narrow command line is read in the ANSI code page.
+// flags 2, no time-out). The narrow command line is read in the ANSI code page. The launcher's own results
+// (0, -1, -2, -3) come back as they are; a launch that throws (out of memory) did not happen: -1.
 extern "C" int __stdcall LaunchSetupExeAppAndWaitForChildProcesses(const char* commandLine) {
-    std::wstring line;
-    if (commandLine && *commandLine) {
-        const int n = MultiByteToWideChar(CP_ACP, 0, commandLine, -1, nullptr, 0);
-        line.resize(n > 0 ? static_cast<size_t>(n) : 1);
-        MultiByteToWideChar(CP_ACP, 0, commandLine, -1, line.data(), n);
-        line.resize(wcslen(line.c_str()));
-    }
-    return qv::LaunchSetupAndWait(line);
+    int result = -1;
+    qv::com_boundary([&] {
+        result = qv::LaunchSetupAndWait(commandLine ? qv::WidenAnsi(commandLine) : std::wstring());
+        return S_OK;
+    });
+    return result;
 }

@@ -4,6 +4,7 @@
 #include "filter/filter_base.h"
 #include "filter/vb_filter.h"
 #include "format/pe/pe_layout.h"
+#include "inc/unique_handles.h"
 #include "scanutil/scan_util.h"
 #include "static/activation_scope.h"
 #include "static/pe_images.h"
@@ -175,7 +176,6 @@ void CDepWalker::Scan(const std::wstring& file, IStaticScanEvents* events, CFilt
     }
 
     m_searches.clear();
-    m_activeSections.clear();
     m_depFiles.clear();
     m_passed.clear();
     m_settledMissing.clear();
@@ -243,6 +243,7 @@ struct CDepWalker::WalkFrame {
     std::wstring found;                     // where names[next] was found (or the name itself)
     qv::com_ptr<IQvSections> sections;      // the .dep file of the image, or the one of the section
     std::unique_ptr<ActivationScope> scope; // the image's own manifest, active while its frame lives
+    CDepSections::mark entered;             // the section's, entered while its frame lives
 
     // The references of an assembly, read whole before the first is walked.
     struct assembly_ref {
@@ -270,7 +271,6 @@ DWORD CDepWalker::ScanOneFile(const std::wstring& path, bool isDependency) {
     EnterFile(path, isDependency, stack);
     while (!stack.empty())
         Step(stack);
-    m_activeSections.clear();
     return 0;
 }
 
@@ -316,8 +316,6 @@ void CDepWalker::Step(std::vector<WalkFrame>& stack) {
     }
 
     if (top.next == top.names.size()) {
-        if (top.section)
-            m_activeSections.erase({top.sections.get(), qv::FoldAsciiCase(top.name)});
         stack.pop_back();
         return;
     }
@@ -405,15 +403,15 @@ void CDepWalker::EnterAssembly(IUnknown* assembly, const std::wstring& path, boo
     frame.path = path;
     frame.name = qv::FileNamePart(path);
     for (;;) {
-        VARIANT item;
-        VariantInit(&item);
-        ULONG fetched = 0;
-        if (check_hr(items->Next(1, &item, &fetched)) != S_OK || fetched == 0)
-            break;
         qv::com_ptr<IUnknown> element;
-        if (V_VT(&item) == VT_DISPATCH || V_VT(&item) == VT_UNKNOWN)
-            element = qv::com_ptr<IUnknown>(V_UNKNOWN(&item));
-        VariantClear(&item);
+        {
+            qv::unique_variant item;
+            ULONG fetched = 0;
+            if (check_hr(items->Next(1, item.get(), &fetched)) != S_OK || fetched == 0)
+                break;
+            if (V_VT(item.get()) == VT_DISPATCH || V_VT(item.get()) == VT_UNKNOWN)
+                element = qv::com_ptr<IUnknown>(V_UNKNOWN(item.get()));
+        }
         if (!element)
             throw com_exception(E_FAIL);
         qv::com_ptr<IDotNetAssemblyRef> reference;
@@ -501,16 +499,12 @@ void CDepWalker::PushSection(std::vector<WalkFrame>& stack, const qv::com_ptr<IQ
                              const std::wstring& depPath, const std::wstring& name) {
     if (!sections)
         return;
-    VARIANT key;
-    V_VT(&key) = VT_BSTR;
-    qv::bstr text(name);
-    V_BSTR(&key) = text.get();
-    qv::com_ptr<IQvSection> section;
-    check_hr(sections->Item(key, section.put()));
+    const qv::com_ptr<IQvSection> section = CDepSections::Find(sections.get(), name);
     if (!section)
         return;
     // Sections that name each other would be walked forever: the circle is reported and not entered again.
-    if (!m_activeSections.insert({sections.get(), qv::FoldAsciiCase(name)}).second) {
+    CDepSections::mark entered = m_sections.Enter(sections.get(), name);
+    if (entered.entry() != CDepSections::Entry::Entered) {
         check_hr(m_pEvents->ErrorEncountered(
             qv::bstr(depPath).get(), HRESULT_FROM_WIN32(ERROR_CIRCULAR_DEPENDENCY),
             qv::bstr(L"the sections name each other in a circle back to [" + name + L"], which is followed once")
@@ -522,21 +516,12 @@ void CDepWalker::PushSection(std::vector<WalkFrame>& stack, const qv::com_ptr<IQ
     frame.path = frame.depPath = depPath;
     frame.name = name;
     frame.sections = sections;
-    qv::com_ptr<IQvEntries> entries;
-    check_hr(section->get_Entries(entries.put()));
-    for (long i = 1;; ++i) {
-        // Uses1, Uses2, ... up to the first number that is not there; an empty value is passed over.
-        qv::bstr usesKey(L"Uses" + std::to_wstring(i));
-        V_BSTR(&key) = usesKey.get();
-        qv::com_ptr<IQvEntry> entry;
-        check_hr(entries->Item(key, entry.put()));
-        if (!entry)
-            break;
-        qv::bstr value;
-        check_hr(entry->get_Value(value.put()));
-        if (!value.empty())
-            frame.names.push_back(value.str());
-    }
+    frame.entered = std::move(entered);
+    CDepSections::EachUse(section.get(), [&](const std::wstring& used) {
+        if (!used.empty()) // an empty value is passed over
+            frame.names.push_back(used);
+        return true;
+    });
     stack.push_back(std::move(frame));
 }
 

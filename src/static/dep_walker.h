@@ -15,13 +15,13 @@
 #include "QVWIScanners.h"
 #include "companions.h"
 #include "inc/com_ptr.h"
+#include "static/dep_sections.h"
 
 #include <windows.h>
 
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <unordered_map>
 #include <unordered_set>
 #include <string>
@@ -113,8 +113,8 @@ private:
     // folded folder -> its .dep files in lower case
     std::unordered_map<std::wstring, std::shared_ptr<const std::unordered_set<std::wstring>>> m_depFiles;
     static std::wstring SearchDepName(const std::wstring& name);
-    // The sections being walked, by their file's sections object and folded name: a circle among them ends.
-    std::set<std::pair<IUnknown*, std::wstring>> m_activeSections;
+    // The sections being walked (each frame of a section holds its mark): a circle among them ends.
+    CDepSections m_sections;
     bool AddFound(const std::wstring& path, ScannedFile& record);
     // Asks the catalog about a found file and fills the record's module fields. True when the entry
     // stands for a module: one the catalog has, or a missing one whose key and subject it names.

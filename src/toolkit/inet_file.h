@@ -11,13 +11,6 @@
 
 namespace qv {
 
-struct internet_handle_traits {
-    using type = HINTERNET;
-    static type invalid() noexcept { return nullptr; }
-    static void close(type h) noexcept { ::InternetCloseHandle(h); }
-};
-using unique_hinternet = unique_resource<internet_handle_traits>;
-
 // One WinINet session with bounded time-outs. Throws qv::win32_exception if WinINet refuses it.
 class inet_session {
 public:

@@ -1,5 +1,7 @@
 #include "toolkit/process_launcher.h"
 
+#include "inc/unique_handles.h"
+
 #include <psapi.h>
 #include <shellapi.h>
 #include <tlhelp32.h>
@@ -11,6 +13,8 @@ namespace qv {
 namespace {
 
 launch_state g_launch;
+// The handles of g_launch.process: kept open until the next launch begins (or the process ends).
+unique_process_information g_launched;
 
 template <typename Fn> Fn Function(const wchar_t* module, const char* name) {
     HMODULE handle = GetModuleHandleW(module);
@@ -24,11 +28,10 @@ std::wstring WithoutQuotes(std::wstring text) {
 }
 
 bool CreationTime(DWORD id, HANDLE known, ULONGLONG& time) {
-    HANDLE process = known ? known : OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, id);
+    unique_handle opened(known ? nullptr : OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, id));
+    const HANDLE process = known ? known : opened.get();
     FILETIME created, exited, kernel, user;
     const bool ok = process && GetProcessTimes(process, &created, &exited, &kernel, &user);
-    if (process && !known)
-        CloseHandle(process);
     time = (ULONGLONG{created.dwHighDateTime} << 32) | created.dwLowDateTime;
     return ok;
 }
@@ -59,12 +62,10 @@ DWORD WaitForTree(DWORD processId, HANDLE process, DWORD flags, DWORD timeout) {
         const DWORD child = detail::FindChild(processId, flags, detail::ReadProcessTree(false));
         if (child == 0)
             return 0;
-        HANDLE handle = OpenProcess(0x1F0FFF, TRUE, child);
+        const unique_handle handle(OpenProcess(0x1F0FFF, TRUE, child));
         if (!handle)
             return 0;
-        const DWORD result = WaitFor(handle, timeout);
-        CloseHandle(handle);
-        if (result)
+        if (const DWORD result = WaitFor(handle.get(), timeout))
             return result;
     }
 }
@@ -78,14 +79,15 @@ std::map<DWORD, process_entry> ReadProcessTree(bool fallback) {
     auto snapshot = Function<decltype(&CreateToolhelp32Snapshot)>(L"kernel32.dll", "CreateToolhelp32Snapshot");
     auto first = Function<decltype(&Process32FirstW)>(L"Kernel32.dll", "Process32FirstW");
     auto next = Function<decltype(&Process32NextW)>(L"Kernel32.dll", "Process32NextW");
-    HANDLE all = !fallback && snapshot && first && next ? snapshot(TH32CS_SNAPPROCESS, 0) : INVALID_HANDLE_VALUE;
-    if (all != INVALID_HANDLE_VALUE) {
+    // A snapshot that failed is INVALID_HANDLE_VALUE, as a file handle's failure is.
+    const unique_hfile all(!fallback && snapshot && first && next ? snapshot(TH32CS_SNAPPROCESS, 0)
+                                                                  : INVALID_HANDLE_VALUE);
+    if (all) {
         PROCESSENTRY32W entry{};
         entry.dwSize = sizeof entry;
-        for (BOOL more = first(all, &entry); more; more = next(all, &entry))
+        for (BOOL more = first(all.get(), &entry); more; more = next(all.get(), &entry))
             if (entry.th32ProcessID != 0)
                 tree[entry.th32ProcessID] = {entry.th32ParentProcessID, entry.szExeFile};
-        CloseHandle(all);
         return tree;
     }
     // The fallback: the IDs, and each one's parent from its basic information (no names).
@@ -95,13 +97,12 @@ std::map<DWORD, process_entry> ReadProcessTree(bool fallback) {
     if (!query || !EnumProcesses(ids, sizeof ids, &bytes))
         return tree;
     for (DWORD i = 0; i < bytes / sizeof(DWORD); ++i) {
-        HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, ids[i]);
+        const unique_handle process(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, ids[i]));
         if (!process)
             continue;
         ULONG_PTR basic[6] = {}; // PROCESS_BASIC_INFORMATION: the ID in the fifth word, the parent in the sixth
-        if (query(process, 0, basic, sizeof basic, nullptr) >= 0 && static_cast<DWORD>(basic[4]) != 0)
+        if (query(process.get(), 0, basic, sizeof basic, nullptr) >= 0 && static_cast<DWORD>(basic[4]) != 0)
             tree[static_cast<DWORD>(basic[4])] = {static_cast<DWORD>(basic[5]), {}};
-        CloseHandle(process);
     }
     return tree;
 }
@@ -137,6 +138,7 @@ int LaunchAndWait(const std::wstring& application, const std::wstring& commandLi
                   const std::wstring& workingDirectory, DWORD flags, DWORD timeout, int showMode, DWORD creationFlags,
                   const std::wstring& verb) {
     g_launch.lastError = 0;
+    g_launched = unique_process_information(); // the last launch's handles go
     DWORD processId = 0;
     HANDLE process = nullptr;
     const wchar_t* directory = workingDirectory.empty() ? nullptr : workingDirectory.c_str();
@@ -156,6 +158,7 @@ int LaunchAndWait(const std::wstring& application, const std::wstring& commandLi
             g_launch.message = WithoutQuotes(line);
             return -1;
         }
+        g_launched = unique_process_information(g_launch.process);
         processId = g_launch.process.dwProcessId;
         process = g_launch.process.hProcess;
     } else {
@@ -174,6 +177,7 @@ int LaunchAndWait(const std::wstring& application, const std::wstring& commandLi
         }
         g_launch.process = {};
         g_launch.process.hProcess = process = info.hProcess;
+        g_launched.process.reset(info.hProcess);
         auto getId = Function<decltype(&GetProcessId)>(L"kernel32.dll", "GetProcessId");
         processId = getId && process ? getId(process) : 0;
         g_launch.process.dwProcessId = processId;

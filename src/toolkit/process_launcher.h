@@ -1,7 +1,7 @@
 // The toolkit's process launcher: start a program (CreateProcessW, or ShellExecuteExW), wait for it, and
 // then for the children it left behind, found in a snapshot of the process tree. One launcher at a time:
 // the last error, exit code, process information and message are kept module-wide. The handles of the
-// started process are not closed; they stay in the kept process information.
+// started process stay open in the kept process information until the next launch begins.
 #pragma once
 
 #include <windows.h>

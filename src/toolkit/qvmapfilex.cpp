@@ -38,26 +38,26 @@ bool qvmapfilex::Open(const std::wstring& file, DWORD& size, bool bWrite) {
     m_bWrite = bWrite;
     const DWORD access = bWrite ? 0xC0000000 : 0x80000000, disposition = bWrite ? 2 : 3;
     if (auto createW = Kernel<decltype(&CreateFileW)>("CreateFileW"))
-        m_hFile = createW(file.c_str(), access, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+        m_hFile.reset(createW(file.c_str(), access, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
     else if (auto createA = Kernel<decltype(&CreateFileA)>("CreateFileA"))
-        m_hFile = createA(Ansi(file).c_str(), access, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (m_hFile == INVALID_HANDLE_VALUE)
+        m_hFile.reset(createA(Ansi(file).c_str(), access, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!m_hFile)
         return Fail(file);
 
     const DWORD protection = bWrite ? PAGE_READWRITE : PAGE_READONLY;
     if (auto mappingW = Kernel<decltype(&CreateFileMappingW)>("CreateFileMappingW"))
-        m_hMapping = mappingW(m_hFile, nullptr, protection, 0, size, nullptr);
+        m_hMapping.reset(mappingW(m_hFile.get(), nullptr, protection, 0, size, nullptr));
     else if (auto mappingA = Kernel<decltype(&CreateFileMappingA)>("CreateFileMappingA"))
-        m_hMapping = mappingA(m_hFile, nullptr, protection, 0, size, nullptr);
+        m_hMapping.reset(mappingA(m_hFile.get(), nullptr, protection, 0, size, nullptr));
     if (!m_hMapping)
         return Fail(file);
 
     auto map = Kernel<decltype(&MapViewOfFile)>("MapViewOfFile");
-    m_pView = map ? map(m_hMapping, bWrite ? FILE_MAP_WRITE : FILE_MAP_READ, 0, 0, size) : nullptr;
+    m_pView = map ? map(m_hMapping.get(), bWrite ? FILE_MAP_WRITE : FILE_MAP_READ, 0, 0, size) : nullptr;
     if (!m_pView)
         return Fail(file);
     if (size == 0)
-        size = GetFileSize(m_hFile, nullptr);
+        size = GetFileSize(m_hFile.get(), nullptr);
     m_nSize = size;
     m_bOpen = true;
     return true;
@@ -67,16 +67,14 @@ void qvmapfilex::Close() {
     if (!m_bOpen)
         return;
     UnmapViewOfFile(m_pView);
-    CloseHandle(m_hMapping);
+    m_hMapping.reset();
     if (m_bWrite) {
         // A mapping may have made the file larger: it is cut back to the size asked for.
-        SetFilePointer(m_hFile, static_cast<LONG>(m_nSize), nullptr, FILE_BEGIN);
-        SetEndOfFile(m_hFile);
+        SetFilePointer(m_hFile.get(), static_cast<LONG>(m_nSize), nullptr, FILE_BEGIN);
+        SetEndOfFile(m_hFile.get());
     }
-    CloseHandle(m_hFile);
+    m_hFile.reset();
     m_pView = nullptr;
-    m_hMapping = nullptr;
-    m_hFile = INVALID_HANDLE_VALUE;
     m_bOpen = false;
 }
 

@@ -1,8 +1,11 @@
 // qvmapfilex: one file mapped whole into memory, for reading or for writing, with its start and size.
 // The Windows functions are found by name at run time. A failed Open keeps the last error and the file in
 // process-wide values (unguarded), and leaves what it opened in the object: Close, which the destructor
-// calls, gives back only what a complete Open took, so a half-done Open keeps its handles open.
+// calls, gives back only what a complete Open took, so a half-done Open keeps its handles open until the
+// object ends or opens again.
 #pragma once
+
+#include "inc/unique_handles.h"
 
 #include <windows.h>
 
@@ -30,8 +33,8 @@ public:
 private:
     void* m_pView = nullptr;
     bool m_bOpen = false;
-    HANDLE m_hFile = INVALID_HANDLE_VALUE;
-    HANDLE m_hMapping = nullptr;
+    unique_hfile m_hFile;
+    unique_handle m_hMapping;
     bool m_bWrite = false;
     DWORD m_nSize = 0;
 };

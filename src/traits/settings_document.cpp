@@ -4,6 +4,7 @@
 #include "dotnet/sibling_module_cache.h"
 #include "filter/xml_loader.h"
 #include "inc/com_error.h"
+#include "inc/unique_handles.h"
 
 namespace qv {
 
@@ -18,15 +19,12 @@ constexpr long kSettingsDocument = 8; // the selector of GetPath
 std::wstring PathOf(IXMLDOMNode* node) {
     com_ptr<IXMLDOMNamedNodeMap> attributes;
     com_ptr<IXMLDOMNode> path;
-    VARIANT value;
-    VariantInit(&value);
+    unique_variant value;
     if (node->get_attributes(attributes.put()) != S_OK || !attributes ||
         attributes->getNamedItem(bstr(L"Path").get(), path.put()) != S_OK || !path)
         return {};
-    check_hr(path->get_nodeValue(&value));
-    std::wstring text = V_VT(&value) == VT_BSTR && V_BSTR(&value) ? V_BSTR(&value) : L"";
-    VariantClear(&value);
-    return text;
+    check_hr(path->get_nodeValue(value.get()));
+    return V_VT(value.get()) == VT_BSTR && V_BSTR(value.get()) ? V_BSTR(value.get()) : L"";
 }
 
 } // namespace

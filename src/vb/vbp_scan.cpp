@@ -3,6 +3,7 @@
 #include "dotnet/sibling_module_cache.h"
 #include "inc/com_boundary.h"
 #include "inc/com_error.h"
+#include "inc/unique_handles.h"
 #include "scanutil/scan_util.h"
 #include "server/class_registration.h"
 #include "server/dep_file.h"
@@ -38,25 +39,11 @@ std::wstring LoadResourceString(UINT id) {
     }
 }
 
-VARIANT TextIndex(const qv::bstr& text) {
-    VARIANT index;
-    V_VT(&index) = VT_BSTR;
-    V_BSTR(&index) = text.get();
-    return index;
-}
-
-qv::com_ptr<IQvSection> FindSection(IQvSections* root, const std::wstring& name) {
-    qv::bstr text(name);
-    qv::com_ptr<IQvSection> section;
-    check_hr(root->Item(TextIndex(text), section.put()));
-    return section;
-}
-
 // How long the compiler may run, in milliseconds.
 DWORD BuildTimeout() {
-    wchar_t text[32];
-    const DWORD n = GetEnvironmentVariableW(L"QVWI_VB_BUILD_TIMEOUT", text, static_cast<DWORD>(std::size(text)));
-    const unsigned long seconds = n > 0 && n < std::size(text) ? wcstoul(text, nullptr, 10) : 0;
+    std::wstring text;
+    const unsigned long seconds =
+        qv::ReadEnvironment(L"QVWI_VB_BUILD_TIMEOUT", text) ? wcstoul(text.c_str(), nullptr, 10) : 0;
     return (seconds > 0 && seconds < 86400 ? seconds : kDefaultBuildSeconds) * 1000;
 }
 
@@ -86,20 +73,11 @@ bool PumpUntilEnded(HANDLE process, DWORD timeoutMs) {
     }
 }
 
-// The system's words for hr, or the description the failure left in the thread's error object.
+// The description the failure left in the thread's error object, or the system's words for hr.
 std::wstring ExceptionMessage(HRESULT hr) {
     std::wstring text = qv::take_error_description();
-    if (!text.empty())
-        return text;
-    wchar_t* buffer = nullptr;
-    const DWORD n =
-        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                       nullptr, static_cast<DWORD>(hr), 0, reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
-    if (n && buffer)
-        text.assign(buffer, n);
-    LocalFree(buffer);
-    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r'))
-        text.pop_back();
+    if (text.empty())
+        text = qv::system_message(hr);
     return text.empty() ? L"Unknown error" : text;
 }
 
@@ -108,6 +86,17 @@ const wchar_t* OwnProgId() {
         if (IsEqualCLSID(*entry.clsid, CLSID_VBPScan))
             return entry.progId;
     return L"";
+}
+
+// What the boundary of Scan does with a failure: the debugger hears of it, the thread's error object gets its
+// words under the class's ProgID, and a failure that carried S_OK is returned as DISP_E_EXCEPTION.
+HRESULT ReportFailure(HRESULT hr) {
+    const std::wstring message = ExceptionMessage(hr);
+    wchar_t number[16];
+    swprintf(number, std::size(number), L"%i", static_cast<int>(hr));
+    OutputDebugStringW((L"\nException caught: " + std::wstring(number) + L" = " + message).c_str());
+    qv::set_error_description(message, OwnProgId());
+    return hr == S_OK ? DISP_E_EXCEPTION : hr;
 }
 
 // A script's sink: an IDispatch whose methods carry the event names. A returned boolean is the answer
@@ -178,14 +167,12 @@ private:
         if (FAILED(m_script->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id)))
             return S_OK;
         DISPPARAMS params = {args, nullptr, count, 0};
-        VARIANT result;
-        VariantInit(&result);
-        const HRESULT hr =
-            m_script->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &params, &result, nullptr, nullptr);
-        if (SUCCEEDED(hr) && answer && V_VT(&result) != VT_EMPTY && V_VT(&result) != VT_NULL &&
-            SUCCEEDED(VariantChangeType(&result, &result, 0, VT_BOOL)))
-            *answer = V_BOOL(&result);
-        VariantClear(&result);
+        qv::unique_variant result;
+        const HRESULT hr = m_script->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &params, result.get(),
+                                            nullptr, nullptr);
+        if (SUCCEEDED(hr) && answer && V_VT(result.get()) != VT_EMPTY && V_VT(result.get()) != VT_NULL &&
+            SUCCEEDED(VariantChangeType(result.get(), result.get(), 0, VT_BOOL)))
+            *answer = V_BOOL(result.get());
         return hr;
     }
 
@@ -196,7 +183,7 @@ private:
 
 } // namespace
 
-CVBPScan::CVBPScan() = default;
+CVBPScan::CVBPScan() : m_sections(kDeepestSectionWalk) {}
 CVBPScan::~CVBPScan() = default;
 
 HRESULT CVBPScan::FinalConstruct() {
@@ -247,92 +234,83 @@ STDMETHODIMP CVBPScan::Invoke(DISPID id, REFIID iid, LCID lcid, WORD flags, DISP
     if (!script)
         return dispatch_impl::Invoke(id, iid, lcid, flags, params, result, excepinfo, argerr);
 
-    VARIANT args[6];
+    qv::unique_variant args[6];
     HRESULT hr = S_OK;
     for (UINT i = 0; i < 6; ++i) {
-        VariantInit(&args[i]);
         if (i != SinkArgument && SUCCEEDED(hr)) {
-            hr = VariantChangeType(&args[i], &params->rgvarg[i], 0, i == 1 || i == 2 ? VT_BOOL : VT_BSTR);
+            hr = VariantChangeType(args[i].get(), &params->rgvarg[i], 0, i == 1 || i == 2 ? VT_BOOL : VT_BSTR);
             if (FAILED(hr) && argerr)
                 *argerr = i;
         }
     }
-    if (SUCCEEDED(hr)) {
-        // Scan asks the sink only for interfaces, which an IDispatch answers like any IUnknown.
-        hr = Scan(V_BSTR(&args[5]), V_BSTR(&args[4]), reinterpret_cast<IScanEvents*>(script), V_BOOL(&args[2]),
-                  V_BOOL(&args[1]), V_BSTR(&args[0]));
-        if (result)
-            VariantInit(result);
-    } else {
-        hr = DISP_E_TYPEMISMATCH;
-    }
-    for (VARIANT& arg : args)
-        VariantClear(&arg);
+    if (FAILED(hr))
+        return DISP_E_TYPEMISMATCH;
+    // Scan asks the sink only for interfaces, which an IDispatch answers like any IUnknown.
+    hr = Scan(V_BSTR(args[5].get()), V_BSTR(args[4].get()), reinterpret_cast<IScanEvents*>(script),
+              V_BOOL(args[2].get()), V_BOOL(args[1].get()), V_BSTR(args[0].get()));
+    if (result)
+        VariantInit(result);
     return hr;
 }
 
 STDMETHODIMP CVBPScan::Scan(BSTR pVBFile, BSTR pDEPFile, IScanEvents* pEvents, VARIANT_BOOL bUseFilter,
                             VARIANT_BOOL bRebuild, BSTR sLangID) {
-    try {
-        m_bUseFilter = bUseFilter != 0;
-        m_filter.SetFiltering(m_bUseFilter);
-        m_reader.m_bAbort = false;
-        const std::wstring path = pVBFile ? std::wstring(pVBFile, SysStringLen(pVBFile)) : std::wstring();
-        if (path.empty() || !qv::FileExists(path))
-            return E_INVALIDARG;
+    // Whatever failed (a sink, a closed library, the memory) ends the scan with its result and words;
+    // nothing leaves the interface as a C++ exception.
+    return qv::com_boundary([&] { return RunScan(pVBFile, pDEPFile, pEvents, bUseFilter, bRebuild, sLangID); },
+                            ReportFailure);
+}
 
-        m_pEvents.reset(), m_pEventsFellSP2.reset(), m_pEventsValeSP.reset();
-        if (!pEvents)
-            throw com_exception(E_POINTER);
-        HRESULT hr = pEvents->QueryInterface(IID_IScanEventsTarn, m_pEvents.put_void());
-        qv::com_ptr<IDispatch> script;
-        if (FAILED(hr) && SUCCEEDED(pEvents->QueryInterface(IID_IDispatch, script.put_void()))) {
-            m_pEvents = qv::com_ptr<IScanEventsTarn>::adopt(new script_events(script.get()));
-            hr = S_OK;
-        }
-        check_hr(hr);
-        check_hr(m_pEvents->QueryInterface(IID_IStaticScanEventsFellSP2, m_pEventsFellSP2.put_void()));
-        check_hr(m_pEventsFellSP2->QueryInterface(IID_IStaticScanEventsValeSP, m_pEventsValeSP.put_void()));
+HRESULT CVBPScan::RunScan(BSTR pVBFile, BSTR pDEPFile, IScanEvents* pEvents, VARIANT_BOOL bUseFilter,
+                          VARIANT_BOOL bRebuild, BSTR sLangID) {
+    m_bUseFilter = bUseFilter != 0;
+    m_filter.SetFiltering(m_bUseFilter);
+    m_reader.m_bAbort = false;
+    const std::wstring path = pVBFile ? std::wstring(pVBFile, SysStringLen(pVBFile)) : std::wstring();
+    if (path.empty() || !qv::FileExists(path))
+        return E_INVALIDARG;
 
-        m_sLangID = sLangID ? std::wstring(sLangID, SysStringLen(sLangID)) : std::wstring();
-        m_sDepFile = pDEPFile ? std::wstring(pDEPFile, SysStringLen(pDEPFile)) : std::wstring();
-        m_bRebuild = bRebuild == VARIANT_TRUE;
-
-        qv::com_ptr<IUnknown> catalog;
-        check_hr(m_pEvents->get_MMCatalog(catalog.put()));
-        check_hr(m_pScanUtil->put_MMCatalog(catalog.get()));
-        m_bUseCatalog = static_cast<bool>(catalog);
-
-        std::wstring extension(qv::ExtensionPart(path));
-        CharUpperBuffW(extension.data(), static_cast<DWORD>(extension.size()));
-        if (extension.starts_with(L".VBG"))
-            WalkProjectGroup(path, m_reader, *this);
-        else if (extension.starts_with(L".VBP"))
-            ScanProject(path);
-        else
-            return E_INVALIDARG;
-        if (m_reader.m_bAbort)
-            return S_OK;
-
-        long count = 0;
-        check_hr(m_pFilesIf->get_Count(&count));
-        if (count >= 1) {
-            check_hr(m_pProjectGroup->Init(m_pFilesIf.get(), pVBFile));
-            check_hr(m_pGroups->Add(m_pProjectGroup.get()));
-        }
-        Status(LoadResourceString(QueryCancel() ? IDS_SCAN_CANCELLED : IDS_SCAN_COMPLETED));
-        return S_OK;
-    } catch (...) {
-        // Whatever failed (a sink, a closed library, the memory) ends the scan with its result and words;
-        // nothing leaves the interface as a C++ exception.
-        const HRESULT hr = qv::hresult_from_current_exception();
-        const std::wstring message = ExceptionMessage(hr);
-        wchar_t number[16];
-        swprintf(number, std::size(number), L"%i", static_cast<int>(hr));
-        OutputDebugStringW((L"\nException caught: " + std::wstring(number) + L" = " + message).c_str());
-        qv::set_error_description(message, OwnProgId());
-        return hr == S_OK ? DISP_E_EXCEPTION : hr;
+    m_pEvents.reset(), m_pEventsFellSP2.reset(), m_pEventsValeSP.reset();
+    if (!pEvents)
+        throw com_exception(E_POINTER);
+    HRESULT hr = pEvents->QueryInterface(IID_IScanEventsTarn, m_pEvents.put_void());
+    qv::com_ptr<IDispatch> script;
+    if (FAILED(hr) && SUCCEEDED(pEvents->QueryInterface(IID_IDispatch, script.put_void()))) {
+        m_pEvents = qv::com_ptr<IScanEventsTarn>::adopt(new script_events(script.get()));
+        hr = S_OK;
     }
+    check_hr(hr);
+    check_hr(m_pEvents->QueryInterface(IID_IStaticScanEventsFellSP2, m_pEventsFellSP2.put_void()));
+    check_hr(m_pEventsFellSP2->QueryInterface(IID_IStaticScanEventsValeSP, m_pEventsValeSP.put_void()));
+
+    m_sLangID = sLangID ? std::wstring(sLangID, SysStringLen(sLangID)) : std::wstring();
+    m_sDepFile = pDEPFile ? std::wstring(pDEPFile, SysStringLen(pDEPFile)) : std::wstring();
+    m_bRebuild = bRebuild == VARIANT_TRUE;
+
+    qv::com_ptr<IUnknown> catalog;
+    check_hr(m_pEvents->get_MMCatalog(catalog.put()));
+    check_hr(m_pScanUtil->put_MMCatalog(catalog.get()));
+    m_bUseCatalog = static_cast<bool>(catalog);
+
+    std::wstring extension(qv::ExtensionPart(path));
+    CharUpperBuffW(extension.data(), static_cast<DWORD>(extension.size()));
+    if (extension.starts_with(L".VBG"))
+        WalkProjectGroup(path, m_reader, *this);
+    else if (extension.starts_with(L".VBP"))
+        ScanProject(path);
+    else
+        return E_INVALIDARG;
+    if (m_reader.m_bAbort)
+        return S_OK;
+
+    long count = 0;
+    check_hr(m_pFilesIf->get_Count(&count));
+    if (count >= 1) {
+        check_hr(m_pProjectGroup->Init(m_pFilesIf.get(), pVBFile));
+        check_hr(m_pGroups->Add(m_pProjectGroup.get()));
+    }
+    Status(LoadResourceString(QueryCancel() ? IDS_SCAN_CANCELLED : IDS_SCAN_COMPLETED));
+    return S_OK;
 }
 
 STDMETHODIMP CVBPScan::get_DepFileGroups(IUnknown** ppVal) {
@@ -457,22 +435,22 @@ void CVBPScan::RebuildProject(const std::wstring& path, int kind) {
     std::wstring writable = commandLine;
     STARTUPINFOW startup = {};
     startup.cb = sizeof startup;
-    PROCESS_INFORMATION process = {};
+    PROCESS_INFORMATION started = {};
     if (CreateProcessW(nullptr, writable.data(), nullptr, nullptr, TRUE, NORMAL_PRIORITY_CLASS, nullptr, nullptr,
-                       &startup, &process)) {
+                       &startup, &started)) {
+        const qv::unique_process_information process(started);
         // A compiler that never ends would hold the scan for ever: after the time-out it is ended, and
         // what it left judged as usual.
-        if (!PumpUntilEnded(process.hProcess, BuildTimeout())) {
-            TerminateProcess(process.hProcess, ERROR_TIMEOUT);
-            WaitForSingleObject(process.hProcess, 5000);
+        if (!PumpUntilEnded(process.process.get(), BuildTimeout())) {
+            TerminateProcess(process.process.get(), ERROR_TIMEOUT);
+            WaitForSingleObject(process.process.get(), 5000);
         }
-        CloseHandle(process.hThread);
-        CloseHandle(process.hProcess);
     }
 
     VARIANT_BOOL cont = VARIANT_TRUE;
     const std::vector<std::wstring> lines = ReadProjectLines(errorFile);
-    try {
+    {
+        const qv::scope_exit remove([&] { DeleteFileW(errorFile.c_str()); }); // the error file never stays
         if (!lines.empty()) {
             std::wstring last = lines.back();
             CharUpperBuffW(last.data(), static_cast<DWORD>(last.size()));
@@ -482,11 +460,7 @@ void CVBPScan::RebuildProject(const std::wstring& path, int kind) {
                 check_hr(m_pEvents->VBBuildFailed(qv::bstr(commandLine).get(), &cont));
             }
         }
-    } catch (...) {
-        DeleteFileW(errorFile.c_str());
-        throw;
     }
-    DeleteFileW(errorFile.c_str());
     if (cont == 0)
         m_reader.m_bAbort = true;
 }
@@ -519,33 +493,29 @@ void CVBPScan::ScanFileAndUses(const std::wstring& file) {
     const bool restore = keptLength > 0 && keptLength < std::size(kept);
     if (restore && file.find(L'\\') != std::wstring::npos)
         SetCurrentDirectoryW(qv::DirectoryPart(file).c_str());
-    try {
-        if (!m_bDepFileMatched) {
-            if (!m_pDepFileRoot && qv::FileExists(m_sDepFile)) {
-                m_pDepFileReader->Load(qv::bstr(m_sDepFile).get());
-                check_hr(m_pDepFileReader->get_Root(m_pDepFileRoot.put()));
-            }
-            if (m_pDepFileRoot)
-                WalkDepSections(m_pDepFileRoot.get(), file, m_bDepFileMatched);
-        }
-        const std::wstring name = qv::FileNamePart(file);
-        const size_t dot = name.rfind(L'.');
-        const std::wstring sibling =
-            dot == std::wstring::npos ? std::wstring() : file.substr(0, file.size() - name.size() + dot) + L".dep";
-        if (!sibling.empty() && qv::FileExists(sibling)) {
-            check_hr(m_pSiblingDepReader->Load(qv::bstr(sibling).get()));
-            qv::com_ptr<IQvSections> root;
-            check_hr(m_pSiblingDepReader->get_Root(root.put()));
-            bool matched = false;
-            WalkDepSections(root.get(), file, matched);
-        }
-    } catch (...) {
+    const qv::scope_exit back([&] {
         if (restore)
             SetCurrentDirectoryW(kept);
-        throw;
+    });
+    if (!m_bDepFileMatched) {
+        if (!m_pDepFileRoot && qv::FileExists(m_sDepFile)) {
+            m_pDepFileReader->Load(qv::bstr(m_sDepFile).get());
+            check_hr(m_pDepFileReader->get_Root(m_pDepFileRoot.put()));
+        }
+        if (m_pDepFileRoot)
+            WalkDepSections(m_pDepFileRoot.get(), file, m_bDepFileMatched);
     }
-    if (restore)
-        SetCurrentDirectoryW(kept);
+    const std::wstring name = qv::FileNamePart(file);
+    const size_t dot = name.rfind(L'.');
+    const std::wstring sibling =
+        dot == std::wstring::npos ? std::wstring() : file.substr(0, file.size() - name.size() + dot) + L".dep";
+    if (!sibling.empty() && qv::FileExists(sibling)) {
+        check_hr(m_pSiblingDepReader->Load(qv::bstr(sibling).get()));
+        qv::com_ptr<IQvSections> root;
+        check_hr(m_pSiblingDepReader->get_Root(root.put()));
+        bool matched = false;
+        WalkDepSections(root.get(), file, matched);
+    }
 }
 
 void CVBPScan::WalkDepSections(IQvSections* root, const std::wstring& file, bool& matched) {
@@ -555,50 +525,33 @@ void CVBPScan::WalkDepSections(IQvSections* root, const std::wstring& file, bool
 }
 
 void CVBPScan::WalkSection(IQvSections* root, const std::wstring& name, bool& matched) {
-    const qv::com_ptr<IQvSection> section = FindSection(root, name);
+    const qv::com_ptr<IQvSection> section = CDepSections::Find(root, name);
     if (!section)
         return;
     matched = true;
     // Sections that name each other would be walked for ever: a circle is walked once and told.
-    if (m_activeSections.size() >= kDeepestSectionWalk) {
+    const CDepSections::mark entered = m_sections.Enter(root, name);
+    if (entered.entry() == CDepSections::Entry::TooDeep) {
         Status(L"The Uses keys of the .dep file nest deeper than " + std::to_wstring(kDeepestSectionWalk) +
                L" sections; [" + name + L"] is not followed");
         return;
     }
-    const auto active = m_activeSections.insert({root, qv::FoldAsciiCase(name)});
-    if (!active.second) {
+    if (entered.entry() == CDepSections::Entry::Circle) {
         Status(L"The sections of the .dep file name each other in a circle back to [" + name +
                L"], which is walked once");
         return;
     }
-    try {
-        WalkUses(root, section.get());
-    } catch (...) {
-        m_activeSections.erase(active.first);
-        throw;
-    }
-    m_activeSections.erase(active.first);
+    WalkUses(root, section.get());
 }
 
 void CVBPScan::WalkUses(IQvSections* root, IQvSection* section) {
-    qv::com_ptr<IQvEntries> entries;
-    check_hr(section->get_Entries(entries.put()));
-    for (long i = 1;; ++i) {
-        const qv::bstr key(L"Uses" + std::to_wstring(i));
-        qv::com_ptr<IQvEntry> entry;
-        check_hr(entries->Item(TextIndex(key), entry.put()));
-        if (!entry)
-            return;
-        qv::bstr value;
-        check_hr(entry->get_Value(value.put()));
-        const std::wstring used = value.str();
+    CDepSections::EachUse(section, [&](const std::wstring& used) {
         ScanFileAndUses(SearchForFile(used));
         bool ignored = false;
         WalkSection(root, used, ignored);
         WalkSection(root, used + L" <" + m_sLangID + L">", ignored);
-        if (QueryCancel())
-            return;
-    }
+        return !QueryCancel();
+    });
 }
 
 void CVBPScan::AddDepFile(const std::wstring& file, bool bStaticScan) {

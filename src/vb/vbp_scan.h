@@ -27,12 +27,12 @@
 #include "inc/com_dispatch.h"
 #include "inc/com_object.h"
 #include "inc/com_ptr.h"
+#include "static/dep_sections.h"
 #include "vb/project_reader.h"
 
 #include <windows.h>
 
 #include <map>
-#include <set>
 #include <string>
 #include <utility>
 
@@ -96,7 +96,9 @@ public:
                                          const std::wstring& errorFile);
 
 private:
-    void ScanOneFile(const std::wstring& path); // the whole scan of pVBFile, inside the boundary
+    // The whole scan of Scan, inside its boundary.
+    HRESULT RunScan(BSTR pVBFile, BSTR pDEPFile, IScanEvents* pEvents, VARIANT_BOOL bUseFilter, VARIANT_BOOL bRebuild,
+                    BSTR sLangID);
 
     // project_reader_host
     bool QueryCancel() override;
@@ -142,6 +144,6 @@ private:
     bool m_bDepFileMatched = false;
     bool m_bUseFilter = false;
     bool m_bUseCatalog = false; // the host handed in a merge-module catalog
-    // The sections being walked, by file object and folded name: what ends a circle of Uses keys.
-    std::set<std::pair<IQvSections*, std::wstring>> m_activeSections;
+    // The sections being walked: what ends a circle of Uses keys, and a nesting too deep.
+    CDepSections m_sections;
 };

@@ -10,6 +10,7 @@
 #include "image_writer.h"
 #include "recording_sink.h"
 #include "server/dep_file.h"
+#include "static/dep_sections.h"
 #include "static/dep_walker.h"
 #include "test_support.h"
 #include "toolkit/inifilex.h"
@@ -344,6 +345,47 @@ TEST(Walker, DepFilesTheirLanguageSectionsCirclesAndLongChains) {
             EXPECT_EQ(got, r.records) << narrow(r.top);
         EXPECT_TRUE(sink.found.size() == r.events && sink.errors.size() == r.errors && walker.MissingFiles.empty()) << narrow(r.top);
     }
+}
+
+TEST(DepSections, UsesCirclesAndTheDepthCap) {
+    com_apartment apartment;
+    temp_dir dir;
+    auto load = [&](const wchar_t* name, const char* text) {
+        const wstring file = dir.write(name, text);
+        qv::com_ptr<IQvSections> root;
+        const qv::com_ptr<IQvSectionLoader> loader = MakeSectionLoader(file);
+        EXPECT_TRUE(loader->Load(qv::bstr(file).get()) == S_OK && loader->get_Root(root.put()) == S_OK);
+        return root;
+    };
+    // a -> b -> c -> d, and [B] names a back; an empty Uses2 is handed on, the missing Uses3 ends the list.
+    const auto root = load(L"s.dep", "[a]\nUses1=b\nUses2=\nUses4=never\n[B]\nUses1=c\nUses2=A\n[c]\nUses1=d\n[d]\n");
+    // A walk as the scanners make it: (how a section was entered or why not) + its name, "none:" for no section.
+    auto walk = [&](CDepSections& sections, auto& self, const wstring& name, lines& log) -> void {
+        const qv::com_ptr<IQvSection> section = CDepSections::Find(root.get(), name);
+        const CDepSections::mark entered = section ? sections.Enter(root.get(), name) : CDepSections::mark();
+        static const wchar_t* const words[] = {L"", L"circle:", L"deep:"};
+        log.push_back((section ? words[static_cast<int>(entered.entry())] : L"none:") + name);
+        if (section && entered.entry() == CDepSections::Entry::Entered)
+            CDepSections::EachUse(section.get(), [&](const wstring& used) { return self(sections, self, used, log), true; });
+    };
+    const struct { size_t deepest; lines log; } rows[] = {{CDepSections::unlimited, {L"a", L"b", L"c", L"d", L"circle:A", L"none:"}},
+        {3, {L"a", L"b", L"c", L"deep:d", L"circle:A", L"none:"}}, {1, {L"a", L"deep:b", L"none:"}}};
+    for (const auto& r : rows) {
+        CDepSections sections(r.deepest);
+        lines log, again;
+        walk(sections, walk, L"a", log), walk(sections, walk, L"A", again);
+        EXPECT_EQ(log, r.log) << r.deepest;
+        EXPECT_EQ(again.front(), L"A") << "a finished walk leaves no section entered";
+    }
+    // A name is a circle only within one file's sections; a use that answers false ends the list.
+    const auto other = load(L"t.dep", "[A]\nUses1=x\nUses2=y\n");
+    CDepSections sections;
+    const auto first = sections.Enter(root.get(), L"a"), second = sections.Enter(other.get(), L"a");
+    EXPECT_TRUE(first.entry() == CDepSections::Entry::Entered && second.entry() == CDepSections::Entry::Entered);
+    EXPECT_EQ(sections.Enter(other.get(), L"A").entry(), CDepSections::Entry::Circle);
+    lines used;
+    CDepSections::EachUse(CDepSections::Find(other.get(), L"a").get(), [&](const wstring& u) { return used.push_back(u), false; });
+    EXPECT_EQ(used, lines{L"x"});
 }
 
 TEST(VersionText, FixturesSelfRegistrationAndWineDlls) {
