@@ -9,9 +9,13 @@
 
 namespace qv::test {
 
-std::wstring module_dir() {
+std::wstring program_path() {
     wchar_t buffer[MAX_PATH * 4];
-    std::wstring path(buffer, GetModuleFileNameW(nullptr, buffer, MAX_PATH * 4));
+    return std::wstring(buffer, GetModuleFileNameW(nullptr, buffer, MAX_PATH * 4));
+}
+
+std::wstring module_dir() {
+    const std::wstring path = program_path();
     return path.substr(0, path.find_last_of(L'\\'));
 }
 
