@@ -103,7 +103,7 @@ TEST(AssemblyCache, DisplayNamesArchitecturesAndNoQuestionWithoutAMachine) {
 }
 
 // "find|name|version|culture|token|machine|base": a line "<0|1> <folder>|<file>".
-wstring FindLine(const wstring& query, const child_context&) {
+const child_command kFind(L"find", [](const wstring& query) -> std::wstring {
     lines f;
     for (size_t start = 0, end = 0; end != wstring::npos; start = end + 1)
         end = query.find(L'|', start), f.push_back(query.substr(start, end - start));
@@ -112,8 +112,7 @@ wstring FindLine(const wstring& query, const child_context&) {
     wstring folder = L"junk", file;
     const bool found = FindAssembly(f[0], f[1], f[2], f[3], f[4], f[5], folder, file);
     return (found ? L"1 " : L"0 ") + folder + L"|" + file + L"\n";
-}
-const child_command kFind(L"find", &FindLine);
+});
 
 // The searches of rows (query, answer; {T} stands for dir) run in a child with SystemRoot dir\root, current
 // folder dir\cwd and the settings document settings.

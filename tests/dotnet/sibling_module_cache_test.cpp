@@ -1,5 +1,4 @@
-// The search for a companion library beside the program (the sibling ladder) and its cache, in children
-// (the cache is process-wide), with QvAppServices.dll laid out in the ladder's folders.
+// The search for a companion library (the sibling ladder) and its process-wide cache, in children.
 #include "dotnet/sibling_module_cache.h"
 #include "library_support.h"
 
@@ -8,26 +7,22 @@
 using namespace qv::test;
 using std::wstring;
 
-namespace {
-
 // "commonfiles|<folder>": the machine's CommonFilesDir, in the most bytes read.
-wstring SetCommonFiles(const wstring& folder, const child_context&) {
+const child_command kCommonFiles(L"commonfiles", [](const wstring& folder) -> std::wstring {
     registry_override::set_value(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion", L"CommonFilesDir",
                                  REG_SZ, (folder + wstring(MAX_PATH, L'\0')).data(), MAX_PATH * 2);
     return Hex(S_OK) + L"\n";
-}
-const child_command kCommonFiles(L"commonfiles", &SetCommonFiles);
+});
 
 // "get|<name>": the services library of that name as the library finds it; the HRESULT and its programs folder.
-wstring ProgramsFolder(const wstring& name, const child_context&) {
+const child_command kGet(L"get", [](const wstring& name) -> std::wstring {
     qv::com_ptr<IQvAppServices> services;
     qv::bstr folder;
     HRESULT hr = CoCreateFromLibrary(name, CLSID_QvAppServices, IID_IQvAppServices, services.put());
     if (SUCCEEDED(hr))
         hr = services->GetProgramsFolder(folder.put());
     return Hex(hr) + (folder.str().empty() ? L"" : L" " + folder.str()) + L"\n";
-}
-const child_command kGet(L"get", &ProgramsFolder);
+});
 
 TEST(SiblingModules, LadderFirstExistingFolderWins) {
     const std::vector<wstring> ladder = {L"{T}\\root\\one\\two\\app", L"{T}\\root\\one\\two\\app\\System",
@@ -49,5 +44,3 @@ TEST(SiblingModules, CacheKeyedByTheExactSpelling) {
                 {kMissing, L"00000000 {T}\\root\\System\\x64", L"00000000", L"00000000 {T}\\common\\Qorvex",
                  L"00000000 {T}\\root\\System\\x64", L"00000000 {T}\\common\\Qorvex"});
 }
-
-} // namespace

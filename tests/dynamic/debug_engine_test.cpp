@@ -7,8 +7,6 @@
 using namespace qv::test;
 using std::wstring;
 
-namespace {
-
 // The engine's wire end to end (launch, events, children, the end, its exit with the last client) is
 // exercised through the dynamic scanner in dep_checker_test.cpp; here the choices made before any engine runs.
 TEST(Engine, ChosenByTheMachineJoinedWithOneBackslashAndNeverMappedInA64BitHost) {
@@ -22,5 +20,3 @@ TEST(Engine, ChosenByTheMachineJoinedWithOneBackslashAndNeverMappedInA64BitHost)
     EXPECT_EQ(missing.Connect(L"C:\\no\\TraceHost64.exe"), HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
     EXPECT_EQ(missing.Terminate(), E_POINTER);
 }
-
-} // namespace

@@ -1,11 +1,9 @@
-// The filters over the lists in the support folder that QvAppServices.dll names: filters.xml and its
-// loading, the Visual Basic filter's chain of lists, the shipped data, and the MSXML versions.
+// The filters over the lists of the support folder: filters.xml, the Visual Basic chain, shipped data, MSXML.
 #include "filter/qvwi_filter.h"
 #include "filter/vb_filter.h"
 #include "filter/xml_loader.h"
 #include "inc/com_error.h"
 #include "library_support.h"
-#include "toolkit/probes.h"
 
 #include <gtest/gtest.h>
 
@@ -47,6 +45,7 @@ TEST_F(Filter, ListsAndTheirLoading) {
         ASSERT_TRUE(why.compare(0, prefix.size(), prefix) == 0 && end > prefix.size()) << narrow(why);
         EXPECT_TRUE(!iswspace(why[end - 1]) && why.back() == L')') << narrow(why); // the parser's reason, trimmed
     }
+    ExpectChild({}, {L"filter"}, {kMissing}); // in a child without the services library beside it
 }
 
 TEST_F(Filter, VbFilterChainsTheXmlListsVbSystemAndVb6dep) {
@@ -110,13 +109,8 @@ TEST_F(Filter, ShippedDataAndMsxmlVersions) {
 }
 
 // "filter": what turning the filter off throws, as an HRESULT.
-wstring FilterLoads(const wstring&, const child_context&) {
+const child_command kFilter(L"filter", [](const wstring&) -> std::wstring {
     return Hex(Thrown([] { CQVWIFilter().SetFiltering(false); })) + L"\n";
-}
-const child_command kFilter(L"filter", &FilterLoads);
-
-TEST(FilterInAChild, WithoutTheServicesLibraryBesideIt) {
-    ExpectChild({}, {L"filter"}, {kMissing});
-}
+});
 
 } // namespace

@@ -1,5 +1,5 @@
-// ScanUtil as the server's clients meet it: the records of single files (version, languages, self-registration,
-// sharing, destination folder, time) and its merge-module lookups by machine.
+// ScanUtil as clients meet it: the records of single files, and its merge-module lookups by machine.
+#include "inc/unique_handles.h"
 #include "server_support.h"
 
 #include <gtest/gtest.h>
@@ -7,21 +7,14 @@
 using namespace qv::test;
 using qv::com_ptr;
 
-namespace {
-
 class ScanUtil : public scan_client {};
 
 TEST_F(ScanUtil, RecordsOfSingleFiles) {
     const std::wstring sys = system_dir();
-    struct row {
-        std::wstring path;
-        const wchar_t* type; // QV_ACTIVE_PROJECT_TYPE
-        long major, minor;
-        std::vector<long> languages;
-        VARIANT_BOOL selfReg, shared;
-        std::wstring dest;
-    };
-    const row table[] = {
+    const struct { // type: QV_ACTIVE_PROJECT_TYPE
+        std::wstring path; const wchar_t* type; long major, minor; std::vector<long> languages;
+        VARIANT_BOOL selfReg, shared; std::wstring dest;
+    } table[] = {
         {fixture(L"version\\translations.dll"), L"0", 0x00010002, 0x00030004, {0x0407}, 0, 0, fixture(L"version")},
         {fixture(L"version\\translations_reversed.dll"), L"0", 0x00010002, 0x00030004, {0x0409}, 0, 0, L""},
         {fixture(L"version\\translations32.dll"), L"0", 0x00010002, 0x00030004, {0x0407}, 0, 0, L""},
@@ -73,10 +66,9 @@ TEST_F(ScanUtil, RecordsOfSingleFiles) {
     const std::wstring timed = tmp.write(L"timed.dll", read_file(fixture(L"version\\no_version.dll")));
     SYSTEMTIME local, utc{2021, 6, 0, 15, 13, 45, 31, 700};
     FILETIME written, localFile;
-    HANDLE h = CreateFileW(timed.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     SystemTimeToFileTime(&utc, &written);
-    SetFileTime(h, nullptr, nullptr, &written);
-    CloseHandle(h);
+    SetFileTime(qv::unique_hfile(CreateFileW(timed.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0,
+                                             nullptr)).get(), nullptr, nullptr, &written);
     FileTimeToLocalFileTime(&written, &localFile);
     FileTimeToSystemTime(&localFile, &local);
     local.wSecond -= local.wSecond % 2;
@@ -104,18 +96,13 @@ TEST_F(ScanUtil, MergeModulesOfTheCatalogByMachine) {
         EXPECT_EQ(catalog.lookups[0], std::wstring(key) + L"|1.2.3.4|1033");
         EXPECT_EQ(yes, VARIANT_FALSE);
     }
-    catalog.answers[L"translations.dll:x64"] = {&mondo, VARIANT_TRUE};
-    com_ptr<IUnknown> module;
-    VARIANT_BOOL yes = 7;
-    EXPECT_EQ(util->InMergeModule(qv::bstr(fixture(L"version\\translations.dll")).get(), module.put(), &yes), S_OK);
-    EXPECT_EQ(yes, VARIANT_FALSE);
-    EXPECT_FALSE(module);
-    catalog.answers[L"translations.dll:x64"] = {&gamma, VARIANT_TRUE};
-    EXPECT_EQ(util->InMergeModule(qv::bstr(fixture(L"version\\translations.dll")).get(), module.put(), &yes), S_OK);
-    EXPECT_EQ(yes, VARIANT_TRUE);
-    EXPECT_EQ(module.get(), static_cast<IUnknown*>(&gamma));
-    module.reset();
+    for (auto [answer, expected] : {std::pair{&mondo, static_cast<fake_module*>(nullptr)}, {&gamma, &gamma}}) {
+        catalog.answers[L"translations.dll:x64"] = {answer, VARIANT_TRUE};
+        com_ptr<IUnknown> module;
+        VARIANT_BOOL yes = 7;
+        EXPECT_EQ(util->InMergeModule(qv::bstr(fixture(L"version\\translations.dll")).get(), module.put(), &yes), S_OK);
+        EXPECT_EQ(std::pair(yes, module.get()),
+                  std::pair(VARIANT_BOOL(expected ? VARIANT_TRUE : VARIANT_FALSE), static_cast<IUnknown*>(expected)));
+    }
     util.reset();
 }
-
-} // namespace

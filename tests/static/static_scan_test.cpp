@@ -1,8 +1,6 @@
-// The static scan as the server's clients meet it: StaticScan from the DLL over the fixture tree, images
-// written by the tests, the host's filters and merge-module catalog, and the shipped lists through ScanFile.
+// StaticScan as clients meet it: the fixture tree, images written here, filters, merge modules, the shipped lists.
 #include "image_writer.h"
 #include "inc/com_error.h"
-#include "inc/com_exception.h"
 #include "inc/unique_handles.h"
 #include "server_support.h"
 
@@ -35,12 +33,7 @@ TEST_F(StaticScan, WalkOfTheFixtureTree) {
 
     // The top file drops out; gamma.dll and GAMMA.DLL are one name. Exports are read with a stride of two
     // names: gamma (only export), epsilon (third) register themselves, delta (second) is not seen to.
-    struct row {
-        const wchar_t* name;
-        std::wstring path;
-        VARIANT_BOOL selfReg, missing;
-    };
-    const row table[] = {
+    const struct { const wchar_t* name; std::wstring path; VARIANT_BOOL selfReg, missing; } table[] = {
         {L"alpha.dll", app, 0, 0},         {L"beta.dll", app, 0, 0},    {L"delta.dll", lib, 0, 0},
         {L"epsilon.dll", lib, -1, 0},      {L"gamma.dll", lib, -1, 0},  {L"notpe.dll", app, 0, 0},
         {L"dirlike.dll", lib, 0, 0}, // the folder of that name beside app.exe is stepped over
@@ -65,13 +58,7 @@ TEST_F(StaticScan, WalkOfTheFixtureTree) {
 
 TEST_F(StaticScan, ScanTypesAndTopFilesThatAreNoImages) {
     temp_dir tmp;
-    struct row {
-        std::wstring file;
-        long type;
-        std::set<std::wstring> records;
-        size_t events;
-    };
-    const row table[] = {
+    const struct { std::wstring file; long type; std::set<std::wstring> records; size_t events; } table[] = {
         {walk(L"lib\\upper.exe"), 0, {L"gamma.dll"}, 2}, // KERNEL32.DLL fires, gamma.dll is recorded
         {walk(L"lib\\upper.exe"), 1, {L"gamma.dll"}, 2}, // a plain top image: as type 0
         {walk(L"lib\\upper.exe"), 2, {}, 0},             // no import table is read

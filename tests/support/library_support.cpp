@@ -5,7 +5,8 @@
 
 #include <gmock/gmock.h>
 
-#include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <regex>
 
@@ -29,26 +30,19 @@ int RunCommands(const std::vector<std::wstring>& args) {
         const auto command = commands().find(verb);
         if (command == commands().end())
             return 2;
-        out += command->second(argument, {qv::DirectoryPart(args[0]), i});
+        out += command->second(argument);
     }
-    const std::string bytes = narrow(out);
-    FILE* file = args.empty() ? nullptr : _wfopen(args[0].c_str(), L"wb");
-    return file && fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() && fclose(file) == 0 ? 0 : 3;
+    std::ofstream file(std::filesystem::path(args.empty() ? L"" : args[0]), std::ios::binary);
+    return file.write(narrow(out).data(), narrow(out).size()).flush() ? 0 : 3;
 }
 
-std::wstring SetVariable(const std::wstring& assignment, const child_context&) {
+const child_command kSet(L"set", [](const std::wstring& assignment) -> std::wstring {
     const size_t equals = assignment.find(L'=');
     const bool set = SetEnvironmentVariableW(assignment.substr(0, equals).c_str(), assignment.substr(equals + 1).c_str());
     return set ? L"" : L"(not set: " + assignment + L")\n";
-}
-const child_command kSet(L"set", &SetVariable);
+});
 
 } // namespace
-
-std::wstring Hex(HRESULT hr) {
-    wchar_t text[16];
-    return swprintf(text, 16, L"%08lX", static_cast<unsigned long>(hr)), text;
-}
 
 child_command::child_command(const wchar_t* verb, child_command_fn run) {
     commands()[verb] = run;

@@ -1,7 +1,5 @@
-// What the tests of the library's own code (linked in, not loaded as a DLL) share: the program's children,
-// the companion QvAppServices.dll as the library reaches it, and small helpers of their answers.
-//   <program> --child <output file> <verb|argument>...   runs the child commands in order (child_command)
-// Otherwise the program runs its cases.
+// What the tests of the library's own code (linked in) share: the program's children ("<program> --child <output
+// file> <verb|argument>..." runs child commands), QvAppServices.dll as the library reaches it, small helpers.
 #pragma once
 
 #include "companions.h"
@@ -23,21 +21,19 @@ inline constexpr wchar_t kCompanion[] = L"QvAppServices.dll", kChildFlag[] = L"-
 inline const std::wstring kMissing = L"80040154"; // REGDB_E_CLASSNOTREG
 
 // An HRESULT as eight hex digits; what fn throws as a com_exception, or S_OK.
-std::wstring Hex(HRESULT hr);
+inline std::wstring Hex(HRESULT hr) {
+    wchar_t text[16];
+    return swprintf(text, 16, L"%08lX", static_cast<unsigned long>(hr)), text;
+}
 template <class Fn> HRESULT Thrown(Fn&& fn) try {
     return fn(), S_OK;
 } catch (const com_exception& e) {
     return e.Error();
 }
 
-// A command of the child: its output for the text after "verb|" (the i-th command, its output file in folder).
-// The child runs them all in one apartment, with HKEY_LOCAL_MACHINE on a scratch key; "set|NAME=VALUE" sets a
-// variable of the environment.
-struct child_context {
-    std::wstring folder;
-    size_t index;
-};
-using child_command_fn = std::wstring (*)(const std::wstring& argument, const child_context& context);
+// A command of the child: its output for the text after "verb|". The child runs them all in one apartment, with
+// HKEY_LOCAL_MACHINE on a scratch key; "set|NAME=VALUE" sets a variable of the environment.
+using child_command_fn = std::wstring (*)(const std::wstring& argument);
 struct child_command {
     child_command(const wchar_t* verb, child_command_fn run);
 };
@@ -47,9 +43,9 @@ struct child_command {
 // Compares its lines without regard to case.
 void ExpectChild(const lines& companions, const lines& commands, const lines& expected);
 
-// An export of the loaded companion.
-template <class T> T Export(const char* name) {
-    return reinterpret_cast<T>(reinterpret_cast<void (*)()>(GetProcAddress(GetModuleHandleW(kCompanion), name)));
+// An export of a loaded companion.
+template <class T> T Export(const char* name, const wchar_t* module = kCompanion) {
+    return reinterpret_cast<T>(reinterpret_cast<void (*)()>(GetProcAddress(GetModuleHandleW(module), name)));
 }
 
 // An apartment, a support folder, and no object of the companion left.
