@@ -1,6 +1,7 @@
 #include "app_folders.h"
 
 #include "inc/com_module.h"
+#include "toolkit/probes.h"
 
 #include <windows.h>
 
@@ -8,23 +9,10 @@ namespace appservices {
 
 namespace {
 
-// The variable's text when it is set and not empty.
-bool FromEnvironment(const wchar_t* name, std::wstring& value) {
-    DWORD n = GetEnvironmentVariableW(name, nullptr, 0);
-    if (n <= 1) // unset (0) or empty (1: the terminator only)
-        return false;
-    std::wstring text(n, L'\0');
-    n = GetEnvironmentVariableW(name, text.data(), n);
-    if (n == 0 || n >= text.size()) // changed under us; take it as unset
-        return false;
-    text.resize(n);
-    value = std::move(text);
-    return true;
-}
-
+// The variable's text when it is set and not empty, else the fallback.
 std::wstring Or(const wchar_t* variable, std::wstring fallback) {
     std::wstring value;
-    return FromEnvironment(variable, value) ? value : fallback;
+    return qv::ReadEnvironment(variable, value) && !value.empty() ? value : fallback;
 }
 
 } // namespace

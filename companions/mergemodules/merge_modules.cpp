@@ -6,6 +6,8 @@
 #include "inc/com_module.h"
 #include "inc/com_object.h"
 #include "inc/com_ptr.h"
+#include "inc/unique_handles.h"
+#include "library_exports.h"
 #include "toolkit/path_helpers.h"
 
 #include <windows.h>
@@ -38,10 +40,6 @@ using qv::LowerCase;
 
 constexpr int kNullInteger = static_cast<int>(MSI_NULL_INTEGER); // what an empty integer column reads as
 
-HRESULT Text(const std::wstring& text, BSTR* out) {
-    return qv::copy_text_out(text, out);
-}
-
 // Dotted versions compared part by part as numbers.
 int CompareVersions(const std::wstring& a, const std::wstring& b) {
     const wchar_t *p = a.c_str(), *q = b.c_str();
@@ -70,21 +68,13 @@ bool SpeaksLanguage(const std::wstring& list, long asked) {
     return false;
 }
 
-class msi_handle {
-public:
-    msi_handle() = default;
-    ~msi_handle() {
-        if (m_handle)
-            MsiCloseHandle(m_handle);
-    }
-    msi_handle(const msi_handle&) = delete;
-    msi_handle& operator=(const msi_handle&) = delete;
-    MSIHANDLE* put() { return &m_handle; }
-    MSIHANDLE get() const { return m_handle; }
-
-private:
-    MSIHANDLE m_handle = 0;
+struct msi_handle_traits {
+    using type = MSIHANDLE;
+    static type invalid() noexcept { return 0; }
+    static void close(type h) noexcept { MsiCloseHandle(h); }
 };
+// A database, view, record or summary of the installer API: 0 is empty.
+using msi_handle = qv::unique_resource<msi_handle_traits>;
 
 std::wstring Field(MSIHANDLE record, UINT field) {
     DWORD length = 0;
@@ -220,17 +210,17 @@ public:
     STDMETHOD(Reserved5)() override { return E_NOTIMPL; }
     STDMETHOD(Reserved6)() override { return E_NOTIMPL; }
     STDMETHOD(Reserved7)() override { return E_NOTIMPL; }
-    STDMETHOD(get_ModuleId)(BSTR* text) override { return Text(m_data->id, text); }
-    STDMETHOD(get_ModuleKey)(BSTR* text) override { return Text(m_data->key, text); }
+    STDMETHOD(get_ModuleId)(BSTR* text) override { return qv::copy_text_out(m_data->id, text); }
+    STDMETHOD(get_ModuleKey)(BSTR* text) override { return qv::copy_text_out(m_data->key, text); }
     STDMETHOD(Reserved8)() override { return E_NOTIMPL; }
     STDMETHOD(Reserved9)() override { return E_NOTIMPL; }
-    STDMETHOD(get_ModuleName)(BSTR* text) override { return Text(m_data->subject, text); }
+    STDMETHOD(get_ModuleName)(BSTR* text) override { return qv::copy_text_out(m_data->subject, text); }
 
     STDMETHOD(get_Language)(long* language) override {
         return language ? (*language = m_data->language, S_OK) : E_POINTER;
     }
-    STDMETHOD(get_Version)(BSTR* text) override { return Text(m_data->version, text); }
-    STDMETHOD(get_File)(BSTR* text) override { return Text(m_data->file, text); }
+    STDMETHOD(get_Version)(BSTR* text) override { return qv::copy_text_out(m_data->version, text); }
+    STDMETHOD(get_File)(BSTR* text) override { return qv::copy_text_out(m_data->file, text); }
     STDMETHOD(get_FileCount)(long* count) override {
         return count ? (*count = static_cast<long>(m_data->files.size()), S_OK) : E_POINTER;
     }
@@ -243,8 +233,8 @@ public:
         *language = wcstol(file.languages.c_str(), nullptr, 10);
         *is64Bit = file.is64Bit ? VARIANT_TRUE : VARIANT_FALSE;
         *version = nullptr;
-        const HRESULT hr = Text(file.name, name);
-        return FAILED(hr) ? hr : Text(file.version, version);
+        const HRESULT hr = qv::copy_text_out(file.name, name);
+        return FAILED(hr) ? hr : qv::copy_text_out(file.version, version);
     }
 
 private:
@@ -318,13 +308,13 @@ public:
     }
     STDMETHOD(GetMissingMergeModuleKey)(BSTR bstrSource, BSTR* key) override {
         const module_data* module = AbsentModuleOf(qv::FileNamePart(bstrSource ? bstrSource : L""));
-        return Text(module ? module->key : L"", key);
+        return qv::copy_text_out(module ? module->key : L"", key);
     }
     STDMETHOD(GetMissingMergeModuleSubject)(BSTR key, BSTR* subject) override {
         for (const auto& module : m_modules)
             if (!module->present && key && module->key == key)
-                return Text(module->subject, subject);
-        return Text(L"", subject);
+                return qv::copy_text_out(module->subject, subject);
+        return qv::copy_text_out(L"", subject);
     }
 
     STDMETHOD(Load)(BSTR folder) override {
@@ -339,12 +329,10 @@ public:
         }
         std::vector<std::wstring> files;
         WIN32_FIND_DATAW data;
-        HANDLE find = FindFirstFileW(qv::JoinPath(root, L"*.msm").c_str(), &data);
-        for (bool more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data))
+        const qv::unique_hfind find(FindFirstFileW(qv::JoinPath(root, L"*.msm").c_str(), &data));
+        for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.get(), &data))
             if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
                 files.push_back(qv::JoinPath(root, data.cFileName));
-        if (find != INVALID_HANDLE_VALUE)
-            FindClose(find);
         std::sort(files.begin(), files.end(), [](const std::wstring& a, const std::wstring& b) {
             return CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_LESS_THAN;
         });
@@ -363,7 +351,7 @@ public:
         }
         return m_problems.empty() ? S_OK : S_FALSE;
     }
-    STDMETHOD(get_Problems)(BSTR* text) override { return Text(m_problems, text); }
+    STDMETHOD(get_Problems)(BSTR* text) override { return qv::copy_text_out(m_problems, text); }
     STDMETHOD(get_Count)(long* count) override {
         return count ? (*count = static_cast<long>(m_records.size()), S_OK) : E_POINTER;
     }
@@ -395,16 +383,8 @@ private:
 
 } // namespace
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
-    return qv::LibraryMain(instance, reason);
-}
-
-extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() {
-    return qv::LibraryCanUnloadNow();
-}
-
-extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* ppv) {
+std::span<const qv::library_class> companion::LibraryClasses() {
     static const qv::library_class classes[] = {
         {&CLSID_QvMergeModuleCatalog, &qv::creator<CQvMergeModuleCatalog>::CreateInstance}};
-    return qv::GetLibraryClassObject(classes, clsid, iid, ppv);
+    return classes;
 }

@@ -6,34 +6,50 @@
 #include <windows.h>
 
 #include <cwchar>
-#include <iterator>
+#include <string>
 
 namespace {
 
 constexpr wchar_t kEnvironmentName[] = L"QV_ACTIVE_PROJECT_TYPE";
 constexpr wchar_t kRegistryKey[] = L"Software\\QVWI\\QVObjMgr";
 constexpr wchar_t kRegistryValue[] = L"ActiveProjectType";
+constexpr size_t kLongestNumber = 63; // longer texts of the variable count as 0, whatever they hold
 
 int Clamp(long long value) {
     return value == 1 ? 1 : 0;
 }
 
+// The variable's text, of any length; false when it is unset or empty. This small library links nothing of the
+// project's toolkit, whose reader (qv::ReadEnvironment) would bring the toolkit's imports along.
+bool ReadVariable(std::wstring& text) {
+    DWORD size = GetEnvironmentVariableW(kEnvironmentName, nullptr, 0);
+    while (size > 1) { // 1: the terminator of an empty text only
+        text.assign(size, L'\0');
+        const DWORD n = GetEnvironmentVariableW(kEnvironmentName, text.data(), size);
+        if (n < size) {
+            text.resize(n);
+            return n != 0;
+        }
+        size = n; // the variable grew in between: n is the size it needs now
+    }
+    return false;
+}
+
 // The environment variable, when it is set to a non-empty text. A text that is not a whole
 // decimal number counts as 0, like any number other than 0 or 1.
 bool FromEnvironment(int& type) {
-    wchar_t buffer[64];
-    DWORD n = GetEnvironmentVariableW(kEnvironmentName, buffer, static_cast<DWORD>(std::size(buffer)));
-    if (n == 0)
+    std::wstring text;
+    if (!ReadVariable(text))
         return false;
-    if (n >= std::size(buffer)) { // far too long to be a small number
+    if (text.size() > kLongestNumber) { // far too long to be a small number
         type = 0;
         return true;
     }
     wchar_t* end = nullptr;
-    long long value = std::wcstoll(buffer, &end, 10);
+    long long value = std::wcstoll(text.c_str(), &end, 10);
     while (end && (*end == L' ' || *end == L'\t'))
         ++end;
-    type = (end != buffer && end && *end == L'\0') ? Clamp(value) : 0;
+    type = (end != text.c_str() && end && *end == L'\0') ? Clamp(value) : 0;
     return true;
 }
 

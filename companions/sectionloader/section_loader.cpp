@@ -5,6 +5,8 @@
 #include "inc/com_module.h"
 #include "inc/com_object.h"
 #include "inc/com_ptr.h"
+#include "inc/unique_handles.h"
+#include "library_exports.h"
 #include "toolkit/inifilex.h"
 
 #include <memory>
@@ -14,24 +16,24 @@ namespace {
 
 using file_ptr = std::shared_ptr<const qv::inifilex>;
 
-HRESULT Text(const std::wstring& text, BSTR* out) {
-    return qv::copy_text_out(text, out);
-}
-
 // A 1-based number or a name of an Item call; E_INVALIDARG for any other kind of VARIANT.
 HRESULT ReadIndex(const VARIANT& index, long& number, std::wstring& name) {
-    VARIANT value;
-    VariantInit(&value);
     if (V_VT(&index) == VT_BSTR || (V_VT(&index) == (VT_BSTR | VT_BYREF) && V_BSTRREF(&index))) {
-        BSTR text = V_VT(&index) == VT_BSTR ? V_BSTR(&index) : *V_BSTRREF(&index);
-        name.assign(text ? text : L"", text ? SysStringLen(text) : 0);
+        name = qv::bstr_text(V_VT(&index) == VT_BSTR ? V_BSTR(&index) : *V_BSTRREF(&index));
         number = 0;
         return S_OK;
     }
-    if (FAILED(VariantChangeType(&value, const_cast<VARIANT*>(&index), 0, VT_I4)))
+    qv::unique_variant value;
+    if (FAILED(VariantChangeType(value.get(), const_cast<VARIANT*>(&index), 0, VT_I4)))
         return E_INVALIDARG;
-    number = V_I4(&value);
+    number = V_I4(value.get());
     return S_OK;
+}
+
+// The item numbered 1 to items.size(), or null.
+template <class T> const T* Numbered(const std::vector<T>& items, long number) {
+    return number >= 1 && static_cast<size_t>(number) <= items.size() ? &items[static_cast<size_t>(number) - 1]
+                                                                       : nullptr;
 }
 
 // Makes an object of class T from args and hands out its interface I, or null.
@@ -57,8 +59,8 @@ public:
     QV_INTERFACE(IID_IQvEntry, IQvEntry)
     QV_END_INTERFACE_MAP()
 
-    STDMETHOD(get_Name)(BSTR* name) override { return Text(m_entry->m_sKey, name); }
-    STDMETHOD(get_Value)(BSTR* value) override { return Text(m_entry->m_sValue, value); }
+    STDMETHOD(get_Name)(BSTR* name) override { return qv::copy_text_out(m_entry->m_sKey, name); }
+    STDMETHOD(get_Value)(BSTR* value) override { return qv::copy_text_out(m_entry->m_sValue, value); }
 
 private:
     file_ptr m_file; // keeps the entry alive
@@ -88,11 +90,8 @@ public:
         std::wstring key;
         if (HRESULT hr = ReadIndex(index, number, key); FAILED(hr))
             return hr;
-        const auto& entries = m_section->m_entries;
-        const qv::inifileentryx* found = nullptr;
-        if (number >= 1 && static_cast<size_t>(number) <= entries.size())
-            found = &entries[static_cast<size_t>(number) - 1];
-        else if (V_VT(&index) == VT_BSTR || V_VT(&index) == (VT_BSTR | VT_BYREF))
+        const qv::inifileentryx* found = Numbered(m_section->m_entries, number);
+        if (!found && (V_VT(&index) == VT_BSTR || V_VT(&index) == (VT_BSTR | VT_BYREF)))
             found = const_cast<qv::inifilesectionx*>(m_section)->Find(key);
         return found ? HandOut<CQvEntry>(entry, m_file, found) : S_OK;
     }
@@ -111,7 +110,7 @@ public:
     QV_INTERFACE(IID_IQvSection, IQvSection)
     QV_END_INTERFACE_MAP()
 
-    STDMETHOD(get_Name)(BSTR* name) override { return Text(m_section->m_sName, name); }
+    STDMETHOD(get_Name)(BSTR* name) override { return qv::copy_text_out(m_section->m_sName, name); }
     STDMETHOD(get_Entries)(IQvEntries** entries) override { return HandOut<CQvEntries>(entries, m_file, m_section); }
 
 private:
@@ -142,11 +141,8 @@ public:
         std::wstring name;
         if (HRESULT hr = ReadIndex(index, number, name); FAILED(hr))
             return hr;
-        const auto& sections = m_file->Sections();
-        const qv::inifilesectionx* found = nullptr;
-        if (number >= 1 && static_cast<size_t>(number) <= sections.size())
-            found = &sections[static_cast<size_t>(number) - 1];
-        else if (number == 0)
+        const qv::inifilesectionx* found = Numbered(m_file->Sections(), number);
+        if (!found && number == 0)
             found = m_file->FindSection(name);
         return found ? HandOut<CQvSection>(section, m_file, found) : S_OK;
     }
@@ -166,7 +162,7 @@ public:
     STDMETHOD(Load)(BSTR path) override {
         auto file = std::make_shared<qv::inifilex>();
         m_sProblem.clear();
-        const bool whole = file->Load(path ? std::wstring(path, SysStringLen(path)) : std::wstring(), L"=", false);
+        const bool whole = file->Load(qv::bstr_text(path), L"=", false);
         const DWORD error = whole ? 0 : file->GetLastError();
         if (error && error != ERROR_INVALID_DATA) {
             m_file = std::make_shared<qv::inifilex>();
@@ -178,7 +174,7 @@ public:
         return whole ? S_OK : S_FALSE;
     }
     STDMETHOD(get_Root)(IQvSections** root) override { return HandOut<CQvSections>(root, m_file); }
-    STDMETHOD(get_Problem)(BSTR* text) override { return Text(m_sProblem, text); }
+    STDMETHOD(get_Problem)(BSTR* text) override { return qv::copy_text_out(m_sProblem, text); }
 
 private:
     file_ptr m_file = std::make_shared<qv::inifilex>();
@@ -187,16 +183,7 @@ private:
 
 } // namespace
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
-    return qv::LibraryMain(instance, reason);
-}
-
-extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() {
-    return qv::LibraryCanUnloadNow();
-}
-
-extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* ppv) {
-    static const qv::library_class classes[] = {
-        {&CLSID_QvSectionLoader, &qv::creator<CQvSectionLoader>::CreateInstance}};
-    return qv::GetLibraryClassObject(classes, clsid, iid, ppv);
+std::span<const qv::library_class> companion::LibraryClasses() {
+    static const qv::library_class classes[] = {{&CLSID_QvSectionLoader, &qv::creator<CQvSectionLoader>::CreateInstance}};
+    return classes;
 }

@@ -7,6 +7,9 @@
 // The engine ends when its last client connection goes, and also when the client process (its parent)
 // dies; either way it ends its debuggees first, so that no process is left behind.
 #include "QVWIScanners.h"
+#include "inc/com_ptr.h"
+#include "inc/engine_wire.h"
+#include "inc/unique_handles.h"
 
 #include <windows.h>
 
@@ -16,6 +19,7 @@
 #include <tlhelp32.h>
 
 #include <atomic>
+#include <initializer_list>
 #include <map>
 #include <mutex>
 #include <string>
@@ -23,11 +27,13 @@
 
 namespace {
 
+namespace command = qv::engine::command;
+namespace event = qv::engine::event;
+
 constexpr UINT WM_ENGINE_EVENT = WM_APP + 1;
-enum event_kind : WPARAM { LoadDll = 1, UnloadDll = 2, Finished = 3, ChildCreated = 4, ChildExit = 5 };
 
 struct engine_event {
-    event_kind kind;
+    DISPID kind; // one of qv::engine::event
     std::wstring path;
     LONG values[4] = {};
 };
@@ -76,14 +82,13 @@ public:
         std::lock_guard<std::mutex> lock(m_lock);
         if (m_running)
             return false;
-        if (m_thread)
-            CloseHandle(m_thread); // the thread of an earlier target, ended
+        m_thread.reset(); // the thread of an earlier target, ended
         m_running = true;
         m_commandLine = std::move(commandLine), m_directory = std::move(directory), m_flags = flags, m_attach = attach;
-        m_ready = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-        m_thread = CreateThread(nullptr, 0, &debugger::Run, this, 0, nullptr);
-        WaitForSingleObject(m_ready, 30000); // the start's result is known once the thread has tried
-        CloseHandle(m_ready);
+        m_ready.reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        m_thread.reset(CreateThread(nullptr, 0, &debugger::Run, this, 0, nullptr));
+        WaitForSingleObject(m_ready.get(), 30000); // the start's result is known once the thread has tried
+        m_ready.reset();
         return m_started;
     }
     void TerminateAll() {
@@ -96,43 +101,53 @@ public:
         m_stopping = true;
         if (!m_attach)
             TerminateAll();
-        HANDLE thread = nullptr;
+        qv::unique_handle thread;
         {
             std::lock_guard<std::mutex> lock(m_lock);
-            std::swap(thread, m_thread);
+            thread = std::move(m_thread);
         }
-        if (thread) {
-            WaitForSingleObject(thread, 10000);
-            CloseHandle(thread);
-        }
+        if (thread)
+            WaitForSingleObject(thread.get(), 10000);
     }
 
 private:
     static DWORD WINAPI Run(void* self) { return static_cast<debugger*>(self)->Loop(); }
 
     DWORD Loop() {
-        bool ok;
-        if (m_attach) {
-            ok = DebugActiveProcess(m_attach);
-            if (ok)
-                DebugSetProcessKillOnExit(FALSE); // a process the engine did not start outlives it
-        } else {
-            STARTUPINFOW startup{};
-            startup.cb = sizeof startup;
-            PROCESS_INFORMATION info{};
-            const DWORD how = m_flags == 2 ? DEBUG_ONLY_THIS_PROCESS : DEBUG_PROCESS;
-            ok = CreateProcessW(nullptr, m_commandLine.data(), nullptr, nullptr, FALSE, how, nullptr,
-                                m_directory.empty() ? nullptr : m_directory.c_str(), &startup, &info);
-            if (ok)
-                CloseHandle(info.hThread), CloseHandle(info.hProcess);
-        }
-        m_started = ok;
-        SetEvent(m_ready);
-        if (!ok) {
+        m_started = Begin();
+        SetEvent(m_ready.get());
+        if (!m_started) {
             m_running = false;
-            Post(new engine_event{Finished, {}});
+            Post(new engine_event{event::application_finished, {}});
             return 0;
         }
+        Follow();
+        Post(new engine_event{event::application_finished, {}});
+        m_running = false;
+        return 0;
+    }
+
+    // Attaches to the target, or starts it under the debugger; false when that fails.
+    bool Begin() {
+        if (m_attach) {
+            if (!DebugActiveProcess(m_attach))
+                return false;
+            DebugSetProcessKillOnExit(FALSE); // a process the engine did not start outlives it
+            return true;
+        }
+        STARTUPINFOW startup{};
+        startup.cb = sizeof startup;
+        PROCESS_INFORMATION info{};
+        const DWORD how = m_flags == qv::engine::launch_this_process_only ? DEBUG_ONLY_THIS_PROCESS : DEBUG_PROCESS;
+        if (!CreateProcessW(nullptr, m_commandLine.data(), nullptr, nullptr, FALSE, how, nullptr,
+                            m_directory.empty() ? nullptr : m_directory.c_str(), &startup, &info))
+            return false;
+        const qv::unique_process_information started(info); // the debug events bring handles of their own
+        return true;
+    }
+
+    // Takes the debug events until the last debuggee has gone (or, attached, until the engine stops).
+    void Follow() {
         DWORD root = 0;
         for (;;) {
             DEBUG_EVENT e{};
@@ -145,65 +160,74 @@ private:
                 }
                 continue;
             }
-            DWORD status = DBG_CONTINUE;
-            switch (e.dwDebugEventCode) {
-            case CREATE_PROCESS_DEBUG_EVENT: {
-                std::lock_guard<std::mutex> lock(m_lock);
-                m_processes[e.dwProcessId] = e.u.CreateProcessInfo.hProcess;
-                if (root == 0)
-                    root = e.dwProcessId;
-                else
-                    Post(new engine_event{ChildCreated, {}, {LONG(e.dwProcessId), 0, LONG(e.dwThreadId), 0}});
-                if (e.u.CreateProcessInfo.hFile)
-                    CloseHandle(e.u.CreateProcessInfo.hFile);
-                break;
-            }
-            case LOAD_DLL_DEBUG_EVENT: {
-                std::wstring path = ImageName(ProcessOf(e.dwProcessId), e.u.LoadDll);
-                if (path.empty())
-                    path = PathOf(e.u.LoadDll.hFile);
-                if (e.u.LoadDll.hFile)
-                    CloseHandle(e.u.LoadDll.hFile);
-                if (!path.empty()) {
-                    m_modules[{e.dwProcessId, e.u.LoadDll.lpBaseOfDll}] = path;
-                    Post(new engine_event{LoadDll, path});
-                }
-                break;
-            }
-            case UNLOAD_DLL_DEBUG_EVENT: {
-                // The event names only the base address: the path is the one its load reported.
-                auto it = m_modules.find({e.dwProcessId, e.u.UnloadDll.lpBaseOfDll});
-                if (it != m_modules.end()) {
-                    Post(new engine_event{UnloadDll, it->second});
-                    m_modules.erase(it);
-                }
-                break;
-            }
-            case EXIT_PROCESS_DEBUG_EVENT: {
-                std::lock_guard<std::mutex> lock(m_lock);
-                m_processes.erase(e.dwProcessId);
-                m_modules.erase(m_modules.lower_bound({e.dwProcessId, nullptr}),
-                                m_modules.lower_bound({e.dwProcessId + 1, nullptr}));
-                if (e.dwProcessId != root)
-                    Post(new engine_event{ChildExit, {}, {LONG(e.dwProcessId)}});
-                break;
-            }
-            case EXCEPTION_DEBUG_EVENT:
-                // The loader's own breakpoint goes on; any other exception is the debuggee's to handle.
-                if (e.u.Exception.ExceptionRecord.ExceptionCode != EXCEPTION_BREAKPOINT || !e.u.Exception.dwFirstChance)
-                    status = DBG_EXCEPTION_NOT_HANDLED;
-                break;
-            default:
-                break;
-            }
-            ContinueDebugEvent(e.dwProcessId, e.dwThreadId, status);
+            ContinueDebugEvent(e.dwProcessId, e.dwThreadId, OnEvent(e, root));
             std::lock_guard<std::mutex> lock(m_lock);
             if (m_processes.empty() && root != 0)
                 break;
         }
-        Post(new engine_event{Finished, {}});
-        m_running = false;
-        return 0;
+    }
+
+    // Posts what one debug event means to the engine's clients; how the debuggee goes on.
+    DWORD OnEvent(const DEBUG_EVENT& e, DWORD& root) {
+        switch (e.dwDebugEventCode) {
+        case CREATE_PROCESS_DEBUG_EVENT:
+            OnProcessCreated(e, root);
+            break;
+        case LOAD_DLL_DEBUG_EVENT:
+            OnDllLoaded(e);
+            break;
+        case UNLOAD_DLL_DEBUG_EVENT: {
+            // The event names only the base address: the path is the one its load reported.
+            auto it = m_modules.find({e.dwProcessId, e.u.UnloadDll.lpBaseOfDll});
+            if (it != m_modules.end()) {
+                Post(new engine_event{event::unload_dll, it->second});
+                m_modules.erase(it);
+            }
+            break;
+        }
+        case EXIT_PROCESS_DEBUG_EVENT:
+            OnProcessExit(e, root);
+            break;
+        case EXCEPTION_DEBUG_EVENT:
+            // The loader's own breakpoint goes on; any other exception is the debuggee's to handle.
+            if (e.u.Exception.ExceptionRecord.ExceptionCode != EXCEPTION_BREAKPOINT || !e.u.Exception.dwFirstChance)
+                return DBG_EXCEPTION_NOT_HANDLED;
+            break;
+        default:
+            break;
+        }
+        return DBG_CONTINUE;
+    }
+
+    // The debug events' file handles are NULL when the system has none: unique_handle's empty value.
+    void OnProcessCreated(const DEBUG_EVENT& e, DWORD& root) {
+        const qv::unique_handle file(e.u.CreateProcessInfo.hFile);
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_processes[e.dwProcessId] = e.u.CreateProcessInfo.hProcess;
+        if (root == 0)
+            root = e.dwProcessId;
+        else
+            Post(new engine_event{event::child_process_created, {}, {LONG(e.dwProcessId), 0, LONG(e.dwThreadId), 0}});
+    }
+
+    void OnDllLoaded(const DEBUG_EVENT& e) {
+        const qv::unique_handle file(e.u.LoadDll.hFile);
+        std::wstring path = ImageName(ProcessOf(e.dwProcessId), e.u.LoadDll);
+        if (path.empty())
+            path = PathOf(file.get());
+        if (!path.empty()) {
+            m_modules[{e.dwProcessId, e.u.LoadDll.lpBaseOfDll}] = path;
+            Post(new engine_event{event::load_dll, path});
+        }
+    }
+
+    void OnProcessExit(const DEBUG_EVENT& e, DWORD root) {
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_processes.erase(e.dwProcessId);
+        m_modules.erase(m_modules.lower_bound({e.dwProcessId, nullptr}),
+                        m_modules.lower_bound({e.dwProcessId + 1, nullptr}));
+        if (e.dwProcessId != root)
+            Post(new engine_event{event::child_process_exit, {}, {LONG(e.dwProcessId)}});
     }
 
     HANDLE ProcessOf(DWORD id) {
@@ -237,17 +261,27 @@ private:
     }
 
     std::mutex m_lock;
-    HANDLE m_thread = nullptr, m_ready = nullptr;
+    qv::unique_handle m_thread, m_ready;
     bool m_started = false;
     std::atomic<bool> m_running{false}, m_stopping{false};
     std::wstring m_commandLine, m_directory;
-    LONG m_flags = 1;
+    LONG m_flags = qv::engine::launch_default;
     DWORD m_attach = 0;
     std::map<DWORD, HANDLE> m_processes;                       // owned by the debug API
     std::map<std::pair<DWORD, void*>, std::wstring> m_modules; // by process and base address
 };
 
 debugger g_debugger;
+
+// QueryInterface of an object that lives as long as the engine: the interface of the table asked for.
+HRESULT AnswerQuery(REFIID iid, void** ppv, std::initializer_list<std::pair<const IID*, IUnknown*>> table) {
+    if (!ppv)
+        return E_POINTER;
+    for (const auto& [known, answer] : table)
+        if (IsEqualIID(iid, *known))
+            return *ppv = answer, answer->AddRef(), S_OK;
+    return *ppv = nullptr, E_NOINTERFACE;
+}
 
 // Counts the strong connections of the clients to an object; the last one to go ends the engine.
 class connection_counter : public IExternalConnection {
@@ -268,13 +302,9 @@ class connection_point : public IConnectionPoint, public connection_counter {
 public:
     explicit connection_point(IConnectionPointContainer* owner) : m_owner(owner) {}
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IConnectionPoint))
-            *ppv = static_cast<IConnectionPoint*>(this);
-        else if (IsEqualIID(iid, IID_IExternalConnection))
-            *ppv = static_cast<IExternalConnection*>(this);
-        else
-            return *ppv = nullptr, E_NOINTERFACE;
-        return AddRef(), S_OK;
+        IUnknown* self = static_cast<IConnectionPoint*>(this);
+        return AnswerQuery(iid, ppv, {{&IID_IUnknown, self}, {&IID_IConnectionPoint, self},
+                                      {&IID_IExternalConnection, static_cast<IExternalConnection*>(this)}});
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return 2; } // lives as long as the engine
     ULONG STDMETHODCALLTYPE Release() override { return 1; }
@@ -287,20 +317,19 @@ public:
     HRESULT STDMETHODCALLTYPE Advise(IUnknown* sink, DWORD* cookie) override {
         if (!sink || !cookie)
             return E_POINTER;
-        IDispatch* events = nullptr;
+        qv::com_ptr<IDispatch> events;
         // Without the type library registered the proxy knows only IDispatch.
-        if (FAILED(sink->QueryInterface(DIID__IQvDebugEngineEvents, reinterpret_cast<void**>(&events))) &&
-            FAILED(sink->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&events))))
+        if (FAILED(sink->QueryInterface(DIID__IQvDebugEngineEvents, events.put_void())) &&
+            FAILED(sink->QueryInterface(IID_IDispatch, events.put_void())))
             return CONNECT_E_CANNOTCONNECT;
         *cookie = ++m_next;
-        m_sinks[*cookie] = events;
+        m_sinks[*cookie] = std::move(events);
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE Unadvise(DWORD cookie) override {
         auto it = m_sinks.find(cookie);
         if (it == m_sinks.end())
             return CONNECT_E_NOCONNECTION;
-        it->second->Release();
         m_sinks.erase(it);
         return S_OK;
     }
@@ -309,49 +338,37 @@ public:
     void Fire(const engine_event& e) {
         VARIANT args[4];
         UINT count = 0;
-        if (e.kind == LoadDll || e.kind == UnloadDll) {
-            V_VT(&args[0]) = VT_BSTR, V_BSTR(&args[0]) = SysAllocString(e.path.c_str()), count = 1;
-        } else if (e.kind == ChildCreated) {
+        qv::bstr path; // the text the argument points at
+        if (e.kind == event::load_dll || e.kind == event::unload_dll) {
+            path = qv::bstr::adopt(SysAllocString(e.path.c_str()));
+            V_VT(&args[0]) = VT_BSTR, V_BSTR(&args[0]) = path.get(), count = 1;
+        } else if (e.kind == event::child_process_created) {
             for (UINT i = 0; i < 4; ++i) // reverse order: ThreadHandle, ThreadID, ProcessHandle, ProcessID
                 V_VT(&args[i]) = VT_I4, V_I4(&args[i]) = e.values[3 - i];
             count = 4;
-        } else if (e.kind == ChildExit) {
+        } else if (e.kind == event::child_process_exit) {
             V_VT(&args[0]) = VT_I4, V_I4(&args[0]) = e.values[0], count = 1;
         }
         DISPPARAMS params{args, nullptr, count, 0};
-        const std::map<DWORD, IDispatch*> sinks = m_sinks; // a sink may unadvise while it is called
+        const auto sinks = m_sinks; // a sink may unadvise while it is called
         for (const auto& [cookie, sink] : sinks)
-            sink->Invoke(static_cast<DISPID>(e.kind), IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &params, nullptr,
-                         nullptr, nullptr);
-        for (UINT i = 0; i < count; ++i)
-            VariantClear(&args[i]);
+            sink->Invoke(e.kind, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr);
     }
-    void ReleaseAll() {
-        for (auto& [cookie, sink] : m_sinks)
-            sink->Release();
-        m_sinks.clear();
-    }
+    void ReleaseAll() { m_sinks.clear(); }
 
 private:
     IConnectionPointContainer* m_owner;
-    std::map<DWORD, IDispatch*> m_sinks;
+    std::map<DWORD, qv::com_ptr<IDispatch>> m_sinks;
     DWORD m_next = 0;
 };
 
 class engine : public IDispatch, public IConnectionPointContainer, public connection_counter {
 public:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
-        if (!ppv)
-            return E_POINTER;
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch))
-            *ppv = static_cast<IDispatch*>(this);
-        else if (IsEqualIID(iid, IID_IConnectionPointContainer))
-            *ppv = static_cast<IConnectionPointContainer*>(this);
-        else if (IsEqualIID(iid, IID_IExternalConnection))
-            *ppv = static_cast<IExternalConnection*>(this);
-        else
-            return *ppv = nullptr, E_NOINTERFACE;
-        return AddRef(), S_OK;
+        IUnknown* self = static_cast<IDispatch*>(this);
+        return AnswerQuery(iid, ppv, {{&IID_IUnknown, self}, {&IID_IDispatch, self},
+                                      {&IID_IConnectionPointContainer, static_cast<IConnectionPointContainer*>(this)},
+                                      {&IID_IExternalConnection, static_cast<IExternalConnection*>(this)}});
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return 2; } // lives as long as the program
     ULONG STDMETHODCALLTYPE Release() override { return 1; }
@@ -360,7 +377,10 @@ public:
     HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) override {
         static const std::pair<const wchar_t*, DISPID> known[] = {
-            {L"Launch", 1}, {L"AttachProcess", 2}, {L"Terminate", 3}, {L"Report", 100}};
+            {L"Launch", command::launch},
+            {L"AttachProcess", command::attach_process},
+            {L"Terminate", command::terminate},
+            {L"Report", command::report}};
         HRESULT hr = S_OK;
         for (UINT i = 0; i < count; ++i) {
             ids[i] = DISPID_UNKNOWN;
@@ -377,40 +397,38 @@ public:
             VariantInit(result);
         const UINT count = params ? params->cArgs : 0;
         auto text = [&](UINT i) { // argument i, from the first, as text; empty when it is not given
-            VARIANT v;
-            VariantInit(&v);
+            qv::unique_variant v;
             std::wstring out;
-            if (i < count && SUCCEEDED(VariantChangeType(&v, &params->rgvarg[count - 1 - i], 0, VT_BSTR)) && V_BSTR(&v))
-                out.assign(V_BSTR(&v), SysStringLen(V_BSTR(&v)));
-            VariantClear(&v);
+            if (i < count && SUCCEEDED(VariantChangeType(v.get(), &params->rgvarg[count - 1 - i], 0, VT_BSTR)))
+                out = qv::bstr_text(V_BSTR(v.get()));
             return out;
         };
         auto number = [&](UINT i) { return i < count ? std::wcstol(text(i).c_str(), nullptr, 10) : 0; };
         switch (id) {
-        case 1: { // Launch(path, parameters, directory, load flags)
+        case command::launch: { // path, parameters, directory, load flags
             const std::wstring path = text(0), parameters = text(1);
             std::wstring line = L"\"" + path + L"\"" + (parameters.empty() ? L"" : L" " + parameters);
             return g_debugger.Start(line, text(2), number(3), 0) ? S_OK : HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
         }
-        case 2: { // AttachProcess(process ID)
+        case command::attach_process: { // process ID
             // Debugging the client (or the engine itself) would stop the very process that takes the events.
             const DWORD target = static_cast<DWORD>(number(0));
             if (target == GetCurrentProcessId() || target == g_parentId) {
-                Post(new engine_event{Finished, {}});
+                Post(new engine_event{event::application_finished, {}});
                 return E_INVALIDARG;
             }
-            return g_debugger.Start(L"", L"", 1, target) ? S_OK : E_INVALIDARG;
+            return g_debugger.Start(L"", L"", qv::engine::launch_default, target) ? S_OK : E_INVALIDARG;
         }
-        case 100: { // Report(event, path or process ID): the event, as if the debuggee had caused it
+        case command::report: { // event, path or process ID: the event, as if the debuggee had caused it
             const LONG kind = number(0);
-            if (kind < 1 || kind > 5)
+            if (kind < event::first || kind > event::last)
                 return E_INVALIDARG;
-            auto* e = new engine_event{static_cast<event_kind>(kind), text(1)};
+            auto* e = new engine_event{kind, text(1)};
             e->values[0] = number(1);
             Post(e);
             return S_OK;
         }
-        case 3: // Terminate
+        case command::terminate:
             g_debugger.TerminateAll();
             return S_OK;
         default:
@@ -442,20 +460,66 @@ LRESULT CALLBACK WindowProc(HWND window, UINT message, WPARAM wparam, LPARAM lpa
     return 0;
 }
 
-// The process that started the engine, to be watched; null when it cannot be had.
-HANDLE OpenParent() {
+// The process that started the engine, to be watched; empty when it cannot be had.
+qv::unique_handle OpenParent() {
     DWORD parent = 0, self = GetCurrentProcessId();
-    HANDLE all = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    const qv::unique_hfile all(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0)); // INVALID_HANDLE_VALUE on failure
     PROCESSENTRY32W entry{};
     entry.dwSize = sizeof entry;
-    for (BOOL more = all != INVALID_HANDLE_VALUE && Process32FirstW(all, &entry); more;
-         more = Process32NextW(all, &entry))
+    for (BOOL more = all && Process32FirstW(all.get(), &entry); more; more = Process32NextW(all.get(), &entry))
         if (entry.th32ProcessID == self)
             parent = entry.th32ParentProcessID;
-    if (all != INVALID_HANDLE_VALUE)
-        CloseHandle(all);
     g_parentId = parent;
-    return parent ? OpenProcess(SYNCHRONIZE, FALSE, parent) : nullptr;
+    return qv::unique_handle(parent ? OpenProcess(SYNCHRONIZE, FALSE, parent) : nullptr);
+}
+
+// The message-only window the debug thread posts its events to, fired on this thread by the object.
+void MakeEventWindow(HINSTANCE instance, engine& object) {
+    WNDCLASSW windowClass{};
+    windowClass.lpfnWndProc = WindowProc;
+    windowClass.hInstance = instance;
+    windowClass.lpszClassName = L"TraceHostEvents";
+    RegisterClassW(&windowClass);
+    g_window =
+        CreateWindowExW(0, windowClass.lpszClassName, L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, instance, nullptr);
+    SetWindowLongPtrW(g_window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(&object));
+}
+
+// Pumps messages until the last client connection goes (WM_QUIT) or the client process ends.
+void Pump(HANDLE parent) {
+    for (;;) {
+        const DWORD waited = MsgWaitForMultipleObjects(parent ? 1 : 0, &parent, FALSE, INFINITE, QS_ALLINPUT);
+        if (parent && waited == WAIT_OBJECT_0)
+            return; // the client is gone: nobody is left to release the engine
+        MSG message;
+        while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
+            if (message.message == WM_QUIT)
+                return;
+            TranslateMessage(&message);
+            DispatchMessageW(&message);
+        }
+    }
+}
+
+// The engine's life in the apartment: registered under name, serving, then gone with its debuggees.
+int Serve(HINSTANCE instance, const std::wstring& name) {
+    static engine object;
+    qv::com_ptr<IMoniker> moniker;
+    qv::com_ptr<IRunningObjectTable> table;
+    DWORD registration = 0;
+    if (FAILED(CreateItemMoniker(L"!", name.c_str(), moniker.put())) || FAILED(GetRunningObjectTable(0, table.put())) ||
+        FAILED(table->Register(0, static_cast<IDispatch*>(&object), moniker.get(), &registration)))
+        return 1;
+    MakeEventWindow(instance, object);
+    const qv::unique_handle parent = OpenParent();
+    Pump(parent.get());
+    table->Revoke(registration);
+    table.reset();
+    moniker.reset();
+    g_debugger.Stop();
+    object.m_point.ReleaseAll();
+    CoDisconnectObject(static_cast<IDispatch*>(&object), 0);
+    return 0;
 }
 
 } // namespace
@@ -470,47 +534,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, LPWSTR commandLine, int) {
     name = name.substr(0, name.find_first_of(L" \t"));
     if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
         return 1;
-    static engine object;
-    IMoniker* moniker = nullptr;
-    IRunningObjectTable* table = nullptr;
-    DWORD registration = 0;
-    if (FAILED(CreateItemMoniker(L"!", name.c_str(), &moniker)) || FAILED(GetRunningObjectTable(0, &table)) ||
-        FAILED(table->Register(0, static_cast<IDispatch*>(&object), moniker, &registration)))
-        return 1;
-
-    WNDCLASSW windowClass{};
-    windowClass.lpfnWndProc = WindowProc;
-    windowClass.hInstance = instance;
-    windowClass.lpszClassName = L"TraceHostEvents";
-    RegisterClassW(&windowClass);
-    g_window =
-        CreateWindowExW(0, windowClass.lpszClassName, L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, instance, nullptr);
-    SetWindowLongPtrW(g_window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(&object));
-
-    HANDLE parent = OpenParent();
-    bool running = true;
-    while (running) {
-        const DWORD waited = MsgWaitForMultipleObjects(parent ? 1 : 0, &parent, FALSE, INFINITE, QS_ALLINPUT);
-        if (parent && waited == WAIT_OBJECT_0)
-            break; // the client is gone: nobody is left to release the engine
-        MSG message;
-        while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
-            if (message.message == WM_QUIT) {
-                running = false;
-                break;
-            }
-            TranslateMessage(&message);
-            DispatchMessageW(&message);
-        }
-    }
-    table->Revoke(registration);
-    table->Release();
-    moniker->Release();
-    g_debugger.Stop();
-    object.m_point.ReleaseAll();
-    CoDisconnectObject(static_cast<IDispatch*>(&object), 0);
-    if (parent)
-        CloseHandle(parent);
+    const int code = Serve(instance, name);
     CoUninitialize();
-    return 0;
+    return code;
 }

@@ -3,7 +3,7 @@
 // current folder and a settings document of its own (the folder constants and the exclusion list are read
 // once per process).
 #include "dotnet/assembly_location.h"
-#include "test_support.h"
+#include "library_support.h"
 #include "toolkit/probes.h"
 
 #include <gtest/gtest.h>
@@ -13,11 +13,8 @@
 
 using namespace qv::test;
 using std::wstring;
-using lines = std::vector<wstring>;
 
 namespace {
-
-constexpr wchar_t kChildFlag[] = L"--child";
 
 TEST(FolderTree, FilesBeforeSubfoldersDepthFirstToTheDepthAsked) {
     temp_dir dir;
@@ -105,28 +102,17 @@ TEST(AssemblyCache, DisplayNamesArchitecturesAndNoQuestionWithoutAMachine) {
     EXPECT_EQ(folder + file, L"untoucheduntouched");
 }
 
-// Child: args[0] the output file, args[1] SystemRoot, args[2] the settings document, then one
-// "name|version|culture|token|machine|base" per search; each answers a line "<0|1> <folder>|<file>".
-int RunChild(const std::vector<wstring>& args) {
-    com_apartment apartment;
-    if (args.size() < 3 || !SetEnvironmentVariableW(L"SystemRoot", args[1].c_str()) ||
-        !SetEnvironmentVariableW(L"QV_SETTINGS_PATH", args[2].c_str()))
-        return 2;
-    wstring out;
-    for (size_t i = 3; i < args.size(); ++i) {
-        lines f;
-        for (size_t start = 0, end = 0; end != wstring::npos; start = end + 1)
-            end = args[i].find(L'|', start), f.push_back(args[i].substr(start, end - start));
-        if (f.size() != 6)
-            return 2;
-        wstring folder = L"junk", file;
-        const bool found = FindAssembly(f[0], f[1], f[2], f[3], f[4], f[5], folder, file);
-        out += (found ? L"1 " : L"0 ") + folder + L"|" + file + L"\n";
-    }
-    const std::string bytes = narrow(out);
-    FILE* file = _wfopen(args[0].c_str(), L"wb");
-    return file && fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() && fclose(file) == 0 ? 0 : 3;
-}
+// "find|name|version|culture|token|machine|base": a line "<0|1> <folder>|<file>".
+const child_command kFind(L"find", [](const wstring& query) -> std::wstring {
+    lines f;
+    for (size_t start = 0, end = 0; end != wstring::npos; start = end + 1)
+        end = query.find(L'|', start), f.push_back(query.substr(start, end - start));
+    if (f.size() != 6)
+        return L"(a query of " + std::to_wstring(f.size()) + L" fields)\n";
+    wstring folder = L"junk", file;
+    const bool found = FindAssembly(f[0], f[1], f[2], f[3], f[4], f[5], folder, file);
+    return (found ? L"1 " : L"0 ") + folder + L"|" + file + L"\n";
+});
 
 // The searches of rows (query, answer; {T} stands for dir) run in a child with SystemRoot dir\root, current
 // folder dir\cwd and the settings document settings.
@@ -134,10 +120,11 @@ void ExpectFinds(const temp_dir& dir, const wstring& settings, const std::vector
     auto expand = [&](const wstring& text) { return std::regex_replace(text, std::wregex(L"\\{T\\}"), dir.path()); };
     const wstring out = dir / L"out.txt";
     DeleteFileW(out.c_str());
-    wstring line = wstring(kChildFlag) + L" \"" + out + L"\" \"" + (dir / L"root") + L"\" \"" + settings + L"\"";
+    wstring line = wstring(kChildFlag) + L" \"" + out + L"\" \"set|SystemRoot=" + (dir / L"root") +
+                   L"\" \"set|QV_SETTINGS_PATH=" + settings + L"\"";
     for (const auto& row : rows)
-        line += L" \"" + expand(row.first) + L"\"";
-    ASSERT_EQ(run_child(module_dir() + L"\\assembly_location_test.exe", line, dir / L"cwd"), std::optional<DWORD>(0));
+        line += L" \"find|" + expand(row.first) + L"\"";
+    ASSERT_EQ(run_child(program_path(), line, dir / L"cwd"), std::optional<DWORD>(0));
     const lines answers = split_lines(widen(read_file(out)));
     ASSERT_EQ(answers.size(), rows.size());
     for (size_t i = 0; i < rows.size(); ++i)
@@ -217,10 +204,3 @@ TEST(Ladder, ExclusionListLeavesFoldersOut) {
 }
 
 } // namespace
-
-int main(int argc, char** argv) {
-    if (auto args = child_arguments(kChildFlag))
-        return RunChild(*args);
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}

@@ -1,5 +1,7 @@
 #include "test_support.h"
 
+#include "inc/unique_handles.h"
+
 #include <algorithm>
 #include <cwctype>
 #include <filesystem>
@@ -9,9 +11,13 @@
 
 namespace qv::test {
 
-std::wstring module_dir() {
+std::wstring program_path() {
     wchar_t buffer[MAX_PATH * 4];
-    std::wstring path(buffer, GetModuleFileNameW(nullptr, buffer, MAX_PATH * 4));
+    return std::wstring(buffer, GetModuleFileNameW(nullptr, buffer, MAX_PATH * 4));
+}
+
+std::wstring module_dir() {
+    const std::wstring path = program_path();
     return path.substr(0, path.find_last_of(L'\\'));
 }
 
@@ -56,13 +62,12 @@ static void make_dirs(const std::wstring& path) { std::error_code e; std::filesy
 
 static void remove_tree(const std::wstring& path) {
     WIN32_FIND_DATAW d;
-    HANDLE find = FindFirstFileW((path + L"\\*").c_str(), &d);
-    for (bool more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &d)) {
+    const qv::unique_hfind find(FindFirstFileW((path + L"\\*").c_str(), &d));
+    for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.get(), &d)) {
         const std::wstring name = d.cFileName, full = path + L"\\" + name;
         if (name != L"." && name != L"..")
             (d.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? remove_tree(full) : void(DeleteFileW(full.c_str()));
     }
-    FindClose(find);
     RemoveDirectoryW(path.c_str());
 }
 
@@ -139,12 +144,10 @@ registry_override::~registry_override() {
 
 void registry_override::set_value(HKEY root, const std::wstring& subkey, const wchar_t* name, DWORD type,
                                   const void* data, DWORD size) {
-    HKEY key = nullptr;
-    if (RegCreateKeyExW(root, subkey.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr) != ERROR_SUCCESS)
+    qv::unique_hkey key;
+    if (RegCreateKeyExW(root, subkey.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(), nullptr) != ERROR_SUCCESS)
         throw std::runtime_error("cannot create a test key");
-    LONG status = RegSetValueExW(key, name, 0, type, static_cast<const BYTE*>(data), size);
-    RegCloseKey(key);
-    if (status != ERROR_SUCCESS)
+    if (RegSetValueExW(key.get(), name, 0, type, static_cast<const BYTE*>(data), size) != ERROR_SUCCESS)
         throw std::runtime_error("cannot set a test value");
 }
 
@@ -157,13 +160,12 @@ std::optional<DWORD> run_child(const std::wstring& exe, const std::wstring& args
     if (!CreateProcessW(exe.c_str(), command.data(), nullptr, nullptr, FALSE, 0, nullptr,
                         cwd.empty() ? nullptr : cwd.c_str(), &startup, &process))
         return std::nullopt;
-    const DWORD wait = WaitForSingleObject(process.hProcess, timeoutMs);
+    const qv::unique_process_information child(process);
+    const DWORD wait = WaitForSingleObject(child.process.get(), timeoutMs);
     if (wait != WAIT_OBJECT_0)
-        TerminateProcess(process.hProcess, 99);
+        TerminateProcess(child.process.get(), 99);
     DWORD code = 0;
-    GetExitCodeProcess(process.hProcess, &code);
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
+    GetExitCodeProcess(child.process.get(), &code);
     return wait == WAIT_OBJECT_0 ? std::optional<DWORD>(code) : std::nullopt;
 }
 

@@ -11,6 +11,7 @@
 
 namespace qv::test {
 
+std::wstring program_path();                        // the test program's full path
 std::wstring module_dir();                          // folder of the test program, no trailing backslash
 std::wstring fixture(const std::wstring& relative); // <bin>\fixtures\<relative>
 std::wstring system_dir();                          // e.g. C:\windows\system32

@@ -1,40 +1,35 @@
-// The machine probes, the version readers, the project traits with QVObjMgr.DLL, QvAppServices.dll reached as the
-// library reaches it, the filter over filters.xml in the folder it names, and the sibling search, run in children.
-#include "companions.h"
-#include "dotnet/sibling_module_cache.h"
-#include "dynamic/debug_engine.h"
-#include "filter/qvwi_filter.h"
-#include "filter/vb_filter.h"
-#include "filter/xml_loader.h"
-#include "inc/com_error.h"
-#include "image_writer.h"
-#include "recording_sink.h"
-#include "server/dep_file.h"
-#include "static/dep_sections.h"
-#include "static/dep_walker.h"
-#include "test_support.h"
+// The platform toolkit: the machine probes (path forms and existence, the registry, folders and redirection, a
+// child's search folders), the profile files (inifilex, qvmapfilex), version resources, the setup launcher.
+#include "inc/unique_handles.h"
+#include "library_support.h"
 #include "toolkit/inifilex.h"
 #include "toolkit/path_helpers.h"
+#include "toolkit/probes.h"
 #include "toolkit/process_launcher.h"
 #include "toolkit/qvmapfilex.h"
-#include "toolkit/probes.h"
 #include "toolkit/version_info.h"
-#include "traits/project_traits.h"
-#include "traits/settings_document.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <map>
 #include <memory>
-#include <regex>
 
 using namespace qv::test;
 using std::wstring;
-using lines = std::vector<wstring>;
 
 namespace {
 
 constexpr unsigned F = qv::path_accept_file, D = qv::path_accept_folder, T = qv::path_throw_errors;
+
+// "folders": the search folders as <entry> lines, then whether they are kept after a change of Path.
+const child_command kFolders(L"folders", [](const wstring&) -> std::wstring {
+    wstring out;
+    const std::vector<wstring> first = qv::GetSearchFolders();
+    for (const wstring& entry : first)
+        out += L"<" + entry + L">\n";
+    SetEnvironmentVariableW(L"Path", L"changed;later");
+    return out + (qv::GetSearchFolders() == first ? L"kept\n" : L"changed\n");
+});
 
 TEST(Probes, PathFormsRealFilesAndSearchPathSplit) {
     for (auto [path, absolute] : {std::pair{L"C:", true}, {L"z:rel\\x", true}, {L"\\\\a", true}, {L"\\\\", false},
@@ -61,6 +56,9 @@ TEST(Probes, PathFormsRealFilesAndSearchPathSplit) {
     for (const auto& [text, expected] : {std::pair<const wchar_t*, lines>{L"a;;b", {L"a", L"", L"b"}},
                                          {L";a", {L"", L"a"}}, {L"a;;", {L"a", L""}}, {L"a;", {L"a"}}, {L"a", {L"a"}}})
         ASSERT_EQ(qv::detail::SplitSearchPath(text), expected) << narrow(text); // a wrong split may never end
+    // The search folders of a child's own Path, expanded, and kept when the Path changes.
+    env_scope qvx(L"QVX", L"C:\\qv x"), path(L"Path", L"a;;%QVX%;b;%QVX%\\bin;%QVX_UNSET%;");
+    ExpectChild({}, {L"folders"}, {L"<a>", L"<>", L"<C:\\qv x>", L"<b>", L"<C:\\qv x\\bin>", L"<%QVX_UNSET%>", L"kept"});
 }
 
 struct scripted_probe : qv::detail::path_probe {
@@ -110,6 +108,27 @@ TEST(Probes, DefaultRegistryValueChecksTypeAndTerminators) {
         EXPECT_EQ(qv::ReadDefaultRegistryValue(HKEY_CLASSES_ROOT, r.key), r.expected) << narrow(r.key);
     }
 }
+
+
+TEST(Probes, ProcessorFoldersAndRedirection) {
+    EXPECT_TRUE(qv::Is64BitOs() && !qv::IsWow64()); // an x64 program runs on nothing else
+    EXPECT_EQ(lower(qv::SystemFolder()), lower(system_dir() + L"\\"));
+    EXPECT_EQ(lower(qv::SystemFolder()), lower(qv::WindowsFolder() + L"system32\\"));
+
+    const qv::detail::redirection_folders folders{L"C:\\W\\system32\\", L"C:\\W\\sysnative\\", L"C:\\W\\SysWOW64\\"};
+    const struct { const wchar_t *path, *toNative, *fromNative; } rows[] = { // nullptr: unchanged
+        {L"c:\\w\\SYSTEM32\\x\\a.dll", L"C:\\W\\sysnative\\x\\a.dll", L"C:\\W\\SysWOW64\\x\\a.dll"},
+        {L"C:\\W\\syswow64\\a.dll", L"C:\\W\\system32\\a.dll", nullptr},
+        {L"C:\\W\\SysNative\\a.dll", nullptr, L"C:\\W\\system32\\a.dll"}, {L"D:\\C:\\W\\system32\\a", nullptr, nullptr}};
+    for (const auto& r : rows) {
+        EXPECT_EQ(qv::detail::MapToNativePath(r.path, true, folders), r.toNative ? r.toNative : r.path);
+        EXPECT_EQ(qv::detail::MapFromNativePath(r.path, true, folders), r.fromNative ? r.fromNative : r.path);
+        EXPECT_EQ(qv::detail::MapToNativePath(r.path, false, folders) + qv::detail::MapFromNativePath(r.path, false, folders),
+                  wstring(r.path) + r.path);
+    }
+}
+
+
 
 TEST(Inifilex, FileFormsEncodingsAndWhatASaveWrites) {
     temp_dir dir;
@@ -187,35 +206,6 @@ TEST(Qvmapfilex, ReadWriteAndTheHalfOpenState) {
     EXPECT_TRUE(qv::qvmapfilex::LastError() != 0 && qv::qvmapfilex::LastErrorFile() == dir / L"empty.bin");
 }
 
-TEST(Probes, ProcessorFoldersAndRedirection) {
-    SYSTEM_INFO info;
-    GetNativeSystemInfo(&info);
-    EXPECT_EQ(qv::IsAmd64(), info.wProcessorArchitecture == PROCESSOR_ARCHITECTURE_AMD64);
-    EXPECT_EQ(qv::IsItanium(), info.wProcessorArchitecture == PROCESSOR_ARCHITECTURE_IA64);
-    EXPECT_TRUE(qv::Is64BitOs() && !qv::IsWow64()); // an x64 program runs on nothing else
-    EXPECT_EQ(lower(qv::SystemFolder()), lower(system_dir() + L"\\"));
-    EXPECT_EQ(lower(qv::SystemFolder()), lower(qv::WindowsFolder() + L"system32\\"));
-    EXPECT_EQ(qv::SysWow64Folder(), qv::WindowsFolder() + L"syswow64\\");
-    EXPECT_EQ(qv::SysNativeFolder(), L"");
-    // Under WOW64 the SharedDlls entry of a 64-bit image lives in the registry's 64-bit view.
-    using qv::dep_file_detail::SharedDllsAccess;
-    EXPECT_EQ(SharedDllsAccess(true, IMAGE_FILE_MACHINE_AMD64), KEY_READ | KEY_WOW64_64KEY);
-    EXPECT_EQ(SharedDllsAccess(true, IMAGE_FILE_MACHINE_I386) | SharedDllsAccess(false, IMAGE_FILE_MACHINE_IA64), KEY_READ);
-
-    const qv::detail::redirection_folders folders{L"C:\\W\\system32\\", L"C:\\W\\sysnative\\", L"C:\\W\\SysWOW64\\"};
-    const struct { const wchar_t *path, *toNative, *fromNative; } rows[] = { // nullptr: unchanged
-        {L"c:\\w\\SYSTEM32\\x\\a.dll", L"C:\\W\\sysnative\\x\\a.dll", L"C:\\W\\SysWOW64\\x\\a.dll"},
-        {L"C:\\W\\syswow64\\a.dll", L"C:\\W\\system32\\a.dll", nullptr},
-        {L"C:\\W\\SysNative\\a.dll", nullptr, L"C:\\W\\system32\\a.dll"}, {L"D:\\C:\\W\\system32\\a", nullptr, nullptr}};
-    for (const auto& r : rows) {
-        EXPECT_EQ(qv::detail::MapToNativePath(r.path, true, folders), r.toNative ? r.toNative : r.path);
-        EXPECT_EQ(qv::detail::MapFromNativePath(r.path, true, folders), r.fromNative ? r.fromNative : r.path);
-        EXPECT_EQ(qv::detail::MapToNativePath(r.path, false, folders) + qv::detail::MapFromNativePath(r.path, false, folders),
-                  wstring(r.path) + r.path);
-    }
-}
-
-
 wstring Version(const wchar_t* name) { return fixture(wstring(L"version\\") + name); }
 wstring Text(const wchar_t* value) { return value ? value : L"(null)"; }
 
@@ -276,117 +266,6 @@ TYPED_TEST(VersionInfo, CopiesShareTheBlockAndOutliveTheOriginal) {
     EXPECT_EQ(Text(assigned.GetString("GermanUnicodeOnly")), L"only under 040704B0");
 }
 
-// An x64 program importing name; of size bytes (sparse past the image) when a size is given.
-wstring program(const temp_dir& dir, const wstring& file, const std::string& name, ULONGLONG size = 0) {
-    const wstring path = dir.write(file, qv::test::image_writer().dll(false).import(name).build().str());
-    HANDLE h = size ? CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr) : nullptr;
-    const LARGE_INTEGER at{{static_cast<DWORD>(size), static_cast<LONG>(size >> 32)}};
-    EXPECT_TRUE(!h || (SetFilePointerEx(h, at, nullptr, FILE_BEGIN) && SetEndOfFile(h) && CloseHandle(h)));
-    return path;
-}
-
-TEST(Walker, DeepChainsClimbingNamesLongFoldersAndHugeFiles) {
-    // 5,000 DLLs, each importing the next, come back in the order of a short chain: the deepest first.
-    temp_dir dir;
-    constexpr int depth = 5000;
-    auto link = [](int i) { return "c" + std::to_string(i) + ".dll"; };
-    for (int i = 0; i < depth; ++i)
-        dir.write(widen(link(i)), (i + 1 < depth ? qv::test::image_writer().import(link(i + 1)) : qv::test::image_writer()).build().str());
-    // Names that climb or use forward slashes, a folder far past 260 characters, files of about 4 GiB.
-    const wstring deep = wstring(120, L'd') + L"\\" + wstring(120, L'e'), last = widen(link(depth - 1));
-    dir.write(L"up\\x_up.dll", ""), dir.write(L"up\\app\\sub\\y.dll", ""), dir.write(deep + L"\\z.dll", "");
-    const std::pair<wstring, wstring> rows[] = { // the program, and where its one import is found
-        {program(dir, L"chain.exe", link(0)), dir / widen(link(0))}, {program(dir, L"up\\app\\a.exe", "../x_up.dll"), dir / L"up\\x_up.dll"},
-        {program(dir, L"up\\app\\b.exe", "..\\app\\sub/y.dll"), dir / L"up\\app\\sub\\y.dll"},
-        {program(dir, deep + L"\\c.exe", "z.dll"), dir / deep + L"\\z.dll"}, {program(dir, L"4g.exe", link(depth - 1), 1ull << 32), dir / last}};
-    for (const auto& [top, found] : rows) {
-        recording_sink sink;
-        CDepWalker walker;
-        walker.Scan(top, &sink, nullptr, L"", 0);
-        const auto record = walker.FoundFiles.find(qv::bstr(qv::FileNamePart(found)));
-        ASSERT_NE(record, walker.FoundFiles.end()) << narrow(top);
-        EXPECT_EQ(lower(record->second.FullPath), lower(found)) << narrow(top);
-        EXPECT_TRUE(walker.MissingFiles.empty()) << narrow(top);
-        for (size_t i = 0; &top == &rows[0].first && i < depth; ++i)
-            ASSERT_EQ(lower(sink.found.at(i)), lower(dir / widen(link(depth - 1 - static_cast<int>(i))))) << i;
-    }
-}
-
-TEST(Walker, DepFilesTheirLanguageSectionsCirclesAndLongChains) {
-    temp_dir dir;
-    for (const wchar_t* name : {L"a.dll", L"b.dll", L"c.dll", L"enu.dll", L"noext"})
-        dir.write(name, qv::test::image_writer().build().str());
-    dir.write(L"comp.ocx", qv::test::image_writer().import("a.dll").build().str());
-    dir.write(L"loop.ocx", qv::test::image_writer().build().str()), dir.write(L"chain.ocx", qv::test::image_writer().build().str());
-    // Uses2 empty is passed over, Uses4 missing ends the list; a bare name not found names a section of its own.
-    dir.write(L"comp.dep", "[comp.ocx]\r\nUses1=b.dll\r\nUses2=\r\nUses3=c.dll\r\nUses5=a.dll\r\n[comp.ocx <0409>]\r\n"
-                           "Uses1=enu.dll\r\n[comp.ocx <>]\r\nUses1=nolang.dll\r\n[nolang.dll]\r\nUses1=deeper.dll\r\n");
-    dir.write(L"loop.dep", "[loop.ocx]\nUses1=x.dll\n[X.DLL]\nUses1=y.dll\n[y.dll]\nUses1=x.dll\n");
-    dir.write(L"noext.dep", "[noext]\nUses1=b.dll\n"); // a file without an extension has no .dep file
-    std::string chain = "[chain.ocx]\nUses1=n0\n"; // 10,000 sections, each naming the next
-    for (int i = 0; i < 10000; ++i)
-        chain += "[n" + std::to_string(i) + "]\nUses1=n" + std::to_string(i + 1) + "\n";
-    dir.write(L"chain.dep", chain);
-    // (top, language) -> records as name:folder ("" when missing), the import events, the errors.
-    const struct { const wchar_t *top, *lang; lines records; size_t events, errors; } rows[] = {
-        {L"comp.ocx", L"0409", {L"a.dll:d", L"b.dll:d", L"c.dll:d", L"enu.dll:d"}, 1, 0},
-        {L"comp.ocx", L"", {L"a.dll:d", L"b.dll:d", L"c.dll:d", L"deeper.dll:", L"nolang.dll:"}, 1, 0},
-        {L"loop.ocx", L"", {L"x.dll:", L"y.dll:"}, 0, 1}, {L"noext", L"", {}, 0, 0}, {L"chain.ocx", L"", {}, 0, 0}};
-    for (const auto& r : rows) {
-        recording_sink sink;
-        CDepWalker walker;
-        walker.Scan(dir / r.top, &sink, nullptr, r.lang, 0);
-        lines got;
-        for (const auto& [key, record] : walker.FoundFiles)
-            got.push_back(key.str() + L":" + (qv::DirectoryPart(record.FullPath).empty() ? L"" : L"d"));
-        if (r.top == wstring(L"chain.ocx"))
-            EXPECT_EQ(got.size(), 10001u); // n0 to n10000, each missing
-        else
-            EXPECT_EQ(got, r.records) << narrow(r.top);
-        EXPECT_TRUE(sink.found.size() == r.events && sink.errors.size() == r.errors && walker.MissingFiles.empty()) << narrow(r.top);
-    }
-}
-
-TEST(DepSections, UsesCirclesAndTheDepthCap) {
-    com_apartment apartment;
-    temp_dir dir;
-    auto load = [&](const wchar_t* name, const char* text) {
-        const wstring file = dir.write(name, text);
-        qv::com_ptr<IQvSections> root;
-        const qv::com_ptr<IQvSectionLoader> loader = MakeSectionLoader(file);
-        EXPECT_TRUE(loader->Load(qv::bstr(file).get()) == S_OK && loader->get_Root(root.put()) == S_OK);
-        return root;
-    };
-    // a -> b -> c -> d, and [B] names a back; an empty Uses2 is handed on, the missing Uses3 ends the list.
-    const auto root = load(L"s.dep", "[a]\nUses1=b\nUses2=\nUses4=never\n[B]\nUses1=c\nUses2=A\n[c]\nUses1=d\n[d]\n");
-    // A walk as the scanners make it: (how a section was entered or why not) + its name, "none:" for no section.
-    auto walk = [&](CDepSections& sections, auto& self, const wstring& name, lines& log) -> void {
-        const qv::com_ptr<IQvSection> section = CDepSections::Find(root.get(), name);
-        const CDepSections::mark entered = section ? sections.Enter(root.get(), name) : CDepSections::mark();
-        static const wchar_t* const words[] = {L"", L"circle:", L"deep:"};
-        log.push_back((section ? words[static_cast<int>(entered.entry())] : L"none:") + name);
-        if (section && entered.entry() == CDepSections::Entry::Entered)
-            CDepSections::EachUse(section.get(), [&](const wstring& used) { return self(sections, self, used, log), true; });
-    };
-    const struct { size_t deepest; lines log; } rows[] = {{CDepSections::unlimited, {L"a", L"b", L"c", L"d", L"circle:A", L"none:"}},
-        {3, {L"a", L"b", L"c", L"deep:d", L"circle:A", L"none:"}}, {1, {L"a", L"deep:b", L"none:"}}};
-    for (const auto& r : rows) {
-        CDepSections sections(r.deepest);
-        lines log, again;
-        walk(sections, walk, L"a", log), walk(sections, walk, L"A", again);
-        EXPECT_EQ(log, r.log) << r.deepest;
-        EXPECT_EQ(again.front(), L"A") << "a finished walk leaves no section entered";
-    }
-    // A name is a circle only within one file's sections; a use that answers false ends the list.
-    const auto other = load(L"t.dep", "[A]\nUses1=x\nUses2=y\n");
-    CDepSections sections;
-    const auto first = sections.Enter(root.get(), L"a"), second = sections.Enter(other.get(), L"a");
-    EXPECT_TRUE(first.entry() == CDepSections::Entry::Entered && second.entry() == CDepSections::Entry::Entered);
-    EXPECT_EQ(sections.Enter(other.get(), L"A").entry(), CDepSections::Entry::Circle);
-    lines used;
-    CDepSections::EachUse(CDepSections::Find(other.get(), L"a").get(), [&](const wstring& u) { return used.push_back(u), false; });
-    EXPECT_EQ(used, lines{L"x"});
-}
 
 TEST(VersionText, FixturesSelfRegistrationAndWineDlls) {
     EXPECT_EQ(qv::GetFileVersionText(Version(L"translations.dll"), L", "), L"1, 2, 3, 4");
@@ -401,328 +280,15 @@ TEST(VersionText, FixturesSelfRegistrationAndWineDlls) {
     }
 }
 
-TEST(ProjectType, FromTheVariableElseTheRegistry) {
-    env_scope unset(L"QV_ACTIVE_PROJECT_TYPE", nullptr);
-    registry_override user(HKEY_CURRENT_USER);
-    EXPECT_EQ(GetActiveProjectType(), 0);
-    const ULONGLONG one = 1; // a REG_DWORD's 4 bytes, or a REG_QWORD's 8
-    const struct { DWORD type; const void* data; DWORD size; const wchar_t* variable; int expected; } rows[] = {
-        {REG_DWORD, &one, 4, nullptr, 1}, {REG_SZ, L"1", 4, nullptr, 0}, {REG_QWORD, &one, 8, nullptr, 0},
-        {REG_DWORD, &one, 4, L"0", 0}, {REG_DWORD, &one, 4, L"5", 0}, {REG_SZ, L"1", 4, L" 1 ", 1}, {REG_SZ, L"1", 4, L"+01", 1},
-        {REG_SZ, L"1", 4, L"1x", 0}, {REG_SZ, L"1", 4, L"4294967297", 0}, {REG_DWORD, &one, 4, L"", 1}}; // "": unset
-    for (const auto& r : rows) {
-        registry_override::set_value(HKEY_CURRENT_USER, L"Software\\QVWI\\QVObjMgr", L"ActiveProjectType", r.type,
-                                     r.data, r.size);
-        env_scope variable(L"QV_ACTIVE_PROJECT_TYPE", r.variable);
-        EXPECT_EQ(GetActiveProjectType(), r.expected) << "row " << &r - rows;
-    }
-    CProjectTraitsManager& manager = CProjectTraitsManager::Instance();
-    ASSERT_EQ(manager.m_traits.size(), 2u); // both kinds, and the current one follows every change
-    for (auto [variable, kind, system] : {std::tuple{L"0", 2, L"[SystemFolder]"}, {L"1", 4, L"<WINSYSDIR>"},
-                                          {L"", 4, L"<WINSYSDIR>"}}) { // "": the registry's 1
-        env_scope set(L"QV_ACTIVE_PROJECT_TYPE", variable);
-        EXPECT_EQ(std::pair(manager.Current().KindNumber(), qv::traits::SystemFolderToken()), std::pair(kind, wstring(system)));
-    }
-    const ProjectTraits &msi = *manager.m_traits[0], &pro = *manager.m_traits[1]; // words compare exactly
-    EXPECT_TRUE(msi.KnowsPredefinedFolder(L"SystemFolder") && !pro.KnowsPredefinedFolder(L"SystemFolder"));
-    EXPECT_TRUE(pro.KnowsPredefinedFolder(L"WINDIR") && !pro.KnowsPredefinedFolder(L"windir") &&
-                msi.KnowsShortcutFolder(L"SendToFolder") && !pro.KnowsShortcutFolder(L"SendToFolder"));
-}
-
-constexpr wchar_t kChildFlag[] = L"--child", kCompanion[] = L"QvAppServices.dll";
-const wstring kMissing = L"80040154"; // REGDB_E_CLASSNOTREG
-
-wstring Hex(HRESULT hr) { wchar_t t[16]; return swprintf(t, 16, L"%08lX", static_cast<unsigned long>(hr)), t; }
-template <class Fn> HRESULT Thrown(Fn&& fn) try { return fn(), S_OK; } catch (const com_exception& e) { return e.Error(); }
-template <class T> T Export(const char* name) {
-    return reinterpret_cast<T>(reinterpret_cast<void (*)()>(GetProcAddress(GetModuleHandleW(kCompanion), name)));
-}
-
-class Companion : public ::testing::Test { // an apartment, a support folder, and no object of the companion left
-protected:
-    void TearDown() override { EXPECT_EQ(CanUnloadNow(), S_OK) << "an object of the companion is alive"; }
-    static HRESULT CanUnloadNow() { return Export<HRESULT(STDAPICALLTYPE*)()>("DllCanUnloadNow")(); }
-    template <class T> qv::com_ptr<T> Create(REFCLSID clsid, REFIID iid) {
-        qv::com_ptr<T> object;
-        EXPECT_EQ(CoCreateFromLibrary(kCompanion, clsid, iid, object.put()), S_OK);
-        return object;
-    }
-    com_apartment m_apartment;
-    temp_dir m_support;
-    env_scope m_supportDir{L"QV_SUPPORT_DIR", m_support.path().c_str()};
-};
-
-struct probe_filter : CQVWIFilter { using CQVWIFilter::Match; };
-
-TEST_F(Companion, FilterListsAndTheirLoading) {
-    m_support.write(L"filters.xml", R"(<Filters><Include><File name="both.dll"/><File name="keep.dll"/></Include>
-  <Exclude><File name="both.dll"/><File name="foo.dll"/><File name="bar.ni.dll"/><File name="Upper.dll"/></Exclude>
-</Filters>)");
-    probe_filter filter;
-    for (auto [name, filtering, inList] : {std::tuple{L"both.dll", true, false}, {L"keep.dll", true, false},
-                                           {L"Foo.Dll", true, true}, {L"foo.dll", false, true}, {L"Upper.dll", true, false},
-                                           {L"FOO.NI.DLL", true, true}, {L"both.ni.dll", true, false},
-                                           {L"bar.ni.dll", true, true}, {L"foo.ni.dll.old", true, false}}) {
-        filter.SetFiltering(filtering);
-        bool listed = !inList, dropped = !inList;
-        EXPECT_EQ(filter.Match(name, listed, dropped), inList) << narrow(name);
-        EXPECT_EQ(std::tuple(listed, dropped, filter.Filter(name, listed)),
-                  std::tuple(inList, inList && filtering, inList && filtering)) << narrow(name);
-    }
-    bool listed = true; // names go into the query unescaped: a double quote breaks it
-    EXPECT_TRUE(FAILED(Thrown([&] { filter.Filter(L"a\"b.dll", listed); })) && !listed);
-    const wstring start = L"cannot load " + m_support / L"filters.xml" + L": ";
-    DeleteFileW((m_support / L"filters.xml").c_str()); // lists that cannot be loaded are thrown with the reason
-    EXPECT_EQ(Thrown([&] { filter.SetFiltering(true); }), E_FAIL);
-    EXPECT_EQ(qv::take_error_description(), start + L"the file does not exist");
-    for (const char* text : {"", "kernel32.dll\n", "<Filters><Exclude/>", "<Filters/><Filters/>"}) {
-        m_support.write(L"filters.xml", text);
-        EXPECT_EQ(Thrown([&] { filter.SetFiltering(false); }), E_FAIL) << text;
-        const wstring why = qv::take_error_description(), prefix = start + L"it is not a well-formed XML document (";
-        const size_t end = why.rfind(L" at line ") == wstring::npos ? why.size() - 1 : why.rfind(L" at line ");
-        ASSERT_TRUE(why.compare(0, prefix.size(), prefix) == 0 && end > prefix.size()) << narrow(why);
-        EXPECT_TRUE(!iswspace(why[end - 1]) && why.back() == L')') << narrow(why); // the parser's reason, trimmed
-    }
-}
-
-
-TEST_F(Companion, VbFilterChainsTheXmlListsVbSystemAndVb6dep) {
-    m_support.write(L"filters.xml", R"(<Filters><Include><File name="both.dll"/></Include><Exclude><File name="x.dll"/>
-                                       <File name="both.dll"/></Exclude></Filters>)");
-    m_support.write(L"VBSystem.ini", "; the runtime\r\n[System]\r\nMSVBVM60.DLL\r\nboth.dll=\r\n=no name\r\n[Other]\r\nother.dll\r\n");
-    registry_override classes(HKEY_CLASSES_ROOT);
-    EXPECT_EQ(FindVbDir(), L""); // no .vbp association: the list is read from a relative path, and is empty
-    temp_dir vb;
-    vb.write(L"Wizards\\PDWizard\\Vb6dep.ini", "[Do Not Redistribute]\nDnr.dll=\n");
-    const wstring progId = L"VisualBasic.Project\0", command = vb.path() + L"\\vb6.exe /make %1\0";
-    registry_override::set_value(HKEY_CLASSES_ROOT, L".vbp", nullptr, REG_SZ, progId.data(), DWORD(progId.size() * 2));
-    registry_override::set_value(HKEY_CLASSES_ROOT, L"VisualBasic.Project\\shell\\Make\\command", nullptr, REG_SZ,
-                                 command.data(), DWORD(command.size() * 2));
-    wstring upper = vb.path() + L"\\";
-    CharUpperW(upper.data());
-    EXPECT_EQ(FindVbDir(), upper);
-    CQVWIVBFilter filter;
-    for (bool filtering : {true, false}) {
-        filter.SetFiltering(filtering);
-        // An Include entry keeps a name off the Exclude list only; the ini lists take names in any case.
-        for (auto [name, listed] : {std::pair{L"msvbvm60.dll", true}, {L"BOTH.DLL", true}, {L"x.dll", true},
-                                    {L"dnr.DLL", true}, {L"other.dll", false}, {L"", false}, {L"no name", false}}) {
-            bool inList = !listed;
-            EXPECT_EQ(std::pair(filter.Filter(name, inList), inList), std::pair(listed && filtering, listed)) << narrow(name);
-        }
-    }
-    DeleteFileW((m_support / L"VBSystem.ini").c_str()); // gone meanwhile: the names read before stay
-    filter.SetFiltering(true);
-    bool inList = false;
-    EXPECT_TRUE(filter.Filter(L"MSVBVM60.dll", inList) && inList);
-}
-
-TEST_F(Companion, FilterShippedDataAndMsxmlVersions) {
-    env_scope shipped(L"QV_SUPPORT_DIR", nullptr);
-    CQVWIFilter filter;
-    filter.SetFiltering(true);
-    for (auto [name, dropped] : {std::pair{L"kernel32.dll", true}, {L"OLE32.DLL", true}, {L"kernel32.ni.dll", true},
-                                 {L"api-ms-win-crt-runtime-l1-1-0.dll", true}, {L"msvcp140.dll", false}, {kCompanion, false}}) {
-        bool inList = !dropped;
-        EXPECT_EQ(std::pair(filter.Filter(name, inList), inList), std::pair(dropped, dropped)) << narrow(name);
-    }
-    CQVWIVBFilter vb; // the shipped VBSystem.ini holds the Visual Basic runtime
-    vb.SetFiltering(true);
-    bool inList = false;
-    EXPECT_TRUE(vb.Filter(L"msvbvm60.dll", inList) && inList && !vb.Filter(L"msvcp140.dll", inList));
-    // MSXML: the newest version the machine has, known by the name it registers; unknown classes passed over.
-    auto classOf = [](std::span<const CLSID> classes) {
-        qv::com_ptr<IPersistStreamInit> persist;
-        CLSID clsid = {};
-        detail::CreateXmlDocument(classes)->QueryInterface(IID_IPersistStreamInit, persist.put_void());
-        return persist && SUCCEEDED(persist->GetClassID(&clsid)), clsid;
-    };
-    CLSID newest = {}, oldest = {};
-    ASSERT_EQ(CLSIDFromProgID(L"Msxml2.DOMDocument.6.0", &newest) | CLSIDFromProgID(L"Msxml2.DOMDocument.3.0", &oldest), S_OK);
-    EXPECT_EQ(classOf(kXmlDocumentClasses), newest);
-    EXPECT_EQ(classOf(std::vector{CLSID_NULL, oldest, newest}), oldest);
-    qv::com_ptr<IUnknown> object; // without a library name, CoCreateFromLibrary is plain CoCreateInstance
-    EXPECT_EQ(CoCreateFromLibrary(L"", newest, IID_IUnknown, object.put()), S_OK);
-    EXPECT_EQ(CoCreateFromLibrary(L"", CLSID_NULL, IID_IUnknown, object.put()), REGDB_E_CLASSNOTREG);
-}
-
-TEST_F(Companion, ServicesStrongNameAndResultGroups) {
-    env_scope support(L"QV_SUPPORT_DIR", nullptr);
-    auto services = Create<IQvAppServices>(CLSID_QvAppServices, IID_IQvAppServices);
-    auto strong = Create<IQvStrongNameServices>(CLSID_QvAppServices, IID_IQvStrongNameServices);
-    auto answers = [&] {
-        qv::bstr a[4];
-        EXPECT_EQ(services->GetSupportFolder(a[0].put()) | services->GetProgramsFolder(a[1].put()) |
-                      services->GetPath(8, a[2].put()) | strong->GetStrongNameLibrary(a[3].put()), S_OK);
-        return std::vector<wstring>{lower(a[0].str()), lower(a[1].str()), lower(a[2].str()), lower(a[3].str())};
-    };
-    const wstring here = lower(module_dir());
-    const std::vector<wstring> defaults{here + L"\\support", here, here + L"\\qvsettings.xml", here + L"\\qvappservices.dll"};
-    EXPECT_EQ(answers(), defaults);
-    const wchar_t* variables[] = {L"QV_SUPPORT_DIR", L"QV_PROGRAMS_DIR", L"QV_SETTINGS_PATH", L"QV_STRONGNAME_LIBRARY"};
-    for (size_t i = 0; i < 4; ++i) {
-        env_scope set(variables[i], L"D:\\Tool Data\\x");
-        std::vector<wstring> expected = defaults;
-        expected[i] = L"d:\\tool data\\x";
-        EXPECT_EQ(answers(), expected) << narrow(variables[i]);
-        env_scope empty(variables[i], L""); // an empty variable does not count
-        EXPECT_EQ(answers(), defaults) << narrow(variables[i]);
-    }
-    auto token = Export<BOOLEAN(__stdcall*)(BYTE*, ULONG, BYTE**, ULONG*)>("StrongNameTokenFromPublicKey");
-    auto release = Export<void(__stdcall*)(BYTE*)>("StrongNameFreeBuffer");
-    auto tokenOf = [&](std::string blob) {
-        BYTE* out = nullptr;
-        ULONG size = 0;
-        std::string hex = token(reinterpret_cast<BYTE*>(blob.data()), ULONG(blob.size()), &out, &size) ? "" : "no";
-        for (ULONG i = 0; i < size; ++i)
-            hex += "0123456789abcdef"[out[i] >> 4], hex += "0123456789abcdef"[out[i] & 15];
-        return release(out), hex;
-    };
-    const std::string key = read_file(fixture(L"appservices\\public_key.bin"));
-    EXPECT_EQ(tokenOf(key), read_file(fixture(L"appservices\\public_key.token")).substr(0, 16));
-    EXPECT_EQ(tokenOf(std::string("\0\0\0\0\0\0\0\0\4\0\0\0\0\0\0\0", 16)), "b77a5c561934e089"); // the published one
-    EXPECT_EQ(tokenOf(key.substr(0, 159)), "no");
-
-
-    auto group = Create<IQvDepFileGroup>(CLSID_QvDepFileGroup, IID_IQvDepFileGroup);
-    auto groups = Create<IQvDepFileGroups>(CLSID_QvDepFileGroups, IID_IQvDepFileGroups);
-    auto files = reinterpret_cast<IDepFiles*>(services.get()); // a group only holds its files and hands them back
-    // The server calls Init by its slot, the seventh method after IUnknown's, and Add, the fourth.
-    void* init = (*reinterpret_cast<void***>(group.get()))[3 + 6];
-    void* add = (*reinterpret_cast<void***>(groups.get()))[3 + 3];
-    qv::bstr name(L"C:\\app\\Project1.vbp");
-    EXPECT_EQ(reinterpret_cast<HRESULT(STDMETHODCALLTYPE*)(void*, IDepFiles*, BSTR)>(init)(group.get(), files, name.get()) |
-              reinterpret_cast<HRESULT(STDMETHODCALLTYPE*)(void*, void*)>(add)(groups.get(), group.get()), S_OK);
-    group.reset();
-    EXPECT_EQ(CanUnloadNow(), S_FALSE);
-    long count = 0;
-    qv::com_ptr<IQvDepFileGroup> item;
-    qv::com_ptr<IDepFiles> back;
-    ASSERT_EQ(groups->get_Count(&count) | groups->get_Item(1, item.put()), S_OK);
-    EXPECT_EQ(item->get_Name(name.put()) | item->get_Files(back.put()), S_OK);
-    EXPECT_EQ(std::tuple(count, name.str(), back.get()), std::tuple(1L, wstring(L"C:\\app\\Project1.vbp"), files));
-}
-
-
-// One output line (into the file args[0]) per command: "commonfiles|<folder>" (in the most bytes read), "get|<name>"
-// (<hr> <its programs folder>), "filter" (<hr>), "folders" (<entry> lines, then whether kept after a change of Path),
-// "exclusions|<settings text>" (the text made the settings document; <hr> and the exclusion set as <entry>s).
-int RunChild(const std::vector<wstring>& args) {
-    wstring out;
-    com_apartment apartment;
-    registry_override machine(HKEY_LOCAL_MACHINE);
-    for (size_t i = 1; i < args.size(); ++i) {
-        const wstring verb = args[i].substr(0, args[i].find(L'|')), name = args[i].substr(verb.size() + (verb != args[i]));
-        qv::com_ptr<IQvAppServices> services;
-        qv::bstr folder;
-        HRESULT hr = verb == L"filter" ? Thrown([] { CQVWIFilter().SetFiltering(false); }) : S_OK;
-        if (verb == L"commonfiles")
-            registry_override::set_value(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion",
-                                         L"CommonFilesDir", REG_SZ, (name + wstring(MAX_PATH, L'\0')).data(), MAX_PATH * 2);
-        if (verb == L"get" && SUCCEEDED(hr = CoCreateFromLibrary(name, CLSID_QvAppServices, IID_IQvAppServices, services.put())))
-            hr = services->GetProgramsFolder(folder.put());
-        if (verb == L"exclusions") {
-            const wstring settings = qv::DirectoryPart(args[0]) + L"\\settings" + std::to_wstring(i) + L".xml";
-            std::FILE* f = _wfopen(settings.c_str(), L"wb");
-            const std::string text = narrow(name);
-            fwrite(text.data(), 1, text.size(), f), fclose(f);
-            SetEnvironmentVariableW(L"QV_SETTINGS_PATH", settings.c_str());
-            out += Hex(Thrown([] { qv::LoadExclusionList(); }));
-            for (const wstring& entry : qv::ExclusionList())
-                out += L" <" + entry + L">";
-            out += L"\n";
-        } else if (verb == L"folders") {
-            const std::vector<wstring> first = qv::GetSearchFolders();
-            for (const wstring& entry : first)
-                out += L"<" + entry + L">\n";
-            SetEnvironmentVariableW(L"Path", L"changed;later");
-            out += qv::GetSearchFolders() == first ? L"kept\n" : L"changed\n";
-        } else
-            out += Hex(hr) + (folder.str().empty() ? L"" : L" " + folder.str()) + L"\n";
-    }
-    const std::string bytes = narrow(out);
-    FILE* file = args.empty() ? nullptr : _wfopen(args[0].c_str(), L"wb");
-    return file && fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() && fclose(file) == 0 ? 0 : 3;
-}
-
-// Runs the commands in a child with the companion in the folders given; compares its lines without regard to case.
-void ExpectChild(const lines& companions, const lines& commands, const lines& expected) {
-    temp_dir dir;
-    for (const wchar_t* file : {L"toolkit_tests.exe", L"QVObjMgr.DLL"})
-        dir.copy(module_dir() + L"\\" + file, L"root\\one\\two\\app\\" + wstring(file));
-    for (const wstring& to : companions) // a folder for QvAppServices.dll, or a file name of its own
-        dir.copy(module_dir() + L"\\" + kCompanion, to.substr(4) + (to.ends_with(L".dll") ? L"" : wstring(L"\\") + kCompanion));
-    wstring line = wstring(kChildFlag) + L" \"" + (dir / L"out.txt") + L"\"";
-    for (const wstring& command : commands)
-        line += L" \"" + std::regex_replace(command, std::wregex(L"\\{T\\}"), dir.path()) + L"\"";
-    ASSERT_EQ(run_child(dir / L"root\\one\\two\\app\\toolkit_tests.exe", line, dir.path()), std::optional<DWORD>(0));
-    wstring want;
-    for (const wstring& text : expected)
-        want += text + L"\n";
-    EXPECT_EQ(lower(widen(read_file(dir / L"out.txt"))), lower(std::regex_replace(want, std::wregex(L"\\{T\\}"), dir.path())));
-}
-
-TEST(SectionLoader, SectionsAndEntriesByNameAndNumberThroughTheInterface) {
-    com_apartment apartment;
-    temp_dir dir;
-    const wstring good = dir.write(L"comp.dep", "[comp.ocx]\r\nUses1=a.dll\r\nUses2=\r\n[comp.ocx <0409>]\r\nUses1=enu.dll\r\n");
-    const wstring cut = dir.write(L"cut.dep", "[s]\nk=v\n[t\nj=w"), absent = dir / L"absent.dep";
-    auto text = [](auto* object, HRESULT (STDMETHODCALLTYPE std::remove_pointer_t<decltype(object)>::*get)(BSTR*)) {
-        qv::bstr out;
-        return object && SUCCEEDED((object->*get)(out.put())) ? out.str() : L"(none)";
-    };
-    auto by = [](auto index) {
-        VARIANT v;
-        if constexpr (std::is_integral_v<decltype(index)>)
-            V_VT(&v) = VT_I4, V_I4(&v) = index;
-        else
-            V_VT(&v) = VT_BSTR, V_BSTR(&v) = SysAllocString(index);
-        return v;
-    };
-    {
-        qv::com_ptr<IQvSectionLoader> loader;
-        ASSERT_EQ(CoCreateFromLibrary(L"SectionLoader.dll", CLSID_QvSectionLoader, IID_IQvSectionLoader, loader.put()), S_OK);
-        qv::com_ptr<IQvSections> root;
-        qv::com_ptr<IQvSection> section, none;
-        qv::com_ptr<IQvEntries> entries;
-        qv::com_ptr<IQvEntry> first, second, missing;
-        long sections = 0, count = 0;
-        VARIANT name = by(L"COMP.OCX <0409>"), other = by(L"comp.dll"), bad = by(0);
-        V_VT(&bad) = VT_UNKNOWN; // not a name nor a number
-        ASSERT_EQ(loader->Load(qv::bstr(good).get()), S_OK);
-        ASSERT_EQ(loader->get_Root(root.put()), S_OK);
-        EXPECT_TRUE(root->get_Count(&sections) == S_OK && sections == 2);
-        EXPECT_TRUE(root->Item(name, section.put()) == S_OK && root->Item(other, none.put()) == S_OK && !none);
-        EXPECT_EQ(root->Item(bad, none.put()), E_INVALIDARG);
-        EXPECT_EQ(text(section.get(), &IQvSection::get_Name), L"comp.ocx <0409>");
-        ASSERT_TRUE(root->Item(by(1), section.put()) == S_OK && section->get_Entries(entries.put()) == S_OK);
-        EXPECT_TRUE(entries->get_Count(&count) == S_OK && count == 2);
-        VARIANT key = by(L"uses2");
-        EXPECT_TRUE(entries->Item(by(1), first.put()) == S_OK && entries->Item(key, second.put()) == S_OK);
-        EXPECT_TRUE(entries->Item(by(3), missing.put()) == S_OK && !missing);
-        EXPECT_EQ(text(first.get(), &IQvEntry::get_Name) + L"=" + text(first.get(), &IQvEntry::get_Value), L"Uses1=a.dll");
-        EXPECT_EQ(text(second.get(), &IQvEntry::get_Name) + L"=" + text(second.get(), &IQvEntry::get_Value), L"Uses2=");
-        // A bad line ends the read: what came before stands, and the loader says what and where.
-        EXPECT_EQ(loader->Load(qv::bstr(cut).get()), S_FALSE);
-        EXPECT_EQ(text(loader.get(), &IQvSectionLoader::get_Problem), L"line 3: a section header without ']'");
-        EXPECT_EQ(loader->Load(qv::bstr(absent).get()), HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
-        for (VARIANT* v : {&name, &other, &key})
-            VariantClear(v);
-    }
-    using can_unload = HRESULT(STDAPICALLTYPE*)();
-    EXPECT_EQ(reinterpret_cast<can_unload>(reinterpret_cast<void (*)()>(
-                  GetProcAddress(GetModuleHandleW(L"SectionLoader.dll"), "DllCanUnloadNow")))(), S_OK);
-}
-
 // Ends every tree.exe and pstores.exe still running, so that no test leaves a process behind; their count.
 int EndLeftProcesses() {
     int ended = 0;
     for (const auto& [id, entry] : qv::detail::ReadProcessTree(false)) {
         if (lower(entry.name) != L"tree.exe" && lower(entry.name) != L"pstores.exe")
             continue;
-        HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id);
-        ended += process && TerminateProcess(process, 99) && WaitForSingleObject(process, 5000) == WAIT_OBJECT_0;
-        CloseHandle(process);
+        const qv::unique_handle process(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id));
+        ended += process && TerminateProcess(process.get(), 99) &&
+                 WaitForSingleObject(process.get(), 5000) == WAIT_OBJECT_0;
     }
     return ended;
 }
@@ -761,62 +327,4 @@ TEST(Launcher, SetupProgramsTheirChildrenGrandchildrenAndTimeOuts) {
     EXPECT_EQ(EndLeftProcesses(), 1);
 }
 
-// The engine's wire end to end (launch, events, children, the end, its exit with the last client) is
-// exercised through the dynamic scanner in server_test; here the choices made before any engine runs.
-TEST(Engine, ChosenByTheMachineJoinedWithOneBackslashAndNeverMappedInA64BitHost) {
-    bool use64 = false;
-    for (auto [folder, path] : {std::pair{L"", L"TraceHost64.exe"}, {L"C:\\a b\\", L"C:\\a b\\TraceHost64.exe"},
-                                {L"C:\\a", L"C:\\a\\TraceHost64.exe"}})
-        EXPECT_TRUE(ChooseEngine(folder, use64) == path && use64) << narrow(folder); // by the machine, never the target
-    const wstring inSystem = system_dir() + L"\\x.dll";
-    EXPECT_TRUE(CDebugEngineHelper::MapToEngine(inSystem) == inSystem && CDebugEngineHelper::MapFromEngine(inSystem) == inSystem);
-    CDebugEngineHelper missing;
-    EXPECT_EQ(missing.Connect(L"C:\\no\\TraceHost64.exe"), HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
-    EXPECT_EQ(missing.Terminate(), E_POINTER);
-}
-
-TEST(Children, SearchFoldersOfTheirOwnPathExpandedAndKept) {
-    env_scope qvx(L"QVX", L"C:\\qv x"), path(L"Path", L"a;;%QVX%;b;%QVX%\\bin;%QVX_UNSET%;");
-    ExpectChild({}, {L"folders"}, {L"<a>", L"<>", L"<C:\\qv x>", L"<b>", L"<C:\\qv x\\bin>", L"<%QVX_UNSET%>", L"kept"});
-    ExpectChild({}, {L"filter"}, {kMissing}); // the filter without the services library
-}
-
-// The exclusion list: lists add up, a text is kept once whatever its case, an entry without Path is the empty
-// text; a failed read is tried again, a successful one never (the next document is not read).
-TEST(Children, ExclusionListReadOnceFromTheSettingsDocument) {
-    const wstring lists = L"<Halyard><Scanners><DotNetExclusionList><F Path='C:\\A'/><F Path='c:\\a'/><F/>"
-                          L"</DotNetExclusionList><DotNetExclusionList><F Path='D:\\B'/></DotNetExclusionList></Scanners></Halyard>";
-    ExpectChild({L"{T}\\root\\one\\two\\app"}, {L"exclusions|<Halyard", L"exclusions|" + lists, L"exclusions|<Halyard/>"},
-                {L"80004005", L"00000000 <> <C:\\A> <D:\\B>", L"00000000 <> <C:\\A> <D:\\B>"});
-    ExpectChild({L"{T}\\root\\one\\two\\app"}, {L"exclusions|<Halyard><Scanners/></Halyard>"}, {L"00000000"});
-}
-
-TEST(Children, SiblingLadderFirstExistingFolderWins) {
-    const std::vector<wstring> ladder = {L"{T}\\root\\one\\two\\app", L"{T}\\root\\one\\two\\app\\System",
-                                         L"{T}\\common\\Qorvex", L"{T}\\common\\Qorvex\\Zephal",
-                                         L"{T}\\root\\one\\two\\System\\x64", L"{T}\\root\\System\\x64"};
-    for (size_t from = 0; from < ladder.size(); ++from)
-        ExpectChild({ladder.begin() + from, ladder.end()}, {L"commonfiles|{T}\\common", L"get|QvAppServices.dll"},
-                    {L"00000000", L"00000000 " + ladder[from]});
-    ExpectChild({ladder[2], ladder[5]}, {L"get|QvAppServices.dll"}, {L"00000000 " + ladder[5]}); // no CommonFilesDir
-    ExpectChild({ladder[0] + L"\\System\\x64"}, {L"get|QvAppServices.dll"}, {kMissing});
-}
-
-// A failed load is not entered; a name seen before is not searched again, even when the search would now find
-// another file; another spelling is another entry.
-TEST(Children, SiblingCacheKeyedByTheExactSpelling) {
-    ExpectChild({L"{T}\\common\\Qorvex", L"{T}\\common\\Qorvex\\Other.dll", L"{T}\\root\\System\\x64"},
-                {L"get|Other.dll", L"get|QvAppServices.dll", L"commonfiles|{T}\\common", L"get|Other.dll",
-                 L"get|QvAppServices.dll", L"get|qvappservices.dll"},
-                {kMissing, L"00000000 {T}\\root\\System\\x64", L"00000000", L"00000000 {T}\\common\\Qorvex",
-                 L"00000000 {T}\\root\\System\\x64", L"00000000 {T}\\common\\Qorvex"});
-}
-
 } // namespace
-
-int main(int argc, char** argv) {
-    if (auto args = child_arguments(kChildFlag))
-        return RunChild(*args);
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}

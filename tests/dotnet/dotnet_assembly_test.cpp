@@ -173,18 +173,13 @@ TEST(DotNetAssembly, MissingReferencesAskTheHostAndStandUnderTheirSimpleName) {
 }
 
 TEST(DotNetAssembly, NativeMachineFollowsTheImageAndTheComponent) {
-    struct row {
-        const wchar_t* file;
-        bool component64;
-        long machine;
-    };
-    const row rows[] = {
+    const struct { const wchar_t* file; bool component64; long machine; } rows[] = {
         {L"bits\\X86.exe", true, 332},     // 32-bit required wins over the component
         {L"bits\\X64.exe", false, 34404},  // a 64-bit image
         {L"bits\\AnyCpu.exe", false, 332}, // AnyCPU: the component decides
         {L"bits\\AnyCpu.exe", true, 34404},
     };
-    for (const row& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(narrow(r.file) + (r.component64 ? " 64" : " 32"));
         component owner;
         owner.is64 = r.component64 ? VARIANT_TRUE : VARIANT_FALSE;
@@ -223,15 +218,11 @@ TEST(DotNetAssembly, InteropAssembliesNameTheirRegisteredTypeLibrary) {
     const std::wstring key = std::wstring(L"TypeLib\\") + FixtureLibId + L"\\2.5\\0\\win64";
     registry_override::set_value(HKEY_CLASSES_ROOT, key, nullptr, REG_SZ, tlb.c_str(),
                                  static_cast<DWORD>((tlb.size() + 1) * sizeof(wchar_t)));
-    struct row {
-        const wchar_t* file;
-        bool typeLibrary;
-    };
     // The primary interop assembly asks for version 0.0, which is not registered.
-    const row rows[] = {{L"interop\\Interop.FixtureLib.dll", true},
+    const struct { const wchar_t* file; bool typeLibrary; } rows[] = {{L"interop\\Interop.FixtureLib.dll", true},
                         {L"interop\\Pia.FixtureLib.dll", false},
                         {L"interop\\GuidOnly.dll", false}};
-    for (const row& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(narrow(r.file));
         host_sink sink;
         auto a = make_assembly();
@@ -244,10 +235,6 @@ TEST(DotNetAssembly, InteropAssembliesNameTheirRegisteredTypeLibrary) {
 
 TEST(DotNetAssembly, TheStaticScanFollowsTheWholeTreeOfBothWorlds) {
     com_apartment apartment;
-    struct row {
-        long type;
-        std::set<std::wstring> found, missing;
-    };
     const std::set<std::wstring> tree = {L"chain1.dll", L"chain2.dll", L"cyclea.dll", L"cycleb.dll",
                                          L"interop.fixturelib.dll", L"lib.dll", L"multi.dll", L"part.netmodule"};
     // Missing: the end of the chain, the framework (none in this prefix) and the 32-bit native library.
@@ -256,9 +243,9 @@ TEST(DotNetAssembly, TheStaticScanFollowsTheWholeTreeOfBothWorlds) {
     // mscoree.dll finds no 32-bit file, unless import tables are not read.
     std::set<std::wstring> withImports = missing;
     withImports.insert(L"mscoree.dll");
-    const row rows[] = {{estAny, tree, withImports}, {estNoPEDepsForAssemblies, tree, missing},
+    const struct { long type; std::set<std::wstring> found, missing; } rows[] = {{estAny, tree, withImports}, {estNoPEDepsForAssemblies, tree, missing},
                         {estAnyUnlessScannedFileIsAssembly, {}, {}}};
-    for (const row& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(r.type);
         com_ptr<IStaticScan> scan;
         ASSERT_EQ(server().Create(CLSID_StaticScan, nullptr, IID_IStaticScan, scan.put_void()), S_OK);

@@ -6,6 +6,7 @@
 #include "QVWIScanners.h"
 #include "event_recorder.h"
 #include "inc/com_ptr.h"
+#include "inc/engine_wire.h"
 #include "server_support.h"
 #include "test_support.h"
 #include "toolkit/process_launcher.h"
@@ -88,11 +89,12 @@ struct checker {
         const std::wstring mark = std::to_wstring(900000 + ++marks);
         reported.emplace_back(5, mark);
         for (const auto& [kind, text] : reported) {
+            const qv::bstr path(text);
             VARIANT arguments[2] = {{}, number(kind)}; // rgvarg takes them last to first
-            V_VT(&arguments[0]) = VT_BSTR, V_BSTR(&arguments[0]) = SysAllocString(text.c_str());
+            V_VT(&arguments[0]) = VT_BSTR, V_BSTR(&arguments[0]) = path.get();
             DISPPARAMS params{arguments, nullptr, 2, 0};
-            EXPECT_EQ(engine->Invoke(100, IID_NULL, 0, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr), S_OK);
-            VariantClear(&arguments[0]);
+            EXPECT_EQ(engine->Invoke(qv::engine::command::report, IID_NULL, 0, DISPATCH_METHOD, &params, nullptr,
+                                     nullptr, nullptr), S_OK);
         }
         EXPECT_TRUE(pump_until([&] { return !events.events.empty() && events.events.back().second == mark; }));
         events.events.pop_back();
@@ -178,13 +180,9 @@ TEST_F(DepChecker, EachReportIsRecordedOnceUnlessExcludedFilteredOrInAMergeModul
     catalog.answers[L"plugin.dll:x64"] = {&module, VARIANT_TRUE};
     catalog.answers[L"second.dll:x64"] = {&module, VARIANT_TRUE};
     const std::wstring kernel32 = system_dir() + L"\\KERNEL32.DLL";
-    struct row {
-        const char* what;
-        VARIANT_BOOL filtering;
-        bool withCatalog;
-        std::vector<std::pair<long, std::wstring>> reports;
-        std::map<std::wstring, std::wstring> recorded;
-        size_t found, children = 0;
+    const struct {
+        const char* what; VARIANT_BOOL filtering; bool withCatalog; std::vector<std::pair<long, std::wstring>> reports;
+        std::map<std::wstring, std::wstring> recorded; size_t found, children = 0;
     } rows[] = {
         {"a system name is never recorded while filtering", -1, false, {{1, kernel32}}, {}, 0},
         {"without filtering it is, marked filterable", 0, false, {{1, kernel32}}, {{sys + L"\\kernel32.dll", L"F"}}, 1},
@@ -197,7 +195,7 @@ TEST_F(DepChecker, EachReportIsRecordedOnceUnlessExcludedFilteredOrInAMergeModul
     };
     checker c;
     ASSERT_TRUE(c.engine);
-    for (const row& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(r.what);
         c.object->reset();
         c.object->put_Filtering(r.filtering);

@@ -1,14 +1,18 @@
-// What the server's tests share: records as they compare them, read through the interfaces, and strict
-// stand-ins for the host's merge-module catalog.
+// What the tests of the server's clients share: records as they compare them, read through the interfaces,
+// strict stand-ins for the host's merge-module catalog, and a fixture with a static scan and a ScanUtil.
 #pragma once
 
 #include "QVWIScanners.h"
 #include "companions.h"
+#include "filter/filter_base.h"
 #include "inc/com_ptr.h"
+#include "inc/priv_interfaces.h"
+#include "recording_sink.h"
 #include "test_support.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <set>
 #include <string>
@@ -123,5 +127,84 @@ struct fake_catalog : fake<IQvMergeModuleCatalog> {
     }
 };
 #undef QV_UNEXPECTED
+
+inline std::wstring slashed(std::wstring path) { return std::replace(path.begin(), path.end(), L'\\', L'/'), path; }
+
+inline std::wstring walk(const std::wstring& rel) { return fixture(L"walk\\" + rel); }
+
+inline std::wstring windows_dir() {
+    wchar_t buffer[MAX_PATH];
+    return std::wstring(buffer, GetWindowsDirectoryW(buffer, MAX_PATH));
+}
+
+// Drops the names in `drop`, and says those and the names in `listed` are on its lists.
+class list_filter : public CFilterBase {
+public:
+    explicit list_filter(std::set<std::wstring> drop = {}, std::set<std::wstring> listed = {})
+        : m_drop(std::move(drop)), m_listed(std::move(listed)) {}
+    std::vector<std::wstring> asked;
+    bool Filter(const std::wstring& name, bool& bInFilterList) override {
+        asked.push_back(name);
+        bInFilterList = m_listed.count(lower(name)) || m_drop.count(lower(name));
+        return m_drop.count(lower(name)) > 0;
+    }
+    void Initialize() override {}
+
+private:
+    std::set<std::wstring> m_drop, m_listed;
+};
+
+// A static scan and a ScanUtil of the server, a sink and a catalog that must be left with no references.
+// Static scans walk tests/fixtures/walk along the Path the program's main() sets.
+class scan_client : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(server().Create(CLSID_StaticScan, nullptr, IID_IStaticScan, scan.put_void()), S_OK);
+        priv = scan.query<IPrivStaticScan>(IID_IPrivStaticScan);
+        ASSERT_EQ(server().Create(CLSID_ScanUtil, nullptr, IID_IScanUtilValeSP1, util.put_void()), S_OK);
+    }
+    void TearDown() override {
+        priv.reset();
+        scan.reset();
+        util.reset();
+        EXPECT_EQ(sink.refs, 1) << "references left on the sink";
+        EXPECT_EQ(catalog.refs, 1) << "references left on the catalog";
+    }
+
+    // One scan through the private entry with the test's filter (pass-all by default).
+    VARIANT_BOOL run(const std::wstring& file, long type = 0, CFilterBase* filter = nullptr,
+                     recording_sink* events = nullptr) {
+        list_filter passAll;
+        VARIANT_BOOL completed = 12345;
+        EXPECT_EQ(priv->ScanWithFilter(qv::bstr(file).get(), events ? events : &sink, VARIANT_TRUE,
+                                       qv::bstr(L"").get(), &completed, filter ? filter : &passAll, type),
+                  S_OK);
+        return completed;
+    }
+    com_ptr<IDepFiles> dependencies() {
+        com_ptr<IDepFiles> files;
+        EXPECT_EQ(scan->get_Dependencies(files.put()), S_OK);
+        return files;
+    }
+    // ScanFile with the shipped lists from the support folder.
+    HRESULT scan_file(const std::wstring& file, VARIANT_BOOL filter) {
+        VARIANT_BOOL completed = 0;
+        HRESULT hr = scan->ScanFile(qv::bstr(file).get(), &sink, filter, qv::bstr(L"").get(), estAny, &completed);
+        EXPECT_EQ(completed, VARIANT_TRUE);
+        return hr;
+    }
+    record pe(const std::wstring& path) {
+        com_ptr<IDepFile> f;
+        EXPECT_EQ(util->get_PE(qv::bstr(path).get(), f.put()), S_OK);
+        return f ? read(f.get()) : record{};
+    }
+
+    com_apartment apartment;
+    fake_catalog catalog; // outlives the objects that may hold it
+    recording_sink sink;
+    com_ptr<IStaticScan> scan;
+    com_ptr<IPrivStaticScan> priv;
+    com_ptr<IScanUtilValeSP1> util;
+};
 
 } // namespace qv::test
