@@ -5,8 +5,8 @@
 #include "inc/com_boundary.h"
 #include "inc/com_error.h"
 #include "scanutil/scan_util.h"
-#include "server/dep_file.h"
-#include "server/dep_files.h"
+#include "record/dep_file.h"
+#include "record/dep_files.h"
 #include "static/pe_images.h"
 
 #include <oleauto.h>

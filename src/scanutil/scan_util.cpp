@@ -2,7 +2,7 @@
 
 #include "format/pe/pe_layout.h"
 #include "inc/com_boundary.h"
-#include "server/dep_file.h"
+#include "record/dep_file.h"
 #include "static/pe_images.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/version_info.h"

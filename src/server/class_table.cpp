@@ -5,7 +5,7 @@
 #include "dynamic/dep_checker.h"
 #include "inc/com_object.h"
 #include "scanutil/scan_util.h"
-#include "server/dep_file.h"
+#include "record/dep_file.h"
 #include "server/resource.h"
 
 #include <array>

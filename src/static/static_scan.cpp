@@ -1,8 +1,8 @@
 #include "static/static_scan.h"
 
 #include "filter/qvwi_filter.h"
-#include "server/dep_file.h"
-#include "server/dep_files.h"
+#include "record/dep_file.h"
+#include "record/dep_files.h"
 #include "static/dep_walker.h"
 
 CStaticScan::CStaticScan() = default;

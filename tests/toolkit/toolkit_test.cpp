@@ -9,7 +9,7 @@
 #include "inc/com_error.h"
 #include "image_writer.h"
 #include "recording_sink.h"
-#include "server/dep_file.h"
+#include "record/dep_file.h"
 #include "static/dep_walker.h"
 #include "test_support.h"
 #include "toolkit/inifilex.h"

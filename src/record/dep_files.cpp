@@ -1,4 +1,4 @@
-#include "server/dep_files.h"
+#include "record/dep_files.h"
 
 #include "inc/com_boundary.h"
 

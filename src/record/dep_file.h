@@ -12,7 +12,7 @@
 #include "inc/com_dispatch.h"
 #include "inc/com_object.h"
 #include "inc/com_ptr.h"
-#include "server/languages.h"
+#include "record/languages.h"
 
 #include <windows.h>
 

@@ -1,10 +1,10 @@
-#include "server/dep_file.h"
+#include "record/dep_file.h"
 
 #include "filter/filter_base.h"
 #include "format/pe/pe_layout.h"
 #include "inc/com_boundary.h"
 #include "inc/unique_handles.h"
-#include "server/dep_files.h"
+#include "record/dep_files.h"
 #include "static/dep_walker.h"
 #include "static/pe_images.h"
 #include "toolkit/path_helpers.h"
