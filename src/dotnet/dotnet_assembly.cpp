@@ -2,7 +2,7 @@
 
 #include "companions.h"
 #include "dotnet/assembly_location.h"
-#include "dotnet/sibling_module_cache.h"
+#include "siblings/sibling_module_cache.h"
 #include "format/metadata/attribute_blob.h"
 #include "inc/com_boundary.h"
 #include "inc/unique_handles.h"

@@ -1,7 +1,7 @@
 #include "dynamic/dep_checker.h"
 
 #include "companions.h"
-#include "dotnet/sibling_module_cache.h"
+#include "siblings/sibling_module_cache.h"
 #include "inc/com_boundary.h"
 #include "inc/com_error.h"
 #include "scanutil/scan_util.h"

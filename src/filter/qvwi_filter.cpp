@@ -3,7 +3,7 @@
 #include "inc/com_error.h"
 
 #include "companions.h"
-#include "dotnet/sibling_module_cache.h"
+#include "siblings/sibling_module_cache.h"
 #include "filter/xml_loader.h"
 #include "toolkit/path_helpers.h"
 

@@ -1,7 +1,7 @@
 #include "traits/settings_document.h"
 
 #include "companions.h"
-#include "dotnet/sibling_module_cache.h"
+#include "siblings/sibling_module_cache.h"
 #include "filter/xml_loader.h"
 #include "inc/com_error.h"
 

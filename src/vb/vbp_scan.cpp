@@ -1,6 +1,6 @@
 #include "vb/vbp_scan.h"
 
-#include "dotnet/sibling_module_cache.h"
+#include "siblings/sibling_module_cache.h"
 #include "inc/com_boundary.h"
 #include "inc/com_error.h"
 #include "scanutil/scan_util.h"

@@ -1,7 +1,7 @@
 // The machine probes, the version readers, the project traits with QVObjMgr.DLL, QvAppServices.dll reached as the
 // library reaches it, the filter over filters.xml in the folder it names, and the sibling search, run in children.
 #include "companions.h"
-#include "dotnet/sibling_module_cache.h"
+#include "siblings/sibling_module_cache.h"
 #include "dynamic/debug_engine.h"
 #include "filter/qvwi_filter.h"
 #include "filter/vb_filter.h"

@@ -1,4 +1,4 @@
-#include "dotnet/sibling_module_cache.h"
+#include "siblings/sibling_module_cache.h"
 
 #include "inc/com_error.h"
 
