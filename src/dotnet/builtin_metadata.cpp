@@ -2,11 +2,11 @@
 
 #include "format/metadata/metadata.h"
 #include "format/pe/pe_image.h"
+#include "image/file_view.h"
 #include "inc/com_boundary.h"
 #include "inc/com_error.h"
 #include "inc/com_object.h"
 #include "inc/com_ptr.h"
-#include "static/file_view.h"
 #include "toolkit/string_convert.h"
 
 #include <corerror.h>

@@ -2,11 +2,11 @@
 
 #include "companions.h"
 #include "dotnet/assembly_location.h"
-#include "siblings/sibling_module_cache.h"
 #include "format/metadata/attribute_blob.h"
+#include "image/dependency_search.h"
 #include "inc/com_boundary.h"
 #include "inc/unique_handles.h"
-#include "static/dep_walker.h"
+#include "siblings/sibling_module_cache.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
 #include "toolkit/string_convert.h"

@@ -1,13 +1,13 @@
 #include "dynamic/dep_checker.h"
 
 #include "companions.h"
-#include "siblings/sibling_module_cache.h"
+#include "image/pe_images.h"
 #include "inc/com_boundary.h"
 #include "inc/com_error.h"
-#include "scanutil/scan_util.h"
 #include "record/dep_file.h"
 #include "record/dep_files.h"
-#include "static/pe_images.h"
+#include "scanutil/scan_util.h"
+#include "siblings/sibling_module_cache.h"
 
 #include <oleauto.h>
 

@@ -4,8 +4,8 @@
 
 #include "companions.h"
 #include "siblings/sibling_module_cache.h"
-#include "filter/xml_loader.h"
 #include "toolkit/path_helpers.h"
+#include "toolkit/xml_loader.h"
 
 #include <cwctype>
 #include <string_view>

@@ -1,8 +1,8 @@
 #include "filter/vb_filter.h"
 
 #include "companions.h"
-#include "siblings/sibling_module_cache.h"
 #include "inc/com_error.h"
+#include "siblings/sibling_module_cache.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
 

@@ -1,12 +1,9 @@
 #include "record/dep_file.h"
 
-#include "filter/filter_base.h"
 #include "format/pe/pe_layout.h"
+#include "image/pe_images.h"
 #include "inc/com_boundary.h"
 #include "inc/unique_handles.h"
-#include "record/dep_files.h"
-#include "static/dep_walker.h"
-#include "static/pe_images.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
 #include "toolkit/version_info.h"
@@ -481,45 +478,4 @@ void CDepFile::LoadFromFile(const std::wstring& path) {
     // last translation only.
     for (DWORD translation : info.m_translations)
         m_pLanguages->Add(L"1", static_cast<long>(LOWORD(translation)));
-}
-
-// ---- The bridge from the static scanner
-
-void MakeDepFile(CDepFiles* files, const ScannedFile& record, CFilterBase* filter, bool& bIsMergeModule, BSTR* name,
-                 IDepFile** depFile) {
-    if (depFile)
-        *depFile = nullptr;
-    qv::com_object<CDepFile>* created = nullptr;
-    check_hr(qv::com_object<CDepFile>::CreateInstance(&created));
-    qv::com_ptr<qv::com_object<CDepFile>> file(created);
-
-    std::wstring key = record.FullPath;
-    file->SetSelfRegistering(record.SelfRegistering);
-    file->SetAutoSelfReg(false);
-    file->SetAssembly(record.Assembly.get());
-    file->LoadFromFile(key);
-
-    if (record.MergeModuleSubject.empty() || record.MergeModuleKey.empty()) {
-        bIsMergeModule = false;
-        bool inFilterList = false;
-        bool drop = false;
-        if (filter)
-            AskFilter(filter, record.FullPath, inFilterList, drop);
-        // On a list, whether or not it is to be dropped now.
-        file->SetFilterable(inFilterList);
-    } else {
-        bIsMergeModule = true;
-        // One entry per module however many of its files were met; a missing module is not looked up,
-        // so a later one replaces the earlier entry under its key.
-        qv::bstr moduleKey(record.MergeModuleKey);
-        if (!record.MissingMergeModule && files && files->Contains(moduleKey.get()))
-            return;
-        file->SetMergeModule(record.MergeModuleSubject, record.MergeModuleKey, record.MissingMergeModule);
-        key = record.MergeModuleKey;
-    }
-
-    if (!name)
-        throw com_exception(E_POINTER);
-    *name = qv::bstr(key).detach();
-    check_hr(file->QueryInterface(IID_IDepFile, reinterpret_cast<void**>(depFile)));
 }

@@ -1,9 +1,9 @@
 #include "scanutil/scan_util.h"
 
 #include "format/pe/pe_layout.h"
+#include "image/pe_images.h"
 #include "inc/com_boundary.h"
 #include "record/dep_file.h"
-#include "static/pe_images.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/version_info.h"
 

@@ -4,9 +4,9 @@
 #include "dotnet/dotnet_assembly.h"
 #include "dynamic/dep_checker.h"
 #include "inc/com_object.h"
-#include "scanutil/scan_util.h"
+#include "inc/resource.h"
 #include "record/dep_file.h"
-#include "server/resource.h"
+#include "scanutil/scan_util.h"
 
 #include <array>
 #include "static/static_scan.h"

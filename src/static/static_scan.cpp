@@ -4,6 +4,7 @@
 #include "record/dep_file.h"
 #include "record/dep_files.h"
 #include "static/dep_walker.h"
+#include "static/make_dep_file.h"
 
 CStaticScan::CStaticScan() = default;
 CStaticScan::~CStaticScan() = default;
