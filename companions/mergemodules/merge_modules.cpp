@@ -3,6 +3,7 @@
 // and kept; lookups read nothing. Its one class is handed out through DllGetClassObject with no
 // registration; each live object and each class factory a client holds keeps one lock on the module.
 #include "companions.h"
+#include "inc/com_boundary.h"
 #include "inc/com_module.h"
 #include "inc/com_object.h"
 #include "inc/com_ptr.h"
@@ -37,10 +38,6 @@ struct module_data {
 using qv::LowerCase;
 
 constexpr int kNullInteger = static_cast<int>(MSI_NULL_INTEGER); // what an empty integer column reads as
-
-HRESULT Text(const std::wstring& text, BSTR* out) {
-    return qv::copy_text_out(text, out);
-}
 
 // Dotted versions compared part by part as numbers.
 int CompareVersions(const std::wstring& a, const std::wstring& b) {
@@ -220,17 +217,17 @@ public:
     STDMETHOD(Reserved5)() override { return E_NOTIMPL; }
     STDMETHOD(Reserved6)() override { return E_NOTIMPL; }
     STDMETHOD(Reserved7)() override { return E_NOTIMPL; }
-    STDMETHOD(get_ModuleId)(BSTR* text) override { return Text(m_data->id, text); }
-    STDMETHOD(get_ModuleKey)(BSTR* text) override { return Text(m_data->key, text); }
+    STDMETHOD(get_ModuleId)(BSTR* text) override { return qv::copy_text_out(m_data->id, text); }
+    STDMETHOD(get_ModuleKey)(BSTR* text) override { return qv::copy_text_out(m_data->key, text); }
     STDMETHOD(Reserved8)() override { return E_NOTIMPL; }
     STDMETHOD(Reserved9)() override { return E_NOTIMPL; }
-    STDMETHOD(get_ModuleName)(BSTR* text) override { return Text(m_data->subject, text); }
+    STDMETHOD(get_ModuleName)(BSTR* text) override { return qv::copy_text_out(m_data->subject, text); }
 
     STDMETHOD(get_Language)(long* language) override {
         return language ? (*language = m_data->language, S_OK) : E_POINTER;
     }
-    STDMETHOD(get_Version)(BSTR* text) override { return Text(m_data->version, text); }
-    STDMETHOD(get_File)(BSTR* text) override { return Text(m_data->file, text); }
+    STDMETHOD(get_Version)(BSTR* text) override { return qv::copy_text_out(m_data->version, text); }
+    STDMETHOD(get_File)(BSTR* text) override { return qv::copy_text_out(m_data->file, text); }
     STDMETHOD(get_FileCount)(long* count) override {
         return count ? (*count = static_cast<long>(m_data->files.size()), S_OK) : E_POINTER;
     }
@@ -243,8 +240,8 @@ public:
         *language = wcstol(file.languages.c_str(), nullptr, 10);
         *is64Bit = file.is64Bit ? VARIANT_TRUE : VARIANT_FALSE;
         *version = nullptr;
-        const HRESULT hr = Text(file.name, name);
-        return FAILED(hr) ? hr : Text(file.version, version);
+        const HRESULT hr = qv::copy_text_out(file.name, name);
+        return FAILED(hr) ? hr : qv::copy_text_out(file.version, version);
     }
 
 private:
@@ -318,13 +315,13 @@ public:
     }
     STDMETHOD(GetMissingMergeModuleKey)(BSTR bstrSource, BSTR* key) override {
         const module_data* module = AbsentModuleOf(qv::FileNamePart(bstrSource ? bstrSource : L""));
-        return Text(module ? module->key : L"", key);
+        return qv::copy_text_out(module ? module->key : L"", key);
     }
     STDMETHOD(GetMissingMergeModuleSubject)(BSTR key, BSTR* subject) override {
         for (const auto& module : m_modules)
             if (!module->present && key && module->key == key)
-                return Text(module->subject, subject);
-        return Text(L"", subject);
+                return qv::copy_text_out(module->subject, subject);
+        return qv::copy_text_out(L"", subject);
     }
 
     STDMETHOD(Load)(BSTR folder) override {
@@ -355,15 +352,16 @@ public:
         }
         ReadAbsentModules(qv::JoinPath(root, L"modules.ini"), m_modules);
         for (const auto& module : m_modules) {
-            qv::com_object<CQvMergeModule>* record = nullptr;
-            const HRESULT hr = qv::com_object<CQvMergeModule>::CreateInstance(&record, module);
+            const HRESULT hr = qv::com_boundary([&] {
+                m_records.push_back(qv::make_object<CQvMergeModule>(module));
+                return S_OK;
+            });
             if (FAILED(hr))
                 return hr;
-            m_records.push_back(qv::com_ptr<IQvMergeModule>(static_cast<IQvMergeModule*>(record)));
         }
         return m_problems.empty() ? S_OK : S_FALSE;
     }
-    STDMETHOD(get_Problems)(BSTR* text) override { return Text(m_problems, text); }
+    STDMETHOD(get_Problems)(BSTR* text) override { return qv::copy_text_out(m_problems, text); }
     STDMETHOD(get_Count)(long* count) override {
         return count ? (*count = static_cast<long>(m_records.size()), S_OK) : E_POINTER;
     }

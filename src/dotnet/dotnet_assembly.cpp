@@ -22,10 +22,6 @@ namespace {
 constexpr ULONG MaxTokens = 2048;
 constexpr mdToken AssemblyToken = 0x20000001;
 
-HRESULT copy_out(const std::wstring& text, BSTR* pVal) {
-    return qv::copy_text_out(text, pVal);
-}
-
 // The tokens of one enumeration call; the enumerator is closed at once.
 template <class Interface, class Enumerate>
 std::vector<mdToken> enumerate_tokens(Interface* scope, Enumerate enumerate) {
@@ -42,13 +38,7 @@ void remember_seen(const std::wstring& path) {
     g_SeenAssemblyFiles.emplace(path, 1);
 }
 
-template <class T> qv::com_ptr<T> make_object() {
-    qv::com_object<T>* object = nullptr;
-    check_hr(qv::com_object<T>::CreateInstance(&object));
-    return qv::com_ptr<T>(object);
-}
-
-qv::com_ptr<IDotNetAssemblyRef> as_ref(const qv::com_ptr<CDotNetAssemblyRef>& reference) {
+qv::com_ptr<IDotNetAssemblyRef> as_ref(const qv::com_ptr<qv::com_object<CDotNetAssemblyRef>>& reference) {
     return qv::com_ptr<IDotNetAssemblyRef>(static_cast<IDotNetAssemblyRefValeSP1*>(reference.get()));
 }
 
@@ -268,19 +258,19 @@ STDMETHODIMP CDotNetAssembly::LoadProperties(BSTR bstrFileName, VARIANT_BOOL* pb
 }
 
 STDMETHODIMP CDotNetAssembly::get_Name(BSTR* pVal) {
-    return copy_out(m_Name, pVal);
+    return qv::copy_text_out(m_Name, pVal);
 }
 STDMETHODIMP CDotNetAssembly::get_Version(BSTR* pVal) {
-    return copy_out(m_Version, pVal);
+    return qv::copy_text_out(m_Version, pVal);
 }
 STDMETHODIMP CDotNetAssembly::get_PublicKeyToken(BSTR* pVal) {
-    return copy_out(m_PublicKeyToken, pVal);
+    return qv::copy_text_out(m_PublicKeyToken, pVal);
 }
 STDMETHODIMP CDotNetAssembly::get_Culture(BSTR* pVal) {
-    return copy_out(m_Culture, pVal);
+    return qv::copy_text_out(m_Culture, pVal);
 }
 STDMETHODIMP CDotNetAssembly::get_FileName(BSTR* pVal) {
-    return copy_out(m_FileName, pVal);
+    return qv::copy_text_out(m_FileName, pVal);
 }
 
 STDMETHODIMP CDotNetAssembly::get_Dependencies(IStaticScanEvents* pEvents, IDotNetAssemblyRefs** pVal) {
@@ -289,7 +279,7 @@ STDMETHODIMP CDotNetAssembly::get_Dependencies(IStaticScanEvents* pEvents, IDotN
     *pVal = nullptr;
     return qv::com_boundary([&] {
         if (!m_pRefs) {
-            m_pRefs = make_object<CDotNetAssemblyRefs>().template query<IDotNetAssemblyRefs>(IID_IDotNetAssemblyRefs);
+            m_pRefs = qv::make_object<CDotNetAssemblyRefs>().query<IDotNetAssemblyRefs>(IID_IDotNetAssemblyRefs);
             // A scope that never opened has nothing to walk: the list stays empty.
             if (m_Scope.Import() && m_Scope.AssemblyImport()) {
                 WalkAssemblyRefs(pEvents);
@@ -349,7 +339,7 @@ void CDotNetAssembly::WalkAssemblyRefs(IStaticScanEvents* pEvents) {
             qv::bstr answer;
             if (!pEvents || FAILED(pEvents->GetReferencePath(qv::bstr(simpleName).get(), answer.put())) ||
                 answer.str().empty() || GetFileAttributesW(answer.str().c_str()) == INVALID_FILE_ATTRIBUTES) {
-                auto missing = make_object<CDotNetAssemblyRef>();
+                auto missing = qv::make_object<CDotNetAssemblyRef>();
                 missing->SetMissing(simpleName);
                 check_hr(m_pRefs->Add(qv::bstr(simpleName).get(), as_ref(missing).get()));
                 continue;
@@ -357,7 +347,7 @@ void CDotNetAssembly::WalkAssemblyRefs(IStaticScanEvents* pEvents) {
             path = answer.str();
             remember_seen(path);
         }
-        auto reference = make_object<CDotNetAssemblyRef>();
+        auto reference = qv::make_object<CDotNetAssemblyRef>();
         reference->SetAssemblyFile(path);
         check_hr(m_pRefs->Add(qv::bstr(path).get(), as_ref(reference).get()));
     }
@@ -413,7 +403,7 @@ void CDotNetAssembly::WalkFiles(IStaticScanEvents*) {
         if (qv::ExtensionPart(name).empty())
             name += L".dll";
         remember_seen(name);
-        auto reference = make_object<CDotNetAssemblyRef>();
+        auto reference = qv::make_object<CDotNetAssemblyRef>();
         reference->ResolveFile(name, 0);
         check_hr(m_pRefs->Add(qv::bstr(name).get(), as_ref(reference).get()));
     }
@@ -455,7 +445,7 @@ void CDotNetAssembly::WalkOtherReferences(IStaticScanEvents* pEvents) {
             // The one walk in which the seen files filter.
             if (!g_SeenAssemblyFiles.emplace(path, 1).second)
                 continue;
-            auto reference = make_object<CDotNetAssemblyRef>();
+            auto reference = qv::make_object<CDotNetAssemblyRef>();
             reference->SetAssemblyFile(path);
             check_hr(m_pRefs->Add(qv::bstr(path).get(), as_ref(reference).get()));
         }
@@ -488,7 +478,7 @@ void CDotNetAssembly::WalkInteropRefs() {
     if (FAILED(QueryPathOfRegTypeLib(library, major, minor, 1024, path.put())) || !path.get())
         return;
     remember_seen(path.str());
-    auto reference = make_object<CDotNetAssemblyRef>();
+    auto reference = qv::make_object<CDotNetAssemblyRef>();
     reference->ResolveFile(path.str(), 0);
     check_hr(m_pRefs->Add(path.get(), as_ref(reference).get()));
 }
@@ -499,8 +489,7 @@ STDMETHODIMP CDotNetAssemblyRef::get_FileName(BSTR* pVal) {
     *pVal = nullptr;
     if (!m_FileName.get())
         return S_OK;
-    *pVal = SysAllocStringLen(m_FileName.get(), SysStringLen(m_FileName.get()));
-    return *pVal ? S_OK : E_OUTOFMEMORY;
+    return qv::copy_text_out(m_FileName.view(), pVal);
 }
 
 STDMETHODIMP CDotNetAssemblyRef::get_DotNetAssembly(IDotNetAssembly** pVal) {
@@ -527,7 +516,7 @@ STDMETHODIMP CDotNetAssemblyRef::get_Machine(long* pVal) {
 
 void CDotNetAssemblyRef::SetAssemblyFile(const std::wstring& path) {
     m_FileName = qv::bstr(path);
-    auto child = make_object<CDotNetAssembly>();
+    auto child = qv::make_object<CDotNetAssembly>();
     m_pAssembly = child.template query<IDotNetAssembly>(IID_IDotNetAssembly);
     if (m_pAssembly->Load(qv::bstr(path).get()) == S_OK) {
         m_bFound = 1;

@@ -8,6 +8,7 @@
 // that advises or unadvises while an event is being delivered is seen from the next slot on.
 #pragma once
 
+#include "inc/com_boundary.h"
 #include "inc/com_object.h"
 #include "inc/com_ptr.h"
 
@@ -81,19 +82,12 @@ public:
         if (!out)
             return E_POINTER;
         *out = nullptr;
-        com_object<snapshot_enum>* e = nullptr;
-        HRESULT hr = com_object<snapshot_enum>::CreateInstance(&e);
-        if (FAILED(hr))
-            return hr;
-        e->AddRef();
-        try {
+        return com_boundary([&] {
+            auto e = make_object<snapshot_enum>();
             e->Assign(items, position);
-        } catch (const std::bad_alloc&) {
-            e->Release();
-            return E_OUTOFMEMORY;
-        }
-        *out = e;
-        return S_OK;
+            *out = e.detach();
+            return S_OK;
+        });
     }
 
     STDMETHOD(Next)(ULONG count, Item* items, ULONG* fetched) override {

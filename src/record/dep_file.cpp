@@ -174,9 +174,7 @@ bool ListedInSharedDlls(std::wstring_view name, REGSAM access) {
 using namespace qv::dep_file_detail;
 
 CDepFile::CDepFile() {
-    qv::com_object<CLanguages>* languages = nullptr;
-    check_hr(qv::com_object<CLanguages>::CreateInstance(&languages));
-    m_pLanguages = qv::com_ptr<qv::com_object<CLanguages>>(languages);
+    m_pLanguages = qv::make_object<CLanguages>();
 }
 
 // ---- IDepFile
@@ -253,8 +251,7 @@ STDMETHODIMP CDepFile::PutDestPath(BSTR bstrVal) {
 STDMETHODIMP CDepFile::GetDestPath(BSTR* pbstrVal) {
     if (!pbstrVal)
         return E_INVALIDARG;
-    *pbstrVal = SysAllocStringLen(m_sDestPath.data(), static_cast<UINT>(m_sDestPath.size()));
-    return *pbstrVal ? S_OK : E_OUTOFMEMORY;
+    return qv::copy_text_out(m_sDestPath, pbstrVal);
 }
 
 namespace {

@@ -62,9 +62,7 @@ STDMETHODIMP CScanUtil::get_PE(BSTR FileName, IDepFile** ppPE) {
                 return S_OK;
             selfRegistering = image.ExportsDllRegisterServer();
         }
-        qv::com_object<CDepFile>* created = nullptr;
-        check_hr(qv::com_object<CDepFile>::CreateInstance(&created));
-        qv::com_ptr<qv::com_object<CDepFile>> record(created);
+        auto record = qv::make_object<CDepFile>();
         // Settled here from the export table, so that the record never loads the file to find out.
         record->SetAutoSelfReg(false);
         record->SetSelfRegistering(selfRegistering);

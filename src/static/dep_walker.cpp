@@ -117,9 +117,7 @@ void CDepWalker::Scan(const std::wstring& file, IStaticScanEvents* events, CFilt
     m_sLangId = langId;
     m_nScanMode = scanType & ~IgnoreCatalogFlag;
 
-    qv::com_object<CScanUtil>* scanUtil = nullptr;
-    check_hr(qv::com_object<CScanUtil>::CreateInstance(&scanUtil));
-    m_pScanUtil = qv::com_ptr<IScanUtilValeSP1>(scanUtil);
+    m_pScanUtil = qv::make_object<CScanUtil>();
 
     // The host's merge-module catalog, unless the scan type says to leave it unused.
     qv::com_ptr<IUnknown> catalog;

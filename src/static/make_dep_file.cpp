@@ -9,9 +9,7 @@ void MakeDepFile(CDepFiles* files, const ScannedFile& record, CFilterBase* filte
                  IDepFile** depFile) {
     if (depFile)
         *depFile = nullptr;
-    qv::com_object<CDepFile>* created = nullptr;
-    check_hr(qv::com_object<CDepFile>::CreateInstance(&created));
-    qv::com_ptr<qv::com_object<CDepFile>> file(created);
+    auto file = qv::make_object<CDepFile>();
 
     std::wstring key = record.FullPath;
     file->SetSelfRegistering(record.SelfRegistering);
@@ -38,8 +36,6 @@ void MakeDepFile(CDepFiles* files, const ScannedFile& record, CFilterBase* filte
         key = record.MergeModuleKey;
     }
 
-    if (!name)
-        throw com_exception(E_POINTER);
-    *name = qv::bstr(key).detach();
+    check_hr(qv::copy_text_out(key, name));
     check_hr(file->QueryInterface(IID_IDepFile, reinterpret_cast<void**>(depFile)));
 }

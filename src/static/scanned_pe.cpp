@@ -8,9 +8,7 @@ CScannedPE::CScannedPE(const std::wstring& path) : CPEImage(path) {
     // CLI header, where no reader of metadata can find any: that spares a second open of every native file.
     if (!Usable() || DirectorySize(14) == 0 || DirectoryRva(14) == 0)
         return;
-    qv::com_object<CDotNetAssembly>* created = nullptr;
-    check_hr(qv::com_object<CDotNetAssembly>::CreateInstance(&created));
-    qv::com_ptr<IDotNetAssembly> assembly(static_cast<IDotNetAssembly*>(created));
+    qv::com_ptr<IDotNetAssembly> assembly = qv::make_object<CDotNetAssembly>();
     const HRESULT hr = assembly->Load(qv::bstr(path).get());
     if (SUCCEEDED(hr)) {
         m_pAssembly = qv::com_ptr<IUnknown>(assembly.get());
