@@ -3,6 +3,7 @@
 #include "companions.h"
 #include "dotnet/assembly_location.h"
 #include "format/metadata/attribute_blob.h"
+#include "format/pe/pe_layout.h"
 #include "image/dependency_search.h"
 #include "inc/com_boundary.h"
 #include "inc/unique_handles.h"
@@ -17,6 +18,8 @@
 std::map<std::wstring, BYTE> g_SeenAssemblyFiles;
 
 namespace {
+
+namespace pe_machine = qv::pe::layout::machine;
 
 // Each walk reads at most this many rows with one enumeration call.
 constexpr ULONG MaxTokens = 2048;
@@ -57,7 +60,7 @@ bool component_is_64bit(IStaticScanEvents* pEvents) {
 }
 
 DWORD native_64bit_machine() {
-    return qv::IsItanium() ? 512 : 34404;
+    return qv::IsItanium() ? pe_machine::ia64 : pe_machine::amd64;
 }
 
 // What the interop attributes of one assembly say.
@@ -131,7 +134,7 @@ std::wstring MachineNameFromPEKind(DWORD kind, DWORD machine) {
     if (kind & 2)
         text = L"X86";
     else if (kind & 4)
-        text = machine == 512 ? L"IA64" : machine == 34404 ? L"Amd64" : L"";
+        text = machine == pe_machine::ia64 ? L"IA64" : machine == pe_machine::amd64 ? L"Amd64" : L"";
     return text;
 }
 
@@ -375,14 +378,15 @@ void CDotNetAssembly::WalkModuleRefs(IStaticScanEvents* pEvents) {
         if (SUCCEEDED(scope->QueryInterface(IID_IMetaDataImport2, import2.put_void())) &&
             SUCCEEDED(import2->GetPEKind(&kind, &peMachine))) {
             if (kind & 2)
-                machine = 332;
+                machine = pe_machine::i386;
             else if (kind & 4)
-                machine = peMachine == 512 || peMachine == 34404 ? peMachine : native_64bit_machine();
+                machine = peMachine == pe_machine::ia64 || peMachine == pe_machine::amd64 ? peMachine
+                                                                                        : native_64bit_machine();
         }
         // For an AnyCPU assembly the component being authored tells which native library is meant.
         if (machine == 0)
-            machine = component_is_64bit(pEvents) ? native_64bit_machine() : 332;
-        auto reference = make_object<CDotNetAssemblyRef>();
+            machine = component_is_64bit(pEvents) ? native_64bit_machine() : pe_machine::i386;
+        auto reference = qv::make_object<CDotNetAssemblyRef>();
         reference->ResolveFile(name, machine);
         check_hr(m_pRefs->Add(qv::bstr(name).get(), as_ref(reference).get()));
     }

@@ -15,8 +15,6 @@
 namespace {
 
 constexpr wchar_t kSharedDllsKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\SharedDlls";
-constexpr wchar_t kCurrentVersionKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion";
-constexpr wchar_t kCommonFilesValue[] = L"CommonFilesDir";
 
 using qv::unique_hfind;
 
@@ -69,23 +67,6 @@ DATE LocalDosTime(const FILETIME& written) {
         !DosDateTimeToVariantTime(dosDate, dosTime, &result))
         return 0;
     return result;
-}
-
-// HKLM\...\CurrentVersion\CommonFilesDir as stored (not expanded), or empty.
-std::wstring ReadCommonFilesDir() {
-    DWORD flags = RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND;
-    std::vector<wchar_t> buffer(MAX_PATH);
-    for (int attempt = 0; attempt < 4; ++attempt) {
-        DWORD size = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
-        LONG status = RegGetValueW(HKEY_LOCAL_MACHINE, kCurrentVersionKey, kCommonFilesValue, flags, nullptr,
-                                   buffer.data(), &size);
-        if (status == ERROR_SUCCESS)
-            return std::wstring(buffer.data(), wcsnlen(buffer.data(), buffer.size()));
-        if (status != ERROR_MORE_DATA)
-            return {};
-        buffer.resize(size / sizeof(wchar_t) + 1);
-    }
-    return {};
 }
 
 } // namespace
@@ -363,7 +344,7 @@ std::optional<std::wstring> CDepFile::MapDestPath(const std::wstring& path) {
     static const folder_token pairs[] = {
         {[] { return qv::SystemFolder(); }, &qv::traits::SystemFolderToken},
         {[] { return qv::WindowsFolder(); }, &qv::traits::WindowsFolderToken},
-        {&ReadCommonFilesDir, &qv::traits::CommonFilesFolderToken},
+        {&qv::ReadCommonFilesDir, &qv::traits::CommonFilesFolderToken},
     };
     for (const folder_token& pair : pairs) {
         std::wstring folder = qv::LowerCase(pair.folder());
@@ -410,7 +391,7 @@ void CDepFile::SetMergeModule(std::wstring_view name, std::wstring_view path, bo
     m_bIsMissing = bMissing;
 }
 
-bool CDepFile::TestSelfRegistration(const std::wstring& path, const version_info& info) {
+bool CDepFile::TestSelfRegistration(const std::wstring& path, const qv::version_info& info) {
     // An executable announces itself in its version resource; it is never loaded.
     if (EqualNoCase(qv::ExtensionPart(path), L".exe"))
         return info.GetString("OLESelfRegister") != nullptr;
@@ -451,7 +432,7 @@ void CDepFile::LoadFromFile(const std::wstring& path) {
     }
     SetPaths(name, path);
 
-    version_info info(path);
+    qv::version_info info(path);
     m_bSelfRegistering = ToVariantBool(TestSelfRegistration(path, info));
 
     WIN32_FIND_DATAW data{};
@@ -468,8 +449,8 @@ void CDepFile::LoadFromFile(const std::wstring& path) {
 
     m_bShared = ToVariantBool(!m_bstrName.empty() && TestShared(path));
 
-    m_nMajorVersion = static_cast<long>(info.m_nFileVersionMS);
-    m_nMinorVersion = static_cast<long>(info.m_nFileVersionLS);
+    m_nMajorVersion = static_cast<long>(info.dwFileVersionMS);
+    m_nMinorVersion = static_cast<long>(info.dwFileVersionLS);
 
     // Every translation goes under the one key "1": the collection ends up holding the language of the
     // last translation only.

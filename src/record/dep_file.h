@@ -20,7 +20,9 @@
 #include <string>
 #include <string_view>
 
+namespace qv {
 class version_info;
+}
 
 class CDepFile
     : public qv::object_root,
@@ -111,7 +113,7 @@ public:
     static std::optional<std::wstring> MapDestPath(const std::wstring& path);
 
 private:
-    bool TestSelfRegistration(const std::wstring& path, const version_info& info);
+    bool TestSelfRegistration(const std::wstring& path, const qv::version_info& info);
     bool TestShared(const std::wstring& path) const;
 
     qv::bstr m_bstrName;
