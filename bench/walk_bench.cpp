@@ -6,8 +6,8 @@
 // walk). Files that are no usable image are counted as they come, since a scan of them is cheap but real.
 #include "QVWIScanners.h"
 #include "bench_support.h"
+#include "image/pe_images.h"
 #include "static/dep_walker.h"
-#include "static/pe_images.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
 

@@ -12,7 +12,7 @@
 // arguments; 3 the file does not exist, or a project scan stopped at a missing form or project; 4 the traced
 // target was ended before it finished, or a project scan was cancelled.
 #include "QVWIScanners.h"
-#include "server/class_registration.h"
+#include "inc/class_registration.h"
 #include "qvscan.h"
 #include "text_output.h"
 

@@ -11,10 +11,7 @@ template <class Answer> HRESULT Reply(BSTR* out, Answer&& answer) {
     if (!out)
         return E_POINTER;
     *out = nullptr;
-    return qv::com_boundary([&] {
-        *out = qv::bstr(std::wstring(answer())).detach();
-        return S_OK;
-    });
+    return qv::com_boundary([&] { return qv::copy_text_out(std::wstring(answer()), out); });
 }
 
 } // namespace

@@ -5,13 +5,7 @@
 #include <string>
 
 STDMETHODIMP CQvDepFileGroup::get_Name(BSTR* name) {
-    if (!name)
-        return E_POINTER;
-    *name = nullptr;
-    return qv::com_boundary([&] {
-        *name = qv::bstr(std::wstring(m_bstrName.view())).detach();
-        return S_OK;
-    });
+    return qv::copy_text_out(m_bstrName.view(), name);
 }
 
 STDMETHODIMP CQvDepFileGroup::get_Files(IDepFiles** files) {

@@ -3,6 +3,7 @@
 // and kept; lookups read nothing. Its one class is handed out through DllGetClassObject with no
 // registration; each live object and each class factory a client holds keeps one lock on the module.
 #include "companions.h"
+#include "inc/com_boundary.h"
 #include "inc/com_module.h"
 #include "inc/com_object.h"
 #include "inc/com_ptr.h"
@@ -343,11 +344,12 @@ public:
         }
         ReadAbsentModules(qv::JoinPath(root, L"modules.ini"), m_modules);
         for (const auto& module : m_modules) {
-            qv::com_object<CQvMergeModule>* record = nullptr;
-            const HRESULT hr = qv::com_object<CQvMergeModule>::CreateInstance(&record, module);
+            const HRESULT hr = qv::com_boundary([&] {
+                m_records.push_back(qv::make_object<CQvMergeModule>(module));
+                return S_OK;
+            });
             if (FAILED(hr))
                 return hr;
-            m_records.push_back(qv::com_ptr<IQvMergeModule>(static_cast<IQvMergeModule*>(record)));
         }
         return m_problems.empty() ? S_OK : S_FALSE;
     }

@@ -2,6 +2,7 @@
 // one read-only copy of the file. Its one class is handed out through DllGetClassObject with no
 // registration; each live object and each class factory a client holds keeps one lock on the module.
 #include "companions.h"
+#include "inc/com_boundary.h"
 #include "inc/com_module.h"
 #include "inc/com_object.h"
 #include "inc/com_ptr.h"
@@ -34,20 +35,6 @@ HRESULT ReadIndex(const VARIANT& index, long& number, std::wstring& name) {
 template <class T> const T* Numbered(const std::vector<T>& items, long number) {
     return number >= 1 && static_cast<size_t>(number) <= items.size() ? &items[static_cast<size_t>(number) - 1]
                                                                        : nullptr;
-}
-
-// Makes an object of class T from args and hands out its interface I, or null.
-template <class T, class I, class... Args> HRESULT HandOut(I** out, Args&&... args) {
-    if (!out)
-        return E_POINTER;
-    *out = nullptr;
-    qv::com_object<T>* object = nullptr;
-    HRESULT hr = qv::com_object<T>::CreateInstance(&object, std::forward<Args>(args)...);
-    if (FAILED(hr))
-        return hr;
-    object->AddRef();
-    *out = object;
-    return S_OK;
 }
 
 class CQvEntry : public qv::object_root, public IQvEntry {
@@ -93,7 +80,12 @@ public:
         const qv::inifileentryx* found = Numbered(m_section->m_entries, number);
         if (!found && (V_VT(&index) == VT_BSTR || V_VT(&index) == (VT_BSTR | VT_BYREF)))
             found = const_cast<qv::inifilesectionx*>(m_section)->Find(key);
-        return found ? HandOut<CQvEntry>(entry, m_file, found) : S_OK;
+        if (!found)
+            return S_OK;
+        return qv::com_boundary([&] {
+            return qv::make_object<CQvEntry>(m_file, found)
+                ->QueryInterface(IID_IQvEntry, reinterpret_cast<void**>(entry));
+        });
     }
 
 private:
@@ -111,7 +103,12 @@ public:
     QV_END_INTERFACE_MAP()
 
     STDMETHOD(get_Name)(BSTR* name) override { return qv::copy_text_out(m_section->m_sName, name); }
-    STDMETHOD(get_Entries)(IQvEntries** entries) override { return HandOut<CQvEntries>(entries, m_file, m_section); }
+    STDMETHOD(get_Entries)(IQvEntries** entries) override {
+        return qv::com_boundary([&] {
+            return qv::make_object<CQvEntries>(m_file, m_section)
+                ->QueryInterface(IID_IQvEntries, reinterpret_cast<void**>(entries));
+        });
+    }
 
 private:
     file_ptr m_file;
@@ -144,7 +141,12 @@ public:
         const qv::inifilesectionx* found = Numbered(m_file->Sections(), number);
         if (!found && number == 0)
             found = m_file->FindSection(name);
-        return found ? HandOut<CQvSection>(section, m_file, found) : S_OK;
+        if (!found)
+            return S_OK;
+        return qv::com_boundary([&] {
+            return qv::make_object<CQvSection>(m_file, found)
+                ->QueryInterface(IID_IQvSection, reinterpret_cast<void**>(section));
+        });
     }
 
 private:
@@ -173,7 +175,12 @@ public:
         m_file = std::move(file);
         return whole ? S_OK : S_FALSE;
     }
-    STDMETHOD(get_Root)(IQvSections** root) override { return HandOut<CQvSections>(root, m_file); }
+    STDMETHOD(get_Root)(IQvSections** root) override {
+        return qv::com_boundary([&] {
+            return qv::make_object<CQvSections>(m_file)
+                ->QueryInterface(IID_IQvSections, reinterpret_cast<void**>(root));
+        });
+    }
     STDMETHOD(get_Problem)(BSTR* text) override { return qv::copy_text_out(m_sProblem, text); }
 
 private:

@@ -46,9 +46,9 @@ bool IsNeutral(const std::wstring& culture) {
 // A value longer than the buffer reads as empty: the folders below it are then relative ones.
 const std::wstring& SystemRoot() {
     static const std::wstring s_SystemRoot = [] {
-        wchar_t buffer[MAX_PATH] = {};
-        DWORD n = GetEnvironmentVariableW(L"SystemRoot", buffer, MAX_PATH);
-        return n < MAX_PATH ? std::wstring(buffer, n) : std::wstring();
+        std::wstring value;
+        qv::ReadEnvironment(L"SystemRoot", value);
+        return value;
     }();
     return s_SystemRoot;
 }

@@ -2,11 +2,11 @@
 
 #include "format/metadata/metadata.h"
 #include "format/pe/pe_image.h"
+#include "image/file_view.h"
 #include "inc/com_boundary.h"
 #include "inc/com_error.h"
 #include "inc/com_object.h"
 #include "inc/com_ptr.h"
-#include "static/file_view.h"
 #include "toolkit/string_convert.h"
 
 #include <corerror.h>
@@ -449,11 +449,7 @@ public:
             return E_POINTER;
         *ppIUnk = nullptr;
         return qv::com_boundary([&] {
-            qv::com_object<CBuiltInScope>* scope = nullptr;
-            HRESULT hr = qv::com_object<CBuiltInScope>::CreateInstance(&scope);
-            if (FAILED(hr))
-                return hr;
-            qv::com_ptr<IUnknown> hold(static_cast<IMetaDataImport2*>(scope));
+            auto scope = qv::make_object<CBuiltInScope>();
             const std::wstring path = szScope ? szScope : L"";
             // A file opened for one interface and opened again for the other is read once, while the
             // first scope lives.
@@ -464,10 +460,10 @@ public:
                 m_lastPath = path;
                 m_last = file;
             }
-            hr = scope->Open(std::move(file), path);
+            HRESULT hr = scope->Open(std::move(file), path);
             if (FAILED(hr))
                 return hr;
-            return hold->QueryInterface(riid, reinterpret_cast<void**>(ppIUnk));
+            return scope->QueryInterface(riid, reinterpret_cast<void**>(ppIUnk));
         });
     }
     QV_NOT_SERVED(OpenScopeOnMemory, LPCVOID, ULONG, DWORD, REFIID, IUnknown**)
@@ -485,11 +481,8 @@ HRESULT CreateBuiltInDispenser(IMetaDataDispenser** ppDispenser) {
     if (!ppDispenser)
         return E_POINTER;
     *ppDispenser = nullptr;
-    qv::com_object<CBuiltInDispenser>* dispenser = nullptr;
-    HRESULT hr = qv::com_object<CBuiltInDispenser>::CreateInstance(&dispenser);
-    if (FAILED(hr))
-        return hr;
-    dispenser->AddRef();
-    *ppDispenser = dispenser;
-    return S_OK;
+    return qv::com_boundary([&] {
+        *ppDispenser = qv::make_object<CBuiltInDispenser>().detach();
+        return S_OK;
+    });
 }

@@ -2,11 +2,12 @@
 
 #include "companions.h"
 #include "dotnet/assembly_location.h"
-#include "dotnet/sibling_module_cache.h"
 #include "format/metadata/attribute_blob.h"
+#include "format/pe/pe_layout.h"
+#include "image/dependency_search.h"
 #include "inc/com_boundary.h"
 #include "inc/unique_handles.h"
-#include "static/dep_walker.h"
+#include "siblings/sibling_module_cache.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
 #include "toolkit/string_convert.h"
@@ -18,13 +19,11 @@ std::map<std::wstring, BYTE> g_SeenAssemblyFiles;
 
 namespace {
 
+namespace pe_machine = qv::pe::layout::machine;
+
 // Each walk reads at most this many rows with one enumeration call.
 constexpr ULONG MaxTokens = 2048;
 constexpr mdToken AssemblyToken = 0x20000001;
-
-HRESULT copy_out(const std::wstring& text, BSTR* pVal) {
-    return qv::copy_text_out(text, pVal);
-}
 
 // The tokens of one enumeration call; the enumerator is closed at once.
 template <class Interface, class Enumerate>
@@ -42,13 +41,7 @@ void remember_seen(const std::wstring& path) {
     g_SeenAssemblyFiles.emplace(path, 1);
 }
 
-template <class T> qv::com_ptr<T> make_object() {
-    qv::com_object<T>* object = nullptr;
-    check_hr(qv::com_object<T>::CreateInstance(&object));
-    return qv::com_ptr<T>(object);
-}
-
-qv::com_ptr<IDotNetAssemblyRef> as_ref(const qv::com_ptr<CDotNetAssemblyRef>& reference) {
+qv::com_ptr<IDotNetAssemblyRef> as_ref(const qv::com_ptr<qv::com_object<CDotNetAssemblyRef>>& reference) {
     return qv::com_ptr<IDotNetAssemblyRef>(static_cast<IDotNetAssemblyRefValeSP1*>(reference.get()));
 }
 
@@ -67,7 +60,7 @@ bool component_is_64bit(IStaticScanEvents* pEvents) {
 }
 
 DWORD native_64bit_machine() {
-    return qv::IsItanium() ? 512 : 34404;
+    return qv::IsItanium() ? pe_machine::ia64 : pe_machine::amd64;
 }
 
 // What the interop attributes of one assembly say.
@@ -141,7 +134,7 @@ std::wstring MachineNameFromPEKind(DWORD kind, DWORD machine) {
     if (kind & 2)
         text = L"X86";
     else if (kind & 4)
-        text = machine == 512 ? L"IA64" : machine == 34404 ? L"Amd64" : L"";
+        text = machine == pe_machine::ia64 ? L"IA64" : machine == pe_machine::amd64 ? L"Amd64" : L"";
     return text;
 }
 
@@ -268,19 +261,19 @@ STDMETHODIMP CDotNetAssembly::LoadProperties(BSTR bstrFileName, VARIANT_BOOL* pb
 }
 
 STDMETHODIMP CDotNetAssembly::get_Name(BSTR* pVal) {
-    return copy_out(m_Name, pVal);
+    return qv::copy_text_out(m_Name, pVal);
 }
 STDMETHODIMP CDotNetAssembly::get_Version(BSTR* pVal) {
-    return copy_out(m_Version, pVal);
+    return qv::copy_text_out(m_Version, pVal);
 }
 STDMETHODIMP CDotNetAssembly::get_PublicKeyToken(BSTR* pVal) {
-    return copy_out(m_PublicKeyToken, pVal);
+    return qv::copy_text_out(m_PublicKeyToken, pVal);
 }
 STDMETHODIMP CDotNetAssembly::get_Culture(BSTR* pVal) {
-    return copy_out(m_Culture, pVal);
+    return qv::copy_text_out(m_Culture, pVal);
 }
 STDMETHODIMP CDotNetAssembly::get_FileName(BSTR* pVal) {
-    return copy_out(m_FileName, pVal);
+    return qv::copy_text_out(m_FileName, pVal);
 }
 
 STDMETHODIMP CDotNetAssembly::get_Dependencies(IStaticScanEvents* pEvents, IDotNetAssemblyRefs** pVal) {
@@ -289,7 +282,7 @@ STDMETHODIMP CDotNetAssembly::get_Dependencies(IStaticScanEvents* pEvents, IDotN
     *pVal = nullptr;
     return qv::com_boundary([&] {
         if (!m_pRefs) {
-            m_pRefs = make_object<CDotNetAssemblyRefs>().template query<IDotNetAssemblyRefs>(IID_IDotNetAssemblyRefs);
+            m_pRefs = qv::make_object<CDotNetAssemblyRefs>().query<IDotNetAssemblyRefs>(IID_IDotNetAssemblyRefs);
             // A scope that never opened has nothing to walk: the list stays empty.
             if (m_Scope.Import() && m_Scope.AssemblyImport()) {
                 WalkAssemblyRefs(pEvents);
@@ -349,7 +342,7 @@ void CDotNetAssembly::WalkAssemblyRefs(IStaticScanEvents* pEvents) {
             qv::bstr answer;
             if (!pEvents || FAILED(pEvents->GetReferencePath(qv::bstr(simpleName).get(), answer.put())) ||
                 answer.str().empty() || GetFileAttributesW(answer.str().c_str()) == INVALID_FILE_ATTRIBUTES) {
-                auto missing = make_object<CDotNetAssemblyRef>();
+                auto missing = qv::make_object<CDotNetAssemblyRef>();
                 missing->SetMissing(simpleName);
                 check_hr(m_pRefs->Add(qv::bstr(simpleName).get(), as_ref(missing).get()));
                 continue;
@@ -357,7 +350,7 @@ void CDotNetAssembly::WalkAssemblyRefs(IStaticScanEvents* pEvents) {
             path = answer.str();
             remember_seen(path);
         }
-        auto reference = make_object<CDotNetAssemblyRef>();
+        auto reference = qv::make_object<CDotNetAssemblyRef>();
         reference->SetAssemblyFile(path);
         check_hr(m_pRefs->Add(qv::bstr(path).get(), as_ref(reference).get()));
     }
@@ -385,14 +378,15 @@ void CDotNetAssembly::WalkModuleRefs(IStaticScanEvents* pEvents) {
         if (SUCCEEDED(scope->QueryInterface(IID_IMetaDataImport2, import2.put_void())) &&
             SUCCEEDED(import2->GetPEKind(&kind, &peMachine))) {
             if (kind & 2)
-                machine = 332;
+                machine = pe_machine::i386;
             else if (kind & 4)
-                machine = peMachine == 512 || peMachine == 34404 ? peMachine : native_64bit_machine();
+                machine = peMachine == pe_machine::ia64 || peMachine == pe_machine::amd64 ? peMachine
+                                                                                        : native_64bit_machine();
         }
         // For an AnyCPU assembly the component being authored tells which native library is meant.
         if (machine == 0)
-            machine = component_is_64bit(pEvents) ? native_64bit_machine() : 332;
-        auto reference = make_object<CDotNetAssemblyRef>();
+            machine = component_is_64bit(pEvents) ? native_64bit_machine() : pe_machine::i386;
+        auto reference = qv::make_object<CDotNetAssemblyRef>();
         reference->ResolveFile(name, machine);
         check_hr(m_pRefs->Add(qv::bstr(name).get(), as_ref(reference).get()));
     }
@@ -413,7 +407,7 @@ void CDotNetAssembly::WalkFiles(IStaticScanEvents*) {
         if (qv::ExtensionPart(name).empty())
             name += L".dll";
         remember_seen(name);
-        auto reference = make_object<CDotNetAssemblyRef>();
+        auto reference = qv::make_object<CDotNetAssemblyRef>();
         reference->ResolveFile(name, 0);
         check_hr(m_pRefs->Add(qv::bstr(name).get(), as_ref(reference).get()));
     }
@@ -450,7 +444,7 @@ void CDotNetAssembly::WalkOtherReferences(IStaticScanEvents* pEvents) {
             // The one walk in which the seen files filter.
             if (!g_SeenAssemblyFiles.emplace(path, 1).second)
                 continue;
-            auto reference = make_object<CDotNetAssemblyRef>();
+            auto reference = qv::make_object<CDotNetAssemblyRef>();
             reference->SetAssemblyFile(path);
             check_hr(m_pRefs->Add(qv::bstr(path).get(), as_ref(reference).get()));
         }
@@ -482,7 +476,7 @@ void CDotNetAssembly::WalkInteropRefs() {
     if (FAILED(QueryPathOfRegTypeLib(library, major, minor, 1024, path.put())) || !path.get())
         return;
     remember_seen(path.str());
-    auto reference = make_object<CDotNetAssemblyRef>();
+    auto reference = qv::make_object<CDotNetAssemblyRef>();
     reference->ResolveFile(path.str(), 0);
     check_hr(m_pRefs->Add(path.get(), as_ref(reference).get()));
 }
@@ -493,8 +487,7 @@ STDMETHODIMP CDotNetAssemblyRef::get_FileName(BSTR* pVal) {
     *pVal = nullptr;
     if (!m_FileName.get())
         return S_OK;
-    *pVal = SysAllocStringLen(m_FileName.get(), SysStringLen(m_FileName.get()));
-    return *pVal ? S_OK : E_OUTOFMEMORY;
+    return qv::copy_text_out(m_FileName.view(), pVal);
 }
 
 STDMETHODIMP CDotNetAssemblyRef::get_DotNetAssembly(IDotNetAssembly** pVal) {
@@ -521,7 +514,7 @@ STDMETHODIMP CDotNetAssemblyRef::get_Machine(long* pVal) {
 
 void CDotNetAssemblyRef::SetAssemblyFile(const std::wstring& path) {
     m_FileName = qv::bstr(path);
-    auto child = make_object<CDotNetAssembly>();
+    auto child = qv::make_object<CDotNetAssembly>();
     m_pAssembly = child.template query<IDotNetAssembly>(IID_IDotNetAssembly);
     if (m_pAssembly->Load(qv::bstr(path).get()) == S_OK) {
         m_bFound = 1;

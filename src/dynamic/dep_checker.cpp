@@ -1,15 +1,15 @@
 #include "dynamic/dep_checker.h"
 
 #include "companions.h"
-#include "dotnet/sibling_module_cache.h"
+#include "image/pe_images.h"
 #include "inc/com_boundary.h"
 #include "inc/com_error.h"
 #include "inc/engine_wire.h"
 #include "inc/unique_handles.h"
+#include "record/dep_file.h"
+#include "record/dep_files.h"
 #include "scanutil/scan_util.h"
-#include "server/dep_file.h"
-#include "server/dep_files.h"
-#include "static/pe_images.h"
+#include "siblings/sibling_module_cache.h"
 
 #include <oleauto.h>
 
@@ -165,21 +165,12 @@ CDepChecker::CDepChecker() = default;
 CDepChecker::~CDepChecker() = default;
 
 HRESULT CDepChecker::FinalConstruct() {
-    qv::com_object<CScanUtil>* util = nullptr;
-    HRESULT hr = qv::com_object<CScanUtil>::CreateInstance(&util);
-    if (FAILED(hr))
-        return hr;
-    util->AddRef();
-    hr = util->QueryInterface(IID_IScanUtilTarn, m_scanUtil.put_void());
-    util->Release();
+    // What make_object throws, final construction returns.
+    HRESULT hr = qv::make_object<CScanUtil>()->QueryInterface(IID_IScanUtilTarn, m_scanUtil.put_void());
     if (FAILED(hr))
         return hr;
 
-    qv::com_object<CDepFileBags>* bags = nullptr;
-    hr = qv::com_object<CDepFileBags>::CreateInstance(&bags);
-    if (FAILED(hr))
-        return hr;
-    m_bags = qv::com_ptr<CDepFileBags>(bags);
+    m_bags = qv::make_object<CDepFileBags>();
 
     MakeBag();
     for (const wchar_t* name : kSystemNames)
@@ -197,11 +188,7 @@ HRESULT CDepChecker::FinalConstruct() {
     if (FAILED(hr))
         return hr;
 
-    qv::com_object<CSinkDebugEngine>* sink = nullptr;
-    hr = qv::com_object<CSinkDebugEngine>::CreateInstance(&sink);
-    if (FAILED(hr))
-        return hr;
-    m_sink = qv::com_ptr<qv::com_object<CSinkDebugEngine>>(sink);
+    m_sink = qv::make_object<CSinkDebugEngine>();
     m_sink->m_owner = this;
     return m_sink->Advise(m_helper->Engine());
 }
@@ -229,13 +216,11 @@ const std::wstring& CDepChecker::EngineFolder() {
 }
 
 void CDepChecker::MakeBag() {
-    qv::com_object<CDepFileBag>* bag = nullptr;
-    check_hr(m_currentTagName.get() ? qv::com_object<CDepFileBag>::CreateInstance(&bag, m_currentTagName.view())
-                                    : qv::com_object<CDepFileBag>::CreateInstance(&bag));
-    qv::com_ptr<qv::com_object<CDepFileBag>> hold(bag);
+    auto bag = m_currentTagName.get() ? qv::make_object<CDepFileBag>(m_currentTagName.view())
+                                      : qv::make_object<CDepFileBag>();
     // Under a tag the bags already hold, the new bag takes the old one's place and the old one goes.
-    m_bags->Add(bag->Tag(), static_cast<IDepFileBag*>(bag));
-    m_currentBag = bag;
+    m_bags->Add(bag->Tag(), static_cast<IDepFileBag*>(bag.get()));
+    m_currentBag = bag.get();
 }
 
 void CDepChecker::ChangeTag(BSTR tag) {
@@ -273,12 +258,8 @@ STDMETHODIMP CDepChecker::get_CurrentTagName(BSTR* pVal) {
     if (!pVal)
         return E_POINTER;
     *pVal = nullptr;
-    if (BSTR tag = m_currentTagName.get()) {
-        *pVal = SysAllocStringLen(tag, SysStringLen(tag));
-        if (!*pVal)
-            return E_OUTOFMEMORY;
-    }
-    return S_OK;
+    // A null tag is handed out as null.
+    return m_currentTagName.get() ? qv::copy_text_out(m_currentTagName.view(), pVal) : S_OK;
 }
 
 STDMETHODIMP CDepChecker::put_CurrentTagName(BSTR newVal) {
@@ -402,9 +383,7 @@ void CDepChecker::OnLoadDLL(BSTR reported) {
             return; // a module that ships several files is entered once
     }
 
-    qv::com_object<CDepFile>* created = nullptr;
-    check_hr(qv::com_object<CDepFile>::CreateInstance(&created));
-    qv::com_ptr<qv::com_object<CDepFile>> record(created);
+    auto record = qv::make_object<CDepFile>();
     {
         // The export table tells self-registration, so that the record need not load the DLL to find out.
         const CPEImage image(path);

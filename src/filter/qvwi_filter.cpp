@@ -4,9 +4,9 @@
 #include "inc/unique_handles.h"
 
 #include "companions.h"
-#include "dotnet/sibling_module_cache.h"
-#include "filter/xml_loader.h"
+#include "siblings/sibling_module_cache.h"
 #include "toolkit/path_helpers.h"
+#include "toolkit/xml_loader.h"
 
 #include <cwctype>
 #include <string_view>

@@ -1,9 +1,9 @@
 #include "filter/vb_filter.h"
 
 #include "companions.h"
-#include "dotnet/sibling_module_cache.h"
 #include "inc/com_error.h"
 #include "inc/unique_handles.h"
+#include "siblings/sibling_module_cache.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
 

@@ -17,6 +17,7 @@
 #pragma once
 
 #include "QVWIScanners.h"
+#include "inc/com_boundary.h"
 #include "inc/com_dispatch.h"
 #include "inc/com_exception.h"
 #include "inc/unique_handles.h"
@@ -145,15 +146,11 @@ public:
         if (!ppEnum)
             return E_POINTER;
         *ppEnum = nullptr;
-        com_object<CCollectionEnum<Collection>>* copy = nullptr;
-        HRESULT hr = com_object<CCollectionEnum<Collection>>::CreateInstance(&copy);
-        if (FAILED(hr))
-            return hr;
-        copy->Init(m_items, m_begin, m_end, m_current);
-        copy->AddRef();
-        hr = copy->QueryInterface(IID_IEnumVARIANT, reinterpret_cast<void**>(ppEnum));
-        copy->Release();
-        return hr;
+        return com_boundary([&] {
+            auto copy = make_object<CCollectionEnum<Collection>>();
+            copy->Init(m_items, m_begin, m_end, m_current);
+            return copy->QueryInterface(IID_IEnumVARIANT, reinterpret_cast<void**>(ppEnum));
+        });
     }
 
 private:
@@ -362,16 +359,11 @@ public:
         if (!pVal)
             return E_POINTER;
         *pVal = nullptr;
-        using enum_object = com_object<CCollectionEnum<base>>;
-        enum_object* e = nullptr;
-        HRESULT hr = enum_object::CreateInstance(&e);
-        if (FAILED(hr))
-            return hr;
-        e->Init(&this->m_items, 0, this->m_items.size(), 0);
-        e->AddRef();
-        hr = e->QueryInterface(IID_IEnumVARIANT, reinterpret_cast<void**>(pVal));
-        e->Release();
-        return hr;
+        return com_boundary([&] {
+            auto e = make_object<CCollectionEnum<base>>();
+            e->Init(&this->m_items, 0, this->m_items.size(), 0);
+            return e->QueryInterface(IID_IEnumVARIANT, reinterpret_cast<void**>(pVal));
+        });
     }
 };
 

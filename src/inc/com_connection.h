@@ -82,14 +82,10 @@ public:
         if (!out)
             return E_POINTER;
         *out = nullptr;
-        com_object<snapshot_enum>* e = nullptr;
-        HRESULT hr = com_object<snapshot_enum>::CreateInstance(&e);
-        if (FAILED(hr))
-            return hr;
-        com_ptr<com_object<snapshot_enum>> made(e);
         return com_boundary([&] {
-            made->Assign(items, position);
-            *out = made.detach();
+            auto e = make_object<snapshot_enum>();
+            e->Assign(items, position);
+            *out = e.detach();
             return S_OK;
         });
     }

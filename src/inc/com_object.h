@@ -15,11 +15,12 @@
 //   };
 //
 // and is created by qv::creator<CFoo>::CreateInstance(outer, iid, ppv), or for use inside the
-// library by qv::com_object<CFoo>::CreateInstance(&p). Every live object holds one lock on the module.
+// library by qv::make_object<CFoo>(args...). Every live object holds one lock on the module.
 #pragma once
 
 #include "inc/com_boundary.h"
 #include "inc/com_module.h"
+#include "inc/com_ptr.h"
 
 #include <windows.h>
 
@@ -163,6 +164,14 @@ public:
         return FAILED(hr) ? hr : detail::hand_out(p, iid, ppv);
     }
 };
+
+// A new object made from args, held by its first reference. A failure of the allocation, the
+// constructor or the final construction is thrown as com_exception with its HRESULT.
+template <class T, class... Args> com_ptr<com_object<T>> make_object(Args&&... args) {
+    com_object<T>* p = nullptr;
+    check_hr(com_object<T>::CreateInstance(&p, std::forward<Args>(args)...));
+    return com_ptr<com_object<T>>(p);
+}
 
 // The object inside an aggregate: its IUnknown methods go to the outer object.
 template <class T> class contained_object final : public T {

@@ -10,6 +10,7 @@
 
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "com_exception.h"
@@ -27,6 +28,10 @@ public:
     }
     com_ptr(const com_ptr& other) : com_ptr(other.m_p) {}
     com_ptr(com_ptr&& other) noexcept : m_p(std::exchange(other.m_p, nullptr)) {}
+    // Takes the reference of a pointer to a class that converts to T (an object to one of its interfaces).
+    template <typename U>
+        requires(!std::is_same_v<U, T> && std::is_convertible_v<U*, T*>)
+    com_ptr(com_ptr<U>&& other) noexcept : m_p(other.detach()) {}
     com_ptr& operator=(const com_ptr& other) {
         com_ptr(other).swap(*this);
         return *this;

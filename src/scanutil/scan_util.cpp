@@ -1,9 +1,9 @@
 #include "scanutil/scan_util.h"
 
 #include "format/pe/pe_layout.h"
+#include "image/pe_images.h"
 #include "inc/com_boundary.h"
-#include "server/dep_file.h"
-#include "static/pe_images.h"
+#include "record/dep_file.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/version_info.h"
 
@@ -32,16 +32,16 @@ std::wstring FileKey(std::wstring_view path, DWORD machine) {
 
 // "a.b.c.d" of the fixed file version, most significant part first; empty for 0.0.0.0 (and for a file
 // without a version resource, whose fixed record reads as zeros).
-std::wstring VersionText(const version_info& info) {
-    if (info.m_nFileVersionMS == 0 && info.m_nFileVersionLS == 0)
+std::wstring VersionText(const qv::version_info& info) {
+    if (info.dwFileVersionMS == 0 && info.dwFileVersionLS == 0)
         return {};
-    return std::to_wstring(HIWORD(info.m_nFileVersionMS)) + L"." + std::to_wstring(LOWORD(info.m_nFileVersionMS)) +
-           L"." + std::to_wstring(HIWORD(info.m_nFileVersionLS)) + L"." +
-           std::to_wstring(LOWORD(info.m_nFileVersionLS));
+    return std::to_wstring(HIWORD(info.dwFileVersionMS)) + L"." + std::to_wstring(LOWORD(info.dwFileVersionMS)) +
+           L"." + std::to_wstring(HIWORD(info.dwFileVersionLS)) + L"." +
+           std::to_wstring(LOWORD(info.dwFileVersionLS));
 }
 
 // The language of the first translation in decimal, or "0" when the resource lists none.
-std::wstring LanguageText(const version_info& info) {
+std::wstring LanguageText(const qv::version_info& info) {
     if (info.m_translations.empty())
         return L"0";
     return std::to_wstring(LOWORD(info.m_translations.front()));
@@ -62,9 +62,7 @@ STDMETHODIMP CScanUtil::get_PE(BSTR FileName, IDepFile** ppPE) {
                 return S_OK;
             selfRegistering = image.ExportsDllRegisterServer();
         }
-        qv::com_object<CDepFile>* created = nullptr;
-        check_hr(qv::com_object<CDepFile>::CreateInstance(&created));
-        qv::com_ptr<qv::com_object<CDepFile>> record(created);
+        auto record = qv::make_object<CDepFile>();
         // Settled here from the export table, so that the record never loads the file to find out.
         record->SetAutoSelfReg(false);
         record->SetSelfRegistering(selfRegistering);
@@ -129,7 +127,7 @@ STDMETHODIMP CScanUtil::InMergeModuleEx(BSTR bstrSource, LONG dwMachine, IUnknow
         HRESULT hr = S_OK;
         bool inModule = false;
         if (catalog) {
-            const version_info info(source);
+            const qv::version_info info(source);
             const qv::bstr fileKey(FileKey(source, static_cast<DWORD>(dwMachine)));
             const qv::bstr version(VersionText(info));
             const qv::bstr language(LanguageText(info));

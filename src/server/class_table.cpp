@@ -5,9 +5,9 @@
 #include "dynamic/dep_checker.h"
 #include "inc/com_boundary.h"
 #include "inc/com_object.h"
+#include "inc/resource.h"
+#include "record/dep_file.h"
 #include "scanutil/scan_util.h"
-#include "server/dep_file.h"
-#include "server/resource.h"
 
 #include <array>
 #include "static/static_scan.h"

@@ -2,7 +2,7 @@
 // cached class factory. The server itself writes nothing to the registry.
 #pragma once
 
-#include "server/class_registration.h"
+#include "inc/class_registration.h"
 
 #include <windows.h>
 

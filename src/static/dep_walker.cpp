@@ -5,9 +5,11 @@
 #include "filter/vb_filter.h"
 #include "format/pe/pe_layout.h"
 #include "inc/unique_handles.h"
+#include "image/activation_scope.h"
+#include "image/dependency_search.h"
+#include "image/pe_images.h"
 #include "scanutil/scan_util.h"
-#include "static/activation_scope.h"
-#include "static/pe_images.h"
+#include "static/scanned_pe.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
 #include "toolkit/string_convert.h"
@@ -57,15 +59,6 @@ bool SkipNameOrder::operator()(const std::wstring& a, const std::wstring& b) con
 
 namespace {
 
-// The machine test of a candidate: whether it is no usable image (taken at once) or an image of the
-// machine asked for (0 takes any). What is no file on disk (a device, a pipe) is never taken.
-bool TakesCandidate(const std::wstring& candidate, DWORD machine) {
-    const auto facts = ImageFacts(candidate);
-    if (facts->openStatus == CFileView::OpenNotDisk)
-        return false;
-    return machine == 0 || !facts->usable || facts->machine == machine;
-}
-
 // The key of a name as written and the machine it is looked for, in the scan's settled answers.
 std::wstring SettledKey(const std::wstring& name, DWORD machine) {
     return name + L'|' + std::to_wstring(machine);
@@ -109,43 +102,6 @@ std::shared_ptr<const std::unordered_set<std::wstring>> DepFilesOf(const std::ws
 
 } // namespace
 
-bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result,
-                    const std::wstring* current) {
-    // A device name is no file on disk in any folder: it is missing, and nothing is opened for it.
-    if (name.empty() || qv::IsDeviceName(name))
-        return false;
-
-    const std::wstring& systemFolder = qv::SystemFolder();
-    const std::wstring& nativeFolder = qv::SysNativeFolder();
-    const bool redirect = (machine == qv::pe::layout::machine::ia64 || machine == qv::pe::layout::machine::amd64) &&
-                          !nativeFolder.empty();
-
-    auto tryFolder = [&](const std::wstring& dir) {
-        std::wstring candidate = qv::JoinPath(dir, name);
-        if (redirect && qv::StartsWithNoCase(candidate, systemFolder))
-            candidate.replace(0, systemFolder.size(), nativeFolder);
-        DWORD attributes = GetFileAttributesW(candidate.c_str());
-        if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY))
-            return false;
-        if (!TakesCandidate(candidate, machine))
-            return false;
-        // A name that climbs ("..\\x.dll") or holds forward slashes is recorded where the file really is.
-        result = qv::NormalisedPath(candidate);
-        return true;
-    };
-
-    // A root given is the one folder; otherwise the current folder, then the folders of Path.
-    if (!root.empty())
-        return tryFolder(root);
-    if (tryFolder(current ? *current : qv::CurrentDirectory()))
-        return true;
-    for (const auto& dir : qv::GetSearchFolders()) {
-        if (tryFolder(dir))
-            return true;
-    }
-    return false;
-}
-
 CDepWalker::CDepWalker() {
     for (const wchar_t* name : InitialSkipNames)
         m_skipNames[name] = true;
@@ -162,9 +118,7 @@ void CDepWalker::Scan(const std::wstring& file, IStaticScanEvents* events, CFilt
     m_sLangId = langId;
     m_nScanMode = scanType & ~IgnoreCatalogFlag;
 
-    qv::com_object<CScanUtil>* scanUtil = nullptr;
-    check_hr(qv::com_object<CScanUtil>::CreateInstance(&scanUtil));
-    m_pScanUtil = qv::com_ptr<IScanUtilValeSP1>(scanUtil);
+    m_pScanUtil = qv::make_object<CScanUtil>();
 
     // The host's merge-module catalog, unless the scan type says to leave it unused.
     qv::com_ptr<IUnknown> catalog;

@@ -59,14 +59,6 @@ struct SkipNameOrder {
     bool operator()(const std::wstring& a, const std::wstring& b) const;
 };
 
-// Searches the current directory and then the folders of the Path variable (or only root, when it is
-// not empty) for name, taking a file that is no usable image, or an image of the given machine
-// (0 takes any). Folders, devices and pipes are stepped over; so is an image of another machine. The
-// path found is normalised when the name climbs or holds forward slashes.
-// current, when given, stands for the current directory.
-bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result,
-                    const std::wstring* current = nullptr);
-
 class CDepWalker {
 public:
     using FileMap = std::map<qv::bstr, ScannedFile, BstrOrder>;

@@ -1,9 +1,10 @@
 #include "static/static_scan.h"
 
 #include "filter/qvwi_filter.h"
-#include "server/dep_file.h"
-#include "server/dep_files.h"
+#include "record/dep_file.h"
+#include "record/dep_files.h"
 #include "static/dep_walker.h"
+#include "static/make_dep_file.h"
 
 CStaticScan::CStaticScan() = default;
 CStaticScan::~CStaticScan() = default;
@@ -41,9 +42,7 @@ STDMETHODIMP CStaticScan::ScanWithFilter(BSTR file, IStaticScanEvents* events, V
         return E_FAIL;
 
     m_pDependencies.reset();
-    qv::com_object<CDepFiles>* created = nullptr;
-    check_hr(qv::com_object<CDepFiles>::CreateInstance(&created));
-    qv::com_ptr<CDepFiles> files(created);
+    qv::com_ptr<CDepFiles> files = qv::make_object<CDepFiles>();
 
     for (const auto& [key, record] : walker.FoundFiles) {
         // A cycle that came back to the top file brought it into the map: it drops out again here.
@@ -58,8 +57,7 @@ STDMETHODIMP CStaticScan::ScanWithFilter(BSTR file, IStaticScanEvents* events, V
     }
 
     for (const auto& [key, record] : walker.MissingFiles) {
-        qv::com_object<CDepFile>* missing = nullptr;
-        check_hr(qv::com_object<CDepFile>::CreateInstance(&missing));
+        auto missing = qv::make_object<CDepFile>();
         qv::com_ptr<IDepFile> entry;
         check_hr(missing->QueryInterface(IID_IDepFile, entry.put_void()));
         std::wstring name = record.FullPath;

@@ -170,6 +170,22 @@ bool PathExists(const std::wstring& path, unsigned flags) {
     return detail::PathExists(path, flags, probe);
 }
 
+std::wstring ReadCommonFilesDir() {
+    DWORD flags = RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND;
+    std::vector<wchar_t> buffer(MAX_PATH);
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        DWORD size = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
+        LONG status = RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion",
+                                   L"CommonFilesDir", flags, nullptr, buffer.data(), &size);
+        if (status == ERROR_SUCCESS)
+            return std::wstring(buffer.data(), wcsnlen(buffer.data(), buffer.size()));
+        if (status != ERROR_MORE_DATA)
+            return {};
+        buffer.resize(size / sizeof(wchar_t) + 1);
+    }
+    return {};
+}
+
 std::wstring ReadDefaultRegistryValue(HKEY root, const std::wstring& subkey) {
     unique_hkey key;
     if (RegOpenKeyExW(root, subkey.c_str(), 0, KEY_READ, key.put()) != ERROR_SUCCESS)

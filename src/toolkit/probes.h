@@ -43,6 +43,10 @@ bool PathExists(const std::wstring& path, unsigned flags);
 // For REG_MULTI_SZ the first string is the result.
 std::wstring ReadDefaultRegistryValue(HKEY root, const std::wstring& subkey);
 
+// HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion, CommonFilesDir as stored (not expanded), of any length;
+// empty when it is missing, not a string, or cannot be read.
+std::wstring ReadCommonFilesDir();
+
 // The native processor (GetNativeSystemInfo, GetSystemInfo where it is absent).
 bool Is64BitOs(); // IsItanium() || IsAmd64()
 bool IsItanium();

@@ -101,7 +101,7 @@ const wchar_t* QueryString(const BYTE* block, const BYTE* translations, UINT cou
     return nullptr;
 }
 
-// Both readers share a block between copies with the same count discipline.
+// Copies share a block through one count.
 void AddRef(std::atomic<LONG>* count) noexcept {
     if (count)
         count->fetch_add(1, std::memory_order_relaxed);
@@ -118,75 +118,28 @@ void ReleaseBlock(BYTE*& block, std::atomic<LONG>*& count) noexcept {
 
 } // namespace
 
-// ---- ::version_info ----
-
-version_info::version_info(const std::wstring& file) : VS_FIXEDFILEINFO{} {
-    loaded_version loaded;
-    if (!LoadVersion(file, loaded))
-        return;
-    static_cast<VS_FIXEDFILEINFO&>(*this) = loaded.fixed;
-    m_nFileVersionMS = dwFileVersionMS;
-    m_nFileVersionLS = dwFileVersionLS;
-    m_translations.reserve(loaded.translationCount);
-    for (UINT i = 0; i < loaded.translationCount; ++i)
-        m_translations.push_back(TranslationAt(loaded.translations, i));
-    m_pRefCount = new std::atomic<LONG>(1);
-    m_pBlock = loaded.block.release();
-}
-
-version_info::version_info(const version_info& other) noexcept
-    : VS_FIXEDFILEINFO(other), m_translations(other.m_translations), m_nFileVersionMS(other.m_nFileVersionMS),
-      m_nFileVersionLS(other.m_nFileVersionLS), m_pBlock(other.m_pBlock), m_pRefCount(other.m_pRefCount) {
-    AddRef(m_pRefCount);
-}
-
-version_info& version_info::operator=(const version_info& other) noexcept {
-    if (this == &other)
-        return *this;
-    AddRef(other.m_pRefCount);
-    Release();
-    static_cast<VS_FIXEDFILEINFO&>(*this) = other;
-    m_translations = other.m_translations;
-    m_nFileVersionMS = other.m_nFileVersionMS;
-    m_nFileVersionLS = other.m_nFileVersionLS;
-    m_pBlock = other.m_pBlock;
-    m_pRefCount = other.m_pRefCount;
-    return *this;
-}
-
-version_info::~version_info() {
-    Release();
-}
-
-void version_info::Release() noexcept {
-    ReleaseBlock(m_pBlock, m_pRefCount);
-}
-
-const wchar_t* version_info::GetString(const char* name) const {
-    return QueryString(m_pBlock, reinterpret_cast<const BYTE*>(m_translations.data()),
-                       static_cast<UINT>(m_translations.size()), name);
-}
-
-// ---- qv::version_info ----
-
 namespace qv {
 
 version_info::version_info() noexcept : VS_FIXEDFILEINFO{} {}
 
-version_info::version_info(const version_info& other) noexcept
-    : VS_FIXEDFILEINFO(other), m_pTranslations(other.m_pTranslations), m_nTranslations(other.m_nTranslations),
-      m_pBlock(other.m_pBlock), m_pRefCount(other.m_pRefCount) {
+version_info::version_info(const std::wstring& file) : version_info() {
+    Load(file);
+}
+
+version_info::version_info(const version_info& other)
+    : VS_FIXEDFILEINFO(other), m_translations(other.m_translations), m_pBlock(other.m_pBlock),
+      m_pRefCount(other.m_pRefCount) {
     AddRef(m_pRefCount);
 }
 
-version_info& version_info::operator=(const version_info& other) noexcept {
+version_info& version_info::operator=(const version_info& other) {
     if (this == &other)
         return *this;
+    std::vector<DWORD> translations = other.m_translations;
     AddRef(other.m_pRefCount);
     Release();
     static_cast<VS_FIXEDFILEINFO&>(*this) = other;
-    m_pTranslations = other.m_pTranslations;
-    m_nTranslations = other.m_nTranslations;
+    m_translations = std::move(translations);
     m_pBlock = other.m_pBlock;
     m_pRefCount = other.m_pRefCount;
     return *this;
@@ -198,8 +151,7 @@ version_info::~version_info() {
 
 void version_info::Release() noexcept {
     ReleaseBlock(m_pBlock, m_pRefCount);
-    m_pTranslations = nullptr;
-    m_nTranslations = 0;
+    m_translations.clear();
 }
 
 bool version_info::Load(const std::wstring& file) {
@@ -208,20 +160,20 @@ bool version_info::Load(const std::wstring& file) {
     loaded_version loaded;
     if (!LoadVersion(file, loaded))
         return false;
+    std::vector<DWORD> translations;
+    translations.reserve(loaded.translationCount);
+    for (UINT i = 0; i < loaded.translationCount; ++i)
+        translations.push_back(TranslationAt(loaded.translations, i));
     static_cast<VS_FIXEDFILEINFO&>(*this) = loaded.fixed;
-    // The resource format aligns every value to 4 bytes, and the block comes from new[]; a list
-    // that is not aligned anyway is not used as an array.
-    if (reinterpret_cast<uintptr_t>(loaded.translations) % alignof(DWORD) == 0) {
-        m_pTranslations = reinterpret_cast<const DWORD*>(loaded.translations);
-        m_nTranslations = loaded.translationCount;
-    }
+    m_translations = std::move(translations);
     m_pRefCount = new std::atomic<LONG>(1);
     m_pBlock = loaded.block.release();
     return true;
 }
 
 const wchar_t* version_info::GetString(const char* name) const {
-    return QueryString(m_pBlock, reinterpret_cast<const BYTE*>(m_pTranslations), m_nTranslations, name);
+    return QueryString(m_pBlock, reinterpret_cast<const BYTE*>(m_translations.data()),
+                       static_cast<UINT>(m_translations.size()), name);
 }
 
 std::wstring GetFileVersionText(const std::wstring& file, const std::wstring& separator) {

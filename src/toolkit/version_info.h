@@ -1,4 +1,4 @@
-// Readers of a file's version resource. Each loads the block of GetFileVersionInfoW once and
+// The reader of a file's version resource. It loads the block of GetFileVersionInfoW once and
 // answers from it; copies share the block through an atomic count, so a copy may travel to
 // another thread. A file without a version resource gives an empty reader that finds no string.
 //
@@ -14,13 +14,21 @@
 #include <string>
 #include <vector>
 
-// The reader the dependency record uses.
+namespace qv {
+
+// The reader of a file's version resource.
 class version_info : public VS_FIXEDFILEINFO {
 public:
+    version_info() noexcept;
+    // Loads the file's resource at once; see Load.
     explicit version_info(const std::wstring& file);
-    version_info(const version_info& other) noexcept;
-    version_info& operator=(const version_info& other) noexcept;
+    version_info(const version_info& other);
+    version_info& operator=(const version_info& other);
     virtual ~version_info();
+
+    // True when the file has a version resource with a fixed record. Loading again replaces what
+    // the object held (copies keep the old block); a failed load leaves it empty.
+    bool Load(const std::wstring& file);
 
     // The text of a value as a pointer into the shared block, or nullptr. The pointer lives as
     // long as this object or a copy of it. `name` is narrow text, widened with the ANSI code page.
@@ -28,35 +36,6 @@ public:
 
     // Each entry: language in the low 16 bits, code page in the high 16 bits, in resource order.
     std::vector<DWORD> m_translations;
-    DWORD m_nFileVersionMS = 0;
-    DWORD m_nFileVersionLS = 0;
-
-private:
-    void Release() noexcept;
-
-    BYTE* m_pBlock = nullptr;
-    std::atomic<LONG>* m_pRefCount = nullptr;
-};
-
-namespace qv {
-
-// The toolkit's reader: the same lookup, loaded explicitly; its translations stay in the block.
-class version_info : public VS_FIXEDFILEINFO {
-public:
-    version_info() noexcept;
-    version_info(const version_info& other) noexcept;
-    version_info& operator=(const version_info& other) noexcept;
-    virtual ~version_info();
-
-    // True when the file has a version resource with a fixed record. Loading again replaces what
-    // the object held (copies keep the old block).
-    bool Load(const std::wstring& file);
-
-    // As ::version_info::GetString.
-    const wchar_t* GetString(const char* name) const;
-
-    const DWORD* m_pTranslations = nullptr; // into the block; same layout as ::version_info's
-    UINT m_nTranslations = 0;
 
 private:
     void Release() noexcept;

@@ -1,10 +1,10 @@
 #include "traits/settings_document.h"
 
 #include "companions.h"
-#include "dotnet/sibling_module_cache.h"
-#include "filter/xml_loader.h"
 #include "inc/com_error.h"
 #include "inc/unique_handles.h"
+#include "siblings/sibling_module_cache.h"
+#include "toolkit/xml_loader.h"
 
 namespace qv {
 

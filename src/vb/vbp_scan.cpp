@@ -1,16 +1,17 @@
 #include "vb/vbp_scan.h"
 
-#include "dotnet/sibling_module_cache.h"
+#include "image/pe_images.h"
+#include "inc/class_registration.h"
 #include "inc/com_boundary.h"
 #include "inc/com_error.h"
 #include "inc/unique_handles.h"
+#include "inc/resource.h"
+#include "record/dep_file.h"
+#include "record/dep_files.h"
 #include "scanutil/scan_util.h"
-#include "server/class_registration.h"
-#include "server/dep_file.h"
-#include "server/dep_files.h"
-#include "server/resource.h"
+#include "siblings/sibling_module_cache.h"
 #include "static/dep_walker.h"
-#include "static/pe_images.h"
+#include "static/make_dep_file.h"
 #include "static/static_scan.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
@@ -188,12 +189,7 @@ CVBPScan::~CVBPScan() = default;
 
 HRESULT CVBPScan::FinalConstruct() {
     m_reader.m_bAbort = false;
-    qv::com_object<CScanUtil>* util = nullptr;
-    check_hr(qv::com_object<CScanUtil>::CreateInstance(&util));
-    util->AddRef();
-    const HRESULT queried = util->QueryInterface(IID_IScanUtilTarn, m_pScanUtil.put_void());
-    util->Release();
-    check_hr(queried);
+    check_hr(qv::make_object<CScanUtil>()->QueryInterface(IID_IScanUtilTarn, m_pScanUtil.put_void()));
 
     m_sCompiler = FindCompiler();
 
@@ -204,9 +200,7 @@ HRESULT CVBPScan::FinalConstruct() {
     check_hr(CoCreateFromLibrary(kServicesLibrary, CLSID_QvDepFileGroups, IID_IQvDepFileGroups, m_pGroups.put()));
     check_hr(CoCreateFromLibrary(kServicesLibrary, CLSID_QvDepFileGroup, IID_IQvDepFileGroup, m_pProjectGroup.put()));
 
-    qv::com_object<CDepFiles>* files = nullptr;
-    check_hr(qv::com_object<CDepFiles>::CreateInstance(&files));
-    m_pFiles = qv::com_ptr<CDepFiles>(files);
+    m_pFiles = qv::make_object<CDepFiles>();
     check_hr(m_pFiles->QueryInterface(IID_IDepFiles, m_pFilesIf.put_void()));
 
     m_sReadingWord = LoadResourceString(IDS_READING) + L" ";
@@ -608,9 +602,7 @@ qv::com_ptr<IQvDepFileGroup> CVBPScan::StaticScanInto(const std::wstring& file) 
     check_hr(m_pScanUtil->get_PE(path.get(), pe.put()));
     if (!pe)
         return {};
-    qv::com_object<CStaticScan>* created = nullptr;
-    check_hr(qv::com_object<CStaticScan>::CreateInstance(&created));
-    qv::com_ptr<qv::com_object<CStaticScan>> scan(created);
+    auto scan = qv::make_object<CStaticScan>();
     VARIANT_BOOL completed = VARIANT_FALSE;
     check_hr(scan->ScanWithFilter(path.get(), static_cast<IStaticScanEventsValeSP*>(this),
                                   m_bUseFilter ? VARIANT_TRUE : VARIANT_FALSE, qv::bstr(m_sLangID).get(), &completed,

@@ -1,5 +1,5 @@
 // The search for a companion library (the sibling ladder) and its process-wide cache, in children.
-#include "dotnet/sibling_module_cache.h"
+#include "siblings/sibling_module_cache.h"
 #include "library_support.h"
 
 #include <gtest/gtest.h>

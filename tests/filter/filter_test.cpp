@@ -1,7 +1,7 @@
 // The filters over the lists of the support folder: filters.xml, the Visual Basic chain, shipped data, MSXML.
 #include "filter/qvwi_filter.h"
 #include "filter/vb_filter.h"
-#include "filter/xml_loader.h"
+#include "toolkit/xml_loader.h"
 #include "inc/com_error.h"
 #include "library_support.h"
 

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "companions.h"
-#include "dotnet/sibling_module_cache.h"
+#include "siblings/sibling_module_cache.h"
 #include "inc/com_exception.h"
 #include "inc/com_ptr.h"
 #include "test_support.h"

@@ -209,22 +209,24 @@ TEST(Qvmapfilex, ReadWriteAndTheHalfOpenState) {
 wstring Version(const wchar_t* name) { return fixture(wstring(L"version\\") + name); }
 wstring Text(const wchar_t* value) { return value ? value : L"(null)"; }
 
-// Either reader of a fixture, and whether it found a resource (Load's answer, or a fixed record).
-template <class Info> std::pair<Info, bool> Read(const wchar_t* name) {
-    if constexpr (std::is_same_v<Info, ::version_info>) {
-        Info info(Version(name));
+// The reader of a fixture, loaded by its constructor or by Load, and whether it found a resource (Load's
+// answer, or a fixed record).
+struct by_constructor {};
+struct by_load {};
+template <class How> std::pair<qv::version_info, bool> Read(const wchar_t* name) {
+    if constexpr (std::is_same_v<How, by_constructor>) {
+        qv::version_info info(Version(name));
         return {info, info.dwSignature == VS_FFI_SIGNATURE};
     } else {
-        Info info;
+        qv::version_info info;
         const bool loaded = info.Load(Version(name));
         return {info, loaded};
     }
 }
-std::vector<DWORD> Translations(const ::version_info& info) { return info.m_translations; }
-std::vector<DWORD> Translations(const qv::version_info& i) { return {i.m_pTranslations, i.m_pTranslations + i.m_nTranslations}; }
+std::vector<DWORD> Translations(const qv::version_info& info) { return info.m_translations; }
 
-template <class Info> class VersionInfo : public ::testing::Test {};
-using Infos = ::testing::Types<::version_info, qv::version_info>;
+template <class How> class VersionInfo : public ::testing::Test {};
+using Infos = ::testing::Types<by_constructor, by_load>;
 TYPED_TEST_SUITE(VersionInfo, Infos);
 
 TYPED_TEST(VersionInfo, FixedRecordTranslationsAndStrings) {
@@ -252,8 +254,8 @@ TYPED_TEST(VersionInfo, FixedRecordTranslationsAndStrings) {
 }
 
 TYPED_TEST(VersionInfo, CopiesShareTheBlockAndOutliveTheOriginal) {
-    auto original = std::make_unique<TypeParam>(Read<TypeParam>(L"translations.dll").first);
-    TypeParam copy(*original), assigned = Read<TypeParam>(L"no_version.dll").first;
+    auto original = std::make_unique<qv::version_info>(Read<TypeParam>(L"translations.dll").first);
+    qv::version_info copy(*original), assigned = Read<TypeParam>(L"no_version.dll").first;
     assigned = *original;
     EXPECT_EQ(assigned.GetString("Shared"), original->GetString("Shared")); // the very same block
     original.reset();
@@ -276,7 +278,7 @@ TEST(VersionText, FixturesSelfRegistrationAndWineDlls) {
     for (const wstring& line : lines) {
         const wstring name = line.substr(0, line.find(L'=')), path = qv::SystemFolder() + name;
         EXPECT_EQ(qv::GetFileVersionText(path, L"."), line.substr(name.size() + 1));
-        EXPECT_EQ(lower(Text(::version_info(path).GetString("OriginalFilename"))), lower(name));
+        EXPECT_EQ(lower(Text(qv::version_info(path).GetString("OriginalFilename"))), lower(name));
     }
 }
 

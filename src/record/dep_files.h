@@ -17,8 +17,7 @@ class CDepFiles : public qv::CRefCollectionImpl<IDepFile*, IDepFiles, &LIBID_QVW
                                                 qv::interface_adapter<IDepFile>, &IID_IDepFiles> {};
 
 // One tagged group of records. It owns a CDepFiles, made empty with the bag, by one reference.
-//   qv::com_object<CDepFileBag>* bag;
-//   check_hr(qv::com_object<CDepFileBag>::CreateInstance(&bag, tag));   // tag: std::wstring_view
+//   auto bag = qv::make_object<CDepFileBag>(tag);   // tag: std::wstring_view
 class CDepFileBag
     : public qv::support_error_info_impl<&IID_IDepFileBag>,
       public qv::dispatch_impl<IDepFileBag, &IID_IDepFileBag, qv::typeinfo_holder<&LIBID_QVWISCANNERSLib, 1, 0>>,

@@ -1,4 +1,4 @@
-#include "filter/xml_loader.h"
+#include "toolkit/xml_loader.h"
 
 #include "inc/com_error.h"
 

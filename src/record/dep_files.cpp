@@ -1,15 +1,11 @@
-#include "server/dep_files.h"
+#include "record/dep_files.h"
 
 #include "inc/com_boundary.h"
 
 CDepFileBag::CDepFileBag(std::wstring_view tag) : m_tagName(tag) {}
 
 HRESULT CDepFileBag::FinalConstruct() {
-    qv::com_object<CDepFiles>* files = nullptr;
-    HRESULT hr = qv::com_object<CDepFiles>::CreateInstance(&files);
-    if (FAILED(hr))
-        return hr;
-    m_files = qv::com_ptr<CDepFiles>(files);
+    m_files = qv::make_object<CDepFiles>();
     return S_OK;
 }
 
@@ -17,10 +13,8 @@ STDMETHODIMP CDepFileBag::get_TagName(BSTR* pVal) {
     if (!pVal)
         return E_POINTER;
     *pVal = nullptr;
-    return qv::com_boundary([&] {
-        *pVal = qv::bstr(m_tagName).detach();
-        return S_OK;
-    });
+    // A null tag is handed out as null.
+    return m_tagName.get() ? qv::copy_text_out(m_tagName.view(), pVal) : S_OK;
 }
 
 // The default member: the same collection object every time.

@@ -1,4 +1,4 @@
-#include "static/file_view.h"
+#include "image/file_view.h"
 
 CFileView::CFileView(const std::wstring& path) {
     m_hFile.reset(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,

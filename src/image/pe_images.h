@@ -1,12 +1,11 @@
 // The image layers over a file view: CExeImage classifies it by its headers, CPEImage reaches into
-// the tables of a usable PE image, CScannedPE adds the attempt to load the file as an assembly.
+// the tables of a usable PE image (static/scanned_pe.h adds the attempt to load the file as an assembly).
 // All reading goes through the bounded reader of qv::pe on the file's bytes; nothing is run, and
 // a corrupt file, or one that shrinks while it is read, is a state, never an exception.
 #pragma once
 
 #include "format/pe/pe_image.h"
-#include "inc/com_ptr.h"
-#include "static/file_view.h"
+#include "image/file_view.h"
 
 #include <memory>
 #include <optional>
@@ -69,25 +68,6 @@ public:
 protected:
     ImageErrorRecord m_imageError;
     std::optional<qv::pe::pe_image> m_reader;
-};
-
-class CScannedPE : public CPEImage {
-public:
-    explicit CScannedPE(const std::wstring& path);
-
-    // The assembly loaded from this file (its IDotNetAssembly), or null for a plain image. A load that
-    // failed for another reason than "not an assembly" leaves its description in AssemblyError.
-    IUnknown* Assembly() const { return m_pAssembly.get(); }
-    const ImageErrorRecord& AssemblyError() const { return m_assemblyError; }
-    // Hands out a reference to the assembly; leaves out as it was when there is none.
-    void GetAssembly(IUnknown** out) const {
-        if (m_pAssembly)
-            m_pAssembly.copy_to(out);
-    }
-
-private:
-    qv::com_ptr<IUnknown> m_pAssembly;
-    ImageErrorRecord m_assemblyError;
 };
 
 // What the import walk needs of a file, read once: how it opened, whether it is a usable image and of

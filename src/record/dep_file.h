@@ -5,14 +5,14 @@
 //
 // It trusts the file system only as far as the probes and the version reader do. LoadFromFile may run
 // a DLL's initialisation code (the automatic self-registration test): only callers that accept that
-// leave SetAutoSelfReg on; MakeDepFile switches it off.
+// leave SetAutoSelfReg on; MakeDepFile (static/make_dep_file.h) switches it off.
 #pragma once
 
 #include "QVWIScanners.h"
 #include "inc/com_dispatch.h"
 #include "inc/com_object.h"
 #include "inc/com_ptr.h"
-#include "server/languages.h"
+#include "record/languages.h"
 
 #include <windows.h>
 
@@ -20,10 +20,9 @@
 #include <string>
 #include <string_view>
 
-class CDepFiles;
-class CFilterBase;
-struct ScannedFile;
+namespace qv {
 class version_info;
+}
 
 class CDepFile
     : public qv::object_root,
@@ -114,7 +113,7 @@ public:
     static std::optional<std::wstring> MapDestPath(const std::wstring& path);
 
 private:
-    bool TestSelfRegistration(const std::wstring& path, const version_info& info);
+    bool TestSelfRegistration(const std::wstring& path, const qv::version_info& info);
     bool TestShared(const std::wstring& path) const;
 
     qv::bstr m_bstrName;
@@ -137,15 +136,6 @@ private:
     qv::com_ptr<IDotNetAssembly> m_pAssembly;
     std::wstring m_sDestPath;
 };
-
-// The bridge from the static scanner's record to a CDepFile, with self-registration taken from the
-// record (the file is never loaded). A plain file is asked of the filter for IsFilterable. A merge-module
-// entry (subject and key both set) is made once per key: when files already holds the key and the module
-// is not missing, nothing is made, *depFile is null and *name untouched; otherwise the entry's name is the
-// key. *name receives its own copy (a null name pointer throws E_POINTER), *depFile one reference.
-// Failures are thrown as com_exception.
-void MakeDepFile(CDepFiles* files, const ScannedFile& record, CFilterBase* filter, bool& bIsMergeModule, BSTR* name,
-                 IDepFile** depFile);
 
 // Path rules of the record, shared with the tests.
 namespace qv::dep_file_detail {

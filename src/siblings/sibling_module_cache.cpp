@@ -1,4 +1,4 @@
-#include "dotnet/sibling_module_cache.h"
+#include "siblings/sibling_module_cache.h"
 
 #include "inc/com_error.h"
 
@@ -6,30 +6,13 @@
 #include "inc/com_ptr.h"
 #include "inc/unique_handles.h"
 #include "toolkit/path_helpers.h"
+#include "toolkit/probes.h"
 
 #include <shlwapi.h>
 
 #include <iterator>
 
 namespace {
-
-constexpr wchar_t kCurrentVersionKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion";
-constexpr wchar_t kCommonFilesValue[] = L"CommonFilesDir";
-
-// HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion, CommonFilesDir; empty when it cannot be read.
-std::wstring CommonFilesFolder() {
-    qv::unique_hkey key;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kCurrentVersionKey, 0, KEY_QUERY_VALUE, key.put()) != ERROR_SUCCESS)
-        return {};
-    wchar_t buffer[MAX_PATH + 1] = {};
-    DWORD type = 0;
-    DWORD size = sizeof buffer - sizeof(wchar_t); // room for a terminator the value may lack
-    if (RegQueryValueExW(key.get(), kCommonFilesValue, nullptr, &type, reinterpret_cast<BYTE*>(buffer), &size) !=
-            ERROR_SUCCESS ||
-        (type != REG_SZ && type != REG_EXPAND_SZ))
-        return {};
-    return std::wstring(buffer, wcsnlen(buffer, size / sizeof(wchar_t)));
-}
 
 // This server's own file: the module that holds this code (the server DLL, or a program linking it).
 bool ServerPath(std::wstring& path) {
@@ -116,7 +99,7 @@ std::wstring CSiblingModuleCache::FindLibrary(const std::wstring& fileName) {
     if (!ServerPath(server))
         return fileName;
     const std::wstring folder = qv::DirectoryPart(server);
-    for (const std::wstring& path : FixedCandidates(folder, CommonFilesFolder(), fileName))
+    for (const std::wstring& path : FixedCandidates(folder, qv::ReadCommonFilesDir(), fileName))
         if (GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES)
             return path;
     for (const std::wstring& path : ParentCandidates(folder, fileName))

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "QVWIScanners.h"
-#include "server/resource.h"
+#include "inc/resource.h"
 
 #include <windows.h>
 

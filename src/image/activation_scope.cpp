@@ -1,7 +1,7 @@
-#include "static/activation_scope.h"
+#include "image/activation_scope.h"
 
 #include "format/pe/resources.h"
-#include "static/pe_images.h"
+#include "image/pe_images.h"
 #include "toolkit/path_helpers.h"
 
 ULONG_PTR ActivationScope::ManifestResourceFor(const std::wstring& path) {

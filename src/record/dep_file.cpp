@@ -1,12 +1,9 @@
-#include "server/dep_file.h"
+#include "record/dep_file.h"
 
-#include "filter/filter_base.h"
 #include "format/pe/pe_layout.h"
+#include "image/pe_images.h"
 #include "inc/com_boundary.h"
 #include "inc/unique_handles.h"
-#include "server/dep_files.h"
-#include "static/dep_walker.h"
-#include "static/pe_images.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
 #include "toolkit/version_info.h"
@@ -18,8 +15,6 @@
 namespace {
 
 constexpr wchar_t kSharedDllsKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\SharedDlls";
-constexpr wchar_t kCurrentVersionKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion";
-constexpr wchar_t kCommonFilesValue[] = L"CommonFilesDir";
 
 using qv::unique_hfind;
 
@@ -72,23 +67,6 @@ DATE LocalDosTime(const FILETIME& written) {
         !DosDateTimeToVariantTime(dosDate, dosTime, &result))
         return 0;
     return result;
-}
-
-// HKLM\...\CurrentVersion\CommonFilesDir as stored (not expanded), or empty.
-std::wstring ReadCommonFilesDir() {
-    DWORD flags = RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND;
-    std::vector<wchar_t> buffer(MAX_PATH);
-    for (int attempt = 0; attempt < 4; ++attempt) {
-        DWORD size = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
-        LONG status = RegGetValueW(HKEY_LOCAL_MACHINE, kCurrentVersionKey, kCommonFilesValue, flags, nullptr,
-                                   buffer.data(), &size);
-        if (status == ERROR_SUCCESS)
-            return std::wstring(buffer.data(), wcsnlen(buffer.data(), buffer.size()));
-        if (status != ERROR_MORE_DATA)
-            return {};
-        buffer.resize(size / sizeof(wchar_t) + 1);
-    }
-    return {};
 }
 
 } // namespace
@@ -177,9 +155,7 @@ bool ListedInSharedDlls(std::wstring_view name, REGSAM access) {
 using namespace qv::dep_file_detail;
 
 CDepFile::CDepFile() {
-    qv::com_object<CLanguages>* languages = nullptr;
-    check_hr(qv::com_object<CLanguages>::CreateInstance(&languages));
-    m_pLanguages = qv::com_ptr<qv::com_object<CLanguages>>(languages);
+    m_pLanguages = qv::make_object<CLanguages>();
 }
 
 // ---- IDepFile
@@ -256,8 +232,7 @@ STDMETHODIMP CDepFile::PutDestPath(BSTR bstrVal) {
 STDMETHODIMP CDepFile::GetDestPath(BSTR* pbstrVal) {
     if (!pbstrVal)
         return E_INVALIDARG;
-    *pbstrVal = SysAllocStringLen(m_sDestPath.data(), static_cast<UINT>(m_sDestPath.size()));
-    return *pbstrVal ? S_OK : E_OUTOFMEMORY;
+    return qv::copy_text_out(m_sDestPath, pbstrVal);
 }
 
 namespace {
@@ -369,7 +344,7 @@ std::optional<std::wstring> CDepFile::MapDestPath(const std::wstring& path) {
     static const folder_token pairs[] = {
         {[] { return qv::SystemFolder(); }, &qv::traits::SystemFolderToken},
         {[] { return qv::WindowsFolder(); }, &qv::traits::WindowsFolderToken},
-        {&ReadCommonFilesDir, &qv::traits::CommonFilesFolderToken},
+        {&qv::ReadCommonFilesDir, &qv::traits::CommonFilesFolderToken},
     };
     for (const folder_token& pair : pairs) {
         std::wstring folder = qv::LowerCase(pair.folder());
@@ -416,7 +391,7 @@ void CDepFile::SetMergeModule(std::wstring_view name, std::wstring_view path, bo
     m_bIsMissing = bMissing;
 }
 
-bool CDepFile::TestSelfRegistration(const std::wstring& path, const version_info& info) {
+bool CDepFile::TestSelfRegistration(const std::wstring& path, const qv::version_info& info) {
     // An executable announces itself in its version resource; it is never loaded.
     if (EqualNoCase(qv::ExtensionPart(path), L".exe"))
         return info.GetString("OLESelfRegister") != nullptr;
@@ -457,7 +432,7 @@ void CDepFile::LoadFromFile(const std::wstring& path) {
     }
     SetPaths(name, path);
 
-    version_info info(path);
+    qv::version_info info(path);
     m_bSelfRegistering = ToVariantBool(TestSelfRegistration(path, info));
 
     WIN32_FIND_DATAW data{};
@@ -474,52 +449,11 @@ void CDepFile::LoadFromFile(const std::wstring& path) {
 
     m_bShared = ToVariantBool(!m_bstrName.empty() && TestShared(path));
 
-    m_nMajorVersion = static_cast<long>(info.m_nFileVersionMS);
-    m_nMinorVersion = static_cast<long>(info.m_nFileVersionLS);
+    m_nMajorVersion = static_cast<long>(info.dwFileVersionMS);
+    m_nMinorVersion = static_cast<long>(info.dwFileVersionLS);
 
     // Every translation goes under the one key "1": the collection ends up holding the language of the
     // last translation only.
     for (DWORD translation : info.m_translations)
         m_pLanguages->Add(L"1", static_cast<long>(LOWORD(translation)));
-}
-
-// ---- The bridge from the static scanner
-
-void MakeDepFile(CDepFiles* files, const ScannedFile& record, CFilterBase* filter, bool& bIsMergeModule, BSTR* name,
-                 IDepFile** depFile) {
-    if (depFile)
-        *depFile = nullptr;
-    qv::com_object<CDepFile>* created = nullptr;
-    check_hr(qv::com_object<CDepFile>::CreateInstance(&created));
-    qv::com_ptr<qv::com_object<CDepFile>> file(created);
-
-    std::wstring key = record.FullPath;
-    file->SetSelfRegistering(record.SelfRegistering);
-    file->SetAutoSelfReg(false);
-    file->SetAssembly(record.Assembly.get());
-    file->LoadFromFile(key);
-
-    if (record.MergeModuleSubject.empty() || record.MergeModuleKey.empty()) {
-        bIsMergeModule = false;
-        bool inFilterList = false;
-        bool drop = false;
-        if (filter)
-            AskFilter(filter, record.FullPath, inFilterList, drop);
-        // On a list, whether or not it is to be dropped now.
-        file->SetFilterable(inFilterList);
-    } else {
-        bIsMergeModule = true;
-        // One entry per module however many of its files were met; a missing module is not looked up,
-        // so a later one replaces the earlier entry under its key.
-        qv::bstr moduleKey(record.MergeModuleKey);
-        if (!record.MissingMergeModule && files && files->Contains(moduleKey.get()))
-            return;
-        file->SetMergeModule(record.MergeModuleSubject, record.MergeModuleKey, record.MissingMergeModule);
-        key = record.MergeModuleKey;
-    }
-
-    if (!name)
-        throw com_exception(E_POINTER);
-    *name = qv::bstr(key).detach();
-    check_hr(file->QueryInterface(IID_IDepFile, reinterpret_cast<void**>(depFile)));
 }

@@ -1,0 +1,15 @@
+// The search for a dependency by name: the folders a loader would try, and of the files found there the
+// first that is no usable image or an image of the machine asked for. It reads images through ImageFacts.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+// Searches the current directory and then the folders of the Path variable (or only root, when it is
+// not empty) for name, taking a file that is no usable image, or an image of the given machine
+// (0 takes any). Folders, devices and pipes are stepped over; so is an image of another machine. The
+// path found is normalised when the name climbs or holds forward slashes.
+// current, when given, stands for the current directory.
+bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result,
+                    const std::wstring* current = nullptr);
