@@ -84,7 +84,7 @@ std::string machine_text(const qv::pe::pe_image& image) {
     if (image.kind() == qv::pe::image_kind::pe64)
         return image.machine() == qv::pe::layout::machine::ia64    ? "IA64"
                : image.machine() == qv::pe::layout::machine::amd64 ? "Amd64"
-                                                                : "";
+                                                                   : "";
     return (header->flags & ilOnly) ? "MSIL" : "";
 }
 
@@ -219,9 +219,8 @@ std::vector<reference> read_references(IDotNetAssemblyRefs* refs, const file_tab
 std::string machine_word(long machine) {
     if (machine == 0)
         return "";
-    const std::string name = machine > 0 && machine <= 0xFFFF
-                                 ? qv::pe::layout::machine::name(static_cast<std::uint16_t>(machine))
-                                 : "";
+    const std::string name =
+        machine > 0 && machine <= 0xFFFF ? qv::pe::layout::machine::name(static_cast<std::uint16_t>(machine)) : "";
     return name.empty() ? std::to_string(machine) : name;
 }
 
@@ -230,7 +229,9 @@ bool on_disk(const reference& r) {
     return !r.found && r.kind == "assembly" && qv::FileNamePart(r.fileName).size() != r.fileName.size();
 }
 
-json text_or_null(const std::wstring& text) { return text.empty() ? json(nullptr) : json(utf8(text)); }
+json text_or_null(const std::wstring& text) {
+    return text.empty() ? json(nullptr) : json(utf8(text));
+}
 
 std::string or_dash(const std::string& text) {
     return text.empty() ? "-" : text;

@@ -8,15 +8,16 @@ namespace qvscan {
 
 namespace {
 
-std::string scalar(const json& value) { return value.dump(-1, ' ', false, json::error_handler_t::replace); }
+std::string scalar(const json& value) {
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
 
 std::string member_path(const std::string& path, std::string_view name) {
     return path.empty() ? std::string(name) : path + "/" + std::string(name);
 }
 
 // indent: the indent of the line the value starts on.
-void write(std::string& text, const json& value, const json_layout& layout, const std::string& path,
-           size_t indent) {
+void write(std::string& text, const json& value, const json_layout& layout, const std::string& path, size_t indent) {
     if (!value.is_structured()) {
         text += scalar(value);
         return;
@@ -47,6 +48,8 @@ std::string json_text(const json& document, const json_layout& layout) {
     return text;
 }
 
-void print_json(const json& document, const json_layout& layout) { out(json_text(document, layout) + "\n"); }
+void print_json(const json& document, const json_layout& layout) {
+    out(json_text(document, layout) + "\n");
+}
 
 } // namespace qvscan

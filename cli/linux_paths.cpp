@@ -78,7 +78,9 @@ std::wstring from_linux(const std::wstring& file) {
     return result;
 }
 
-std::wstring full_path(const std::wstring& given) { return qv::FullPath(from_linux(given)); }
+std::wstring full_path(const std::wstring& given) {
+    return qv::FullPath(from_linux(given));
+}
 
 bool exists(const std::wstring& path) {
     const DWORD attributes = GetFileAttributesW(path.c_str());

@@ -39,13 +39,17 @@ json read_module(IQvMergeModuleFolder* catalog, long i, std::string& text, table
                         {"version", utf8(fileVersion.view())},
                         {"language", fileLanguage},
                         {"machine", machine}});
-        files.add({utf8(key.view()), utf8(name.view()), utf8(fileVersion.view()), std::to_string(fileLanguage),
-                   machine});
+        files.add(
+            {utf8(key.view()), utf8(name.view()), utf8(fileVersion.view()), std::to_string(fileLanguage), machine});
     }
     text += utf8(key.view()) + "  " + utf8(subject.view()) + "  " + utf8(id.view()) + " " + utf8(version.view()) +
             (file.empty() ? "  (not in the folder)" : "") + "\n";
-    return {{"key", utf8(key.view())},      {"id", utf8(id.view())},         {"subject", utf8(subject.view())},
-            {"version", utf8(version.view())}, {"language", language},      {"present", !file.empty()},
+    return {{"key", utf8(key.view())},
+            {"id", utf8(id.view())},
+            {"subject", utf8(subject.view())},
+            {"version", utf8(version.view())},
+            {"language", language},
+            {"present", !file.empty()},
             {"files", list}};
 }
 

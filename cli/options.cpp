@@ -61,8 +61,7 @@ constexpr option_spec merge_modules{"--merge-modules", "DIR", "read the merge mo
 constexpr option_spec lang{"--lang", "TEXT", "the language of the sections of .dep files to read", set_lang};
 constexpr option_spec tag{"--tag", "T", "name the bag the run's files go to",
                           [](options& o, const std::wstring& v) { o.tag = v; }};
-constexpr option_spec timeout{"--timeout", "S", "end the target (or let the process go) after S seconds",
-                              set_timeout};
+constexpr option_spec timeout{"--timeout", "S", "end the target (or let the process go) after S seconds", set_timeout};
 
 constexpr option_spec static_options[] = {
     lang,

@@ -89,8 +89,7 @@ const json_layout files_layout{{"", "files", "files/*", "files/*/dependencies"}}
 
 std::string static_text(const static_result& r) {
     return records_table(r.records) + std::to_string(r.records.size()) + " files, " + std::to_string(r.missing) +
-           " missing, " + std::to_string(r.filterable) + " filterable, " + std::to_string(r.modules) +
-           " merge modules";
+           " missing, " + std::to_string(r.filterable) + " filterable, " + std::to_string(r.modules) + " merge modules";
 }
 
 // What is wrong with one scanned file, on standard error; the exit code it asks for.
@@ -153,8 +152,7 @@ std::vector<std::wstring> static_files(const options& o) {
     return files;
 }
 
-int run_one(const server_dll& dll, IStaticScan* scan, const std::wstring& file, const options& o,
-            IUnknown* catalog) {
+int run_one(const server_dll& dll, IStaticScan* scan, const std::wstring& file, const options& o, IUnknown* catalog) {
     const static_result r = scan_static(scan, file, o, catalog);
     if (FAILED(r.hr))
         return tell_static(dll, r);
@@ -184,9 +182,9 @@ int run_several(const server_dll& dll, IStaticScan* scan, const options& o, IUnk
         json list = json::array();
         for (const static_result& r : results)
             list.push_back(static_json(r));
-        print_json({{"files", list},
-                    {"summary", {{"scanned", results.size()}, {"records", records}, {"missing", missing}}}},
-                   files_layout);
+        print_json(
+            {{"files", list}, {"summary", {{"scanned", results.size()}, {"records", records}, {"missing", missing}}}},
+            files_layout);
     } else {
         for (const auto& r : results)
             out(utf8(r.file) + ":\n" + (FAILED(r.hr) ? "  the scan failed: " + r.failure : static_text(r)) + "\n\n");

@@ -146,8 +146,8 @@ class event_connection {
 public:
     // False when the checker offers no events.
     bool advise(IDepChecker* checker, IDispatch* sink) {
-        if (auto container = qv::com_ptr<IDepChecker>(checker).query<IConnectionPointContainer>(
-                IID_IConnectionPointContainer))
+        if (auto container =
+                qv::com_ptr<IDepChecker>(checker).query<IConnectionPointContainer>(IID_IConnectionPointContainer))
             container->FindConnectionPoint(DIID__IDepCheckerEvents, m_point.put());
         return m_point && SUCCEEDED(m_point->Advise(sink, &m_cookie));
     }

@@ -209,7 +209,8 @@ const json_layout vbp_layout{{"", "groups", "groups/*/files"}};
 json missing_json(const std::vector<missing_file>& missing) {
     json list = json::array();
     for (const missing_file& m : missing)
-        list.push_back({{"file", utf8(m.file)}, {"project", m.project.empty() ? json(nullptr) : json(utf8(m.project))}});
+        list.push_back(
+            {{"file", utf8(m.file)}, {"project", m.project.empty() ? json(nullptr) : json(utf8(m.project))}});
     return list;
 }
 
@@ -217,14 +218,15 @@ void print_document(const vbp_result& r) {
     json groups = json::array();
     size_t files = 0, missing = 0;
     for (const auto& group : r.groups) {
-        groups.push_back({{"name", utf8(group.name)}, {"project", group.isProject}, {"files", records_json(group.records)}});
+        groups.push_back(
+            {{"name", utf8(group.name)}, {"project", group.isProject}, {"files", records_json(group.records)}});
         for (const record& rec : group.records) {
             files += group.isProject;
             missing += group.isProject && rec.missing;
         }
     }
-    const json buildFailed = r.buildFailed ? json{{"command", utf8(r.buildCommand)}, {"compilerSays", utf8(r.compilerSays)}}
-                                           : json(nullptr);
+    const json buildFailed =
+        r.buildFailed ? json{{"command", utf8(r.buildCommand)}, {"compilerSays", utf8(r.compilerSays)}} : json(nullptr);
     print_json({{"project", utf8(r.project)},
                 {"completed", r.completed},
                 {"cancelled", r.cancelled},
@@ -303,9 +305,9 @@ HRESULT scan_project(IVBPScan* scan, vbp_sink& sink, const vbp_result& result, c
     const qv::scope_exit unwatch([&] { sink.interrupt = nullptr; });
     try {
         current_folder inProject(qv::DirectoryPart(result.project));
-        return scan->Scan(qv::bstr(result.project).get(), qv::bstr(depFile).get(),
-                          static_cast<IScanEventsTarn*>(&sink), o.filter ? VARIANT_TRUE : VARIANT_FALSE,
-                          o.rebuild ? VARIANT_TRUE : VARIANT_FALSE, qv::bstr(o.lang).get());
+        return scan->Scan(qv::bstr(result.project).get(), qv::bstr(depFile).get(), static_cast<IScanEventsTarn*>(&sink),
+                          o.filter ? VARIANT_TRUE : VARIANT_FALSE, o.rebuild ? VARIANT_TRUE : VARIANT_FALSE,
+                          qv::bstr(o.lang).get());
     } catch (const com_exception& e) {
         return e.Error();
     } catch (const qv::win32_exception& e) {

@@ -161,7 +161,7 @@ TEST(LinuxPaths, AFileGivenByItsLinuxPathIsReachedUnderItsWindowsPath) {
     // Wine's short name of a name holding ':' keeps the ':' (which then reads as a stream's name): such a file is
     // named inside its folder, but cannot be opened.
     const std::pair<std::string, bool> files[] = {
-        {"plain.exe", true},          {"a*b.exe", true},           {"q\"u<o>t?e|.dll", true},
+        {"plain.exe", true},          {"a*b.exe", true},          {"q\"u<o>t?e|.dll", true},
         {"we\"ird/p\"rog.exe", true}, {deep + "/long.exe", true}, {deep + "/c*c/s|s.exe", true},
         {"co:lon.dll", false},
     };
@@ -174,8 +174,8 @@ TEST(LinuxPaths, AFileGivenByItsLinuxPathIsReachedUnderItsWindowsPath) {
         for (size_t slash = name.find('/'); slash != std::string::npos; slash = name.find('/', slash + 1))
             if (CreateDirectoryW(unix_form(root + "/" + name.substr(0, slash)).c_str(), nullptr))
                 made.push_back(unix_form(root + "/" + name.substr(0, slash)));
-        const qv::unique_hfile file(CreateFileW(unix_form(root + "/" + name).c_str(), GENERIC_WRITE, 0, nullptr,
-                                                CREATE_ALWAYS, 0, nullptr));
+        const qv::unique_hfile file(
+            CreateFileW(unix_form(root + "/" + name).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
         DWORD written = 0;
         ASSERT_TRUE(file && WriteFile(file.get(), name.data(), static_cast<DWORD>(name.size()), &written, nullptr));
         made.push_back(unix_form(root + "/" + name));
@@ -191,7 +191,8 @@ TEST(LinuxPaths, AFileGivenByItsLinuxPathIsReachedUnderItsWindowsPath) {
 }
 
 TEST(LinuxPaths, OtherPathsAreTakenAsTheyAre) {
-    for (const wchar_t* path : {L"", L"rel\\x.exe", L"x/y.exe", L"C:\\x\\y.exe", L"C:/x/y.exe", L"\\\\server\\share\\z"})
+    for (const wchar_t* path :
+         {L"", L"rel\\x.exe", L"x/y.exe", L"C:\\x\\y.exe", L"C:/x/y.exe", L"\\\\server\\share\\z"})
         EXPECT_EQ(from_linux(path), path);
 }
 
@@ -201,9 +202,11 @@ TEST(JsonWriter, LaysADocumentOutAsItsLayoutSays) {
         json_layout layout;
         const char* text;
     } rows[] = {
-        {R"({"a":1,"b":[1,-2],"c":{"d":null,"e":true},"f":"x"})", {},
+        {R"({"a":1,"b":[1,-2],"c":{"d":null,"e":true},"f":"x"})",
+         {},
          R"({"a": 1, "b": [1, -2], "c": {"d": null, "e": true}, "f": "x"})"},
-        {R"({"a":18446744073709551615,"b":[],"c":{}})", {{""}},
+        {R"({"a":18446744073709551615,"b":[],"c":{}})",
+         {{""}},
          "{\n  \"a\": 18446744073709551615,\n  \"b\": [],\n  \"c\": {}\n}"},
         {R"({"bags":[{"tag":"t","dependencies":[{"n":1},{"n":2}]},{"tag":"","dependencies":[]}]})",
          {{"", "bags", "bags/*/dependencies"}},
@@ -214,13 +217,18 @@ TEST(JsonWriter, LaysADocumentOutAsItsLayoutSays) {
          "{\n  \"files\": [\n    {\n      \"file\": \"a\",\n      \"dependencies\": [\n        {\"n\": [1, 2]}\n"
          "      ]\n    }\n  ],\n  \"summary\": {\"scanned\": 1}\n}"},
         {R"({"files":[],"kinds":{}})", {{"", "files", "kinds"}}, "{\n  \"files\": [],\n  \"kinds\": {}\n}"},
-        {R"({"s":"q\"b\\s/\n\r\t\b\f\u0001\u001f\u007f é 日本 😀","k\"e\ny":0})", {},
+        {R"({"s":"q\"b\\s/\n\r\t\b\f\u0001\u001f\u007f é 日本 😀","k\"e\ny":0})",
+         {},
          "{\"s\": \"q\\\"b\\\\s/\\n\\r\\t\\b\\f\\u0001\\u001f\x7f é 日本 😀\", \"k\\\"e\\ny\": 0}"},
     };
     for (const auto& row : rows)
         EXPECT_EQ(json_text(json::parse(row.document), row.layout), row.text) << row.document;
     // Invalid UTF-8 (a stray byte, a cut sequence) becomes U+FFFD.
-    EXPECT_EQ(json_text(json{{"bad", std::string("a\xff" "b\xe6\x97")}}, {}), "{\"bad\": \"a\xef\xbf\xbd" "b\xef\xbf\xbd\"}");
+    EXPECT_EQ(json_text(json{{"bad", std::string("a\xff"
+                                                 "b\xe6\x97")}},
+                        {}),
+              "{\"bad\": \"a\xef\xbf\xbd"
+              "b\xef\xbf\xbd\"}");
 }
 
 } // namespace
