@@ -9,10 +9,17 @@
 // its AssemblyRef row asks for.
 //
 // Exit codes: 0 also for a file that is no assembly (it says so); 1 for corrupt metadata; 3 no such file.
-#include "qvscan.h"
+#include "commands.h"
 
+#include "error_text.h"
 #include "format/metadata/metadata.h"
 #include "format/pe/pe_image.h"
+#include "format/pe/pe_layout.h"
+#include "json_writer.h"
+#include "linux_paths.h"
+#include "progress.h"
+#include "records.h"
+#include "text_output.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/qvmapfilex.h"
 
@@ -75,7 +82,9 @@ std::string machine_text(const qv::pe::pe_image& image) {
     if ((header->flags & required32) && !(header->flags & preferred32))
         return "X86";
     if (image.kind() == qv::pe::image_kind::pe64)
-        return image.machine() == 512 ? "IA64" : image.machine() == 34404 ? "Amd64" : "";
+        return image.machine() == qv::pe::layout::machine::ia64    ? "IA64"
+               : image.machine() == qv::pe::layout::machine::amd64 ? "Amd64"
+                                                                   : "";
     return (header->flags & ilOnly) ? "MSIL" : "";
 }
 
@@ -96,16 +105,16 @@ file_tables read_tables(const std::wstring& file) {
     t.manifest = reader->rows(md::table::Assembly) > 0;
     for (std::uint32_t row = 1; row <= reader->rows(md::table::AssemblyRef); ++row) {
         if (const auto ref = reader->assembly_ref(row))
-            t.assemblies.emplace(lower(wide(ref->name)), display_name(*ref));
+            t.assemblies.emplace(qv::LowerCase(wide(ref->name)), display_name(*ref));
     }
     for (std::uint32_t row = 1; row <= reader->rows(md::table::ModuleRef); ++row) {
         std::wstring name = qv::FileNamePart(wide(reader->module_ref(row).value_or("")));
         if (!name.empty())
-            t.modules.insert(lower(qv::ExtensionPart(name).empty() ? name + L".dll" : name));
+            t.modules.insert(qv::LowerCase(qv::ExtensionPart(name).empty() ? name + L".dll" : name));
     }
     for (std::uint32_t row = 1; row <= reader->rows(md::table::File); ++row) {
         if (const auto f = reader->file(row))
-            t.files.insert(lower(qv::FileNamePart(wide(f->name))));
+            t.files.insert(qv::LowerCase(qv::FileNamePart(wide(f->name))));
     }
     return t;
 }
@@ -142,9 +151,9 @@ struct reference {
 const std::string* asked_for(const reference& r, const std::wstring& childName, const file_tables& t) {
     std::wstring key;
     if (r.child) {
-        key = lower(childName);
+        key = qv::LowerCase(childName);
     } else if (!r.found) {
-        key = lower(qv::FileNamePart(r.fileName));
+        key = qv::LowerCase(qv::FileNamePart(r.fileName));
         if (key.size() != r.fileName.size())
             key.resize(key.size() - qv::ExtensionPart(key).size());
     }
@@ -159,7 +168,7 @@ bool is_type_library(const std::wstring& path) {
 
 // Why the reference stands in the list, judged by the referring file's tables.
 std::string kind_of(const reference& r, bool asked, const file_tables& t) {
-    const std::wstring name = lower(qv::FileNamePart(r.fileName));
+    const std::wstring name = qv::LowerCase(qv::FileNamePart(r.fileName));
     if (r.child || asked)
         return "assembly";
     if (t.modules.count(name))
@@ -176,12 +185,8 @@ std::vector<reference> read_references(IDotNetAssemblyRefs* refs, const file_tab
     long count = 0;
     check_hr(refs->get_Count(&count));
     for (long i = 1; i <= count; ++i) {
-        VARIANT index;
-        VariantInit(&index);
-        index.vt = VT_I4;
-        index.lVal = i;
         qv::com_ptr<IDotNetAssemblyRef> ref;
-        check_hr(refs->get_Item(index, ref.put()));
+        check_hr(refs->get_Item(item_index(i), ref.put()));
         if (!ref)
             continue;
         reference r;
@@ -209,20 +214,14 @@ std::vector<reference> read_references(IDotNetAssemblyRefs* refs, const file_tab
     return all;
 }
 
-// The machine word a reference was looked for, as people write it; empty for none.
+// The machine word a reference was looked for, as people write it; empty for none, the number for a word
+// without a name.
 std::string machine_word(long machine) {
-    switch (machine) {
-    case 0:
+    if (machine == 0)
         return "";
-    case 332:
-        return "x86";
-    case 34404:
-        return "x64";
-    case 512:
-        return "ia64";
-    default:
-        return std::to_string(machine);
-    }
+    const std::string name =
+        machine > 0 && machine <= 0xFFFF ? qv::pe::layout::machine::name(static_cast<std::uint16_t>(machine)) : "";
+    return name.empty() ? std::to_string(machine) : name;
 }
 
 // An assembly that the search found on disk but that did not load: it keeps its path.
@@ -230,25 +229,122 @@ bool on_disk(const reference& r) {
     return !r.found && r.kind == "assembly" && qv::FileNamePart(r.fileName).size() != r.fileName.size();
 }
 
-std::string json_or_null(const std::wstring& text) {
-    return text.empty() ? "null" : json_string(text);
+json text_or_null(const std::wstring& text) {
+    return text.empty() ? json(nullptr) : json(utf8(text));
 }
 
 std::string or_dash(const std::string& text) {
     return text.empty() ? "-" : text;
 }
 
+std::map<std::string, size_t> count_kinds(const std::vector<reference>& refs) {
+    std::map<std::string, size_t> kinds;
+    for (const reference& r : refs)
+        ++kinds[r.kind];
+    return kinds;
+}
+
+const json_layout one_line{};
+const json_layout assembly_layout{{"", "references"}};
+
+// The document of a file that is no assembly (or none that loads).
+json no_assembly_json(const std::wstring& file) {
+    return {{"file", utf8(file)},
+            {"assembly", nullptr},
+            {"references", json::array()},
+            {"summary", {{"references", 0}, {"missing", 0}, {"kinds", json::object()}}}};
+}
+
+json reference_json(const reference& r) {
+    const std::string machine = machine_word(r.machine);
+    return {{"name", utf8(qv::FileNamePart(r.fileName))},
+            {"kind", r.kind},
+            {"found", r.found},
+            {"path", r.found || on_disk(r) ? json(utf8(r.fileName)) : json(nullptr)},
+            {"machine", machine.empty() ? json(nullptr) : json(machine)},
+            {"version", text_or_null(r.version)},
+            {"token", text_or_null(r.token)},
+            {"identity", text_or_null(wide(r.identity))}};
+}
+
+void print_json_document(const std::wstring& file, const identity_text& id, const file_tables& tables,
+                         const std::vector<reference>& refs) {
+    json list = json::array(), kinds = json::object();
+    size_t missing = 0;
+    for (const reference& r : refs) {
+        list.push_back(reference_json(r));
+        missing += !r.found;
+    }
+    for (const auto& [kind, n] : count_kinds(refs))
+        kinds[kind] = n;
+    print_json({{"file", utf8(file)},
+                {"assembly",
+                 {{"name", utf8(id.name)},
+                  {"version", utf8(id.version)},
+                  {"culture", utf8(id.culture)},
+                  {"token", text_or_null(id.token)},
+                  {"machine", utf8(wide(tables.machine))}}},
+                {"references", list},
+                {"summary", {{"references", refs.size()}, {"missing", missing}, {"kinds", kinds}}}},
+               assembly_layout);
+}
+
+void print_text(const identity_text& id, const file_tables& tables, const std::vector<reference>& refs) {
+    table who({"name", utf8(id.name)});
+    who.add({"version", utf8(id.version)});
+    who.add({"culture", utf8(id.culture)});
+    who.add({"token", or_dash(utf8(id.token))});
+    who.add({"machine", or_dash(tables.machine)});
+    out(who.render() + "\n");
+    table t({"REFERENCE", "KIND", "MACHINE", "VERSION", "TOKEN", "WHERE"});
+    size_t missing = 0;
+    for (const reference& r : refs) {
+        const std::string where = r.found              ? utf8(r.fileName)
+                                  : on_disk(r)         ? "not loadable: " + utf8(r.fileName)
+                                  : r.identity.empty() ? std::string("missing")
+                                                       : "missing: " + r.identity;
+        t.add({utf8(qv::FileNamePart(r.fileName)), r.kind, or_dash(machine_word(r.machine)), or_dash(utf8(r.version)),
+               or_dash(utf8(r.token)), where});
+        missing += !r.found;
+    }
+    out(t.render());
+    out(std::to_string(refs.size()) + " references, " + std::to_string(missing) + " missing\n");
+}
+
+// A file that does not load as an assembly: told; the exit code.
+int tell_not_loaded(const std::wstring& file, HRESULT loaded, const file_tables& tables, bool asJson) {
+    if (asJson)
+        print_json(no_assembly_json(file), one_line);
+    if (loaded == CLDB_E_FILE_CORRUPT) {
+        err("qvscan: " + utf8(file) + ": not an assembly: " + failure_text(loaded) + "\n");
+        return ExitFailed;
+    }
+    const std::string why = tables.metadata && !tables.manifest
+                                ? "a module of a multi-file assembly, without a manifest"
+                                : describe(loaded);
+    if (!asJson)
+        out(utf8(file) + ": not an assembly: " + why + "\n");
+    return ExitOk;
+}
+
+// Load always reads the culture as "neutral"; the other reader, on an object of its own so that it leaves
+// the walk's object alone, reads the real one.
+void read_culture(const server_dll& dll, const qv::bstr& path, identity_text& id) {
+    auto other = dll.create<IDotNetAssembly>(CLSID_DotNetAssembly, IID_IDotNetAssembly);
+    VARIANT_BOOL noProvider = VARIANT_FALSE, read = VARIANT_FALSE;
+    qv::bstr culture;
+    if (SUCCEEDED(other->LoadProperties(path.get(), &noProvider, &read)) && read &&
+        SUCCEEDED(other->get_Culture(culture.put())))
+        id.culture = culture.str();
+}
+
 } // namespace
 
 int run_assembly(const server_dll& dll, const options& o) {
     const std::wstring file = full_path(o.file);
-    const std::string none =
-        "{\"file\": " + json_string(file) +
-        ", \"assembly\": null, \"references\": [], \"summary\": {\"references\": 0, \"missing\": 0, "
-        "\"kinds\": {}}}\n";
     if (!exists(file)) {
         if (o.json)
-            out(none);
+            print_json(no_assembly_json(file), one_line);
         err("qvscan: " + utf8(file) + ": " + not_a_file(file) + "\n");
         return ExitNoFile;
     }
@@ -256,31 +352,10 @@ int run_assembly(const server_dll& dll, const options& o) {
     auto assembly = dll.create<IDotNetAssembly>(CLSID_DotNetAssembly, IID_IDotNetAssembly);
     qv::bstr path(file);
     const HRESULT loaded = assembly->Load(path.get());
-    if (FAILED(loaded)) {
-        if (o.json)
-            out(none);
-        if (loaded == CLDB_E_FILE_CORRUPT) {
-            err("qvscan: " + utf8(file) + ": not an assembly: " + failure_text(loaded) + "\n");
-            return ExitFailed;
-        }
-        const std::string why = tables.metadata && !tables.manifest
-                                    ? "a module of a multi-file assembly, without a manifest"
-                                    : describe(loaded);
-        if (!o.json)
-            out(utf8(file) + ": not an assembly: " + why + "\n");
-        return ExitOk;
-    }
+    if (FAILED(loaded))
+        return tell_not_loaded(file, loaded, tables, o.json);
     identity_text id = read_identity(assembly.get());
-    // Load always reads the culture as "neutral"; the other reader, on an object of its own so that it
-    // leaves the walk's object alone, reads the real one.
-    {
-        auto other = dll.create<IDotNetAssembly>(CLSID_DotNetAssembly, IID_IDotNetAssembly);
-        VARIANT_BOOL noProvider = VARIANT_FALSE, read = VARIANT_FALSE;
-        qv::bstr culture;
-        if (SUCCEEDED(other->LoadProperties(path.get(), &noProvider, &read)) && read &&
-            SUCCEEDED(other->get_Culture(culture.put())))
-            id.culture = culture.str();
-    }
+    read_culture(dll, path, id);
 
     // The command is the process's last work, so the folder is not put back.
     SetCurrentDirectoryW(qv::DirectoryPart(file).c_str());
@@ -290,55 +365,10 @@ int run_assembly(const server_dll& dll, const options& o) {
     std::vector<reference> refs;
     if (list)
         refs = read_references(list.get(), tables);
-    std::map<std::string, size_t> kinds;
-    size_t missing = 0;
-    for (const reference& r : refs) {
-        ++kinds[r.kind];
-        missing += !r.found;
-    }
-
-    if (o.json) {
-        std::string s = "{\n  \"file\": " + json_string(file) +
-                        ",\n  \"assembly\": {\"name\": " + json_string(id.name) +
-                        ", \"version\": " + json_string(id.version) + ", \"culture\": " + json_string(id.culture) +
-                        ", \"token\": " + json_or_null(id.token) +
-                        ", \"machine\": " + json_string(wide(tables.machine)) + "},\n  \"references\": [";
-        for (size_t i = 0; i < refs.size(); ++i) {
-            const reference& r = refs[i];
-            const std::string machine = machine_word(r.machine);
-            s += std::string(i ? ",\n" : "\n") + "    {\"name\": " + json_string(qv::FileNamePart(r.fileName)) +
-                 ", \"kind\": \"" + r.kind + "\", \"found\": " + (r.found ? "true" : "false") +
-                 ", \"path\": " + (r.found || on_disk(r) ? json_string(r.fileName) : "null") +
-                 ", \"machine\": " + (machine.empty() ? "null" : "\"" + machine + "\"") +
-                 ", \"version\": " + json_or_null(r.version) + ", \"token\": " + json_or_null(r.token) +
-                 ", \"identity\": " + json_or_null(wide(r.identity)) + "}";
-        }
-        std::string counts;
-        for (const auto& [kind, n] : kinds)
-            counts += (counts.empty() ? "" : ", ") + json_string(wide(kind)) + ": " + std::to_string(n);
-        s += std::string(refs.empty() ? "" : "\n  ") +
-             "],\n  \"summary\": {\"references\": " + std::to_string(refs.size()) +
-             ", \"missing\": " + std::to_string(missing) + ", \"kinds\": {" + counts + "}}\n}\n";
-        out(s);
-        return ExitOk;
-    }
-    table who({"name", utf8(id.name)});
-    who.add({"version", utf8(id.version)});
-    who.add({"culture", utf8(id.culture)});
-    who.add({"token", or_dash(utf8(id.token))});
-    who.add({"machine", or_dash(tables.machine)});
-    out(who.render() + "\n");
-    table t({"REFERENCE", "KIND", "MACHINE", "VERSION", "TOKEN", "WHERE"});
-    for (const reference& r : refs) {
-        const std::string where = r.found              ? utf8(r.fileName)
-                                  : on_disk(r)         ? "not loadable: " + utf8(r.fileName)
-                                  : r.identity.empty() ? std::string("missing")
-                                                       : "missing: " + r.identity;
-        t.add({utf8(qv::FileNamePart(r.fileName)), r.kind, or_dash(machine_word(r.machine)), or_dash(utf8(r.version)),
-               or_dash(utf8(r.token)), where});
-    }
-    out(t.render());
-    out(std::to_string(refs.size()) + " references, " + std::to_string(missing) + " missing\n");
+    if (o.json)
+        print_json_document(file, id, tables, refs);
+    else
+        print_text(id, tables, refs);
     return ExitOk;
 }
 

@@ -2,27 +2,15 @@
 
 #include <windows.h>
 
-#include <cstdio>
+#include "toolkit/string_convert.h"
+
+#include <algorithm>
 
 namespace qvscan {
 
-std::string utf8(std::wstring_view text) {
-    if (text.empty())
-        return {};
-    int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    std::string s(static_cast<size_t>(n), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), s.data(), n, nullptr, nullptr);
-    return s;
-}
+std::string utf8(std::wstring_view text) { return qv::NarrowAnsi(text, CP_UTF8); }
 
-std::wstring wide(std::string_view text) {
-    if (text.empty())
-        return {};
-    int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring s(static_cast<size_t>(n), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), s.data(), n);
-    return s;
-}
+std::wstring wide(std::string_view text) { return qv::WidenAnsi(text, CP_UTF8); }
 
 static void write_to(DWORD which, std::string_view text) {
     HANDLE h = GetStdHandle(which);
@@ -40,38 +28,6 @@ void out(std::string_view text) { write_to(STD_OUTPUT_HANDLE, text); }
 void err(std::string_view text) { write_to(STD_ERROR_HANDLE, text); }
 
 bool err_is_terminal() { return GetFileType(GetStdHandle(STD_ERROR_HANDLE)) == FILE_TYPE_CHAR; }
-
-std::string json_string(std::wstring_view text) {
-    std::string s = "\"";
-    for (char c : utf8(text)) {
-        switch (c) {
-        case '"':
-            s += "\\\"";
-            break;
-        case '\\':
-            s += "\\\\";
-            break;
-        case '\n':
-            s += "\\n";
-            break;
-        case '\r':
-            s += "\\r";
-            break;
-        case '\t':
-            s += "\\t";
-            break;
-        default:
-            if (static_cast<unsigned char>(c) < 0x20) {
-                char buffer[8];
-                std::snprintf(buffer, sizeof buffer, "\\u%04x", static_cast<unsigned char>(c));
-                s += buffer;
-            } else {
-                s += c;
-            }
-        }
-    }
-    return s + "\"";
-}
 
 static size_t code_points(const std::string& s) {
     size_t n = 0;

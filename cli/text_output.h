@@ -1,5 +1,5 @@
 // Output of the command-line host: UTF-8 text to the standard streams (whatever the console code page),
-// JSON string escaping, and aligned text tables.
+// and aligned text tables.
 #pragma once
 
 #include <string>
@@ -15,9 +15,6 @@ void out(std::string_view text); // standard output
 void err(std::string_view text); // standard error
 // Whether standard error is a terminal (progress is drawn only there).
 bool err_is_terminal();
-
-// The text as a JSON string literal, with its quotes.
-std::string json_string(std::wstring_view text);
 
 // Columns aligned by the widest cell (counted in code points); the last column is not padded.
 class table {

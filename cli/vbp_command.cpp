@@ -3,11 +3,18 @@
 // questions (past a missing form or project, or a failed build, it goes on only when told to; after Ctrl-C
 // it asks to cancel), and at the end lists the project's group and the group of each file with imports.
 // Trusts the server for what the project names; reads no project file itself.
-#include "qvscan.h"
+#include "commands.h"
 
 #include "companions.h"
+#include "error_text.h"
 #include "inc/com_error.h"
 #include "inc/com_exception.h"
+#include "json_writer.h"
+#include "linux_paths.h"
+#include "merge_modules.h"
+#include "progress.h"
+#include "records.h"
+#include "text_output.h"
 #include "toolkit/path_helpers.h"
 
 #include <windows.h>
@@ -21,15 +28,6 @@
 namespace qvscan {
 
 namespace {
-
-volatile LONG g_interrupted = 0; // set by Ctrl-C, read by QueryCancel
-
-BOOL WINAPI OnConsoleControl(DWORD type) {
-    if (type != CTRL_C_EVENT && type != CTRL_BREAK_EVENT)
-        return FALSE;
-    InterlockedExchange(&g_interrupted, 1);
-    return TRUE;
-}
 
 // A file that is not there: a form as its project names it, or a project or .dep file (project empty).
 struct missing_file {
@@ -57,6 +55,8 @@ class vbp_sink : public IScanEventsTarn, public progress_sink {
 public:
     vbp_sink(vbp_result& result, bool keepGoing) : m_result(result), m_keepGoing(keepGoing) {}
 
+    const console_interrupt* interrupt = nullptr; // Ctrl-C while the scan runs
+
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** ppv) override {
         if (ppv && (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IScanEvents) ||
                     IsEqualIID(iid, IID_IScanEventsTarn))) {
@@ -78,15 +78,16 @@ public:
     HRESULT STDMETHODCALLTYPE QueryCancel(VARIANT_BOOL* cancel) override {
         if (!cancel)
             return E_POINTER;
-        *cancel = g_interrupted ? VARIANT_TRUE : VARIANT_FALSE;
-        m_result.cancelled = m_result.cancelled || g_interrupted;
+        const bool interrupted = interrupt && interrupt->raised();
+        *cancel = interrupted ? VARIANT_TRUE : VARIANT_FALSE;
+        m_result.cancelled = m_result.cancelled || interrupted;
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE Status(BSTR text) override {
         m_status = text ? text : L"";
         // On a terminal the progress words stand beside the bar; anything else the server says (the end, a
         // circle in a .dep file) is a line of its own, as every status is where there is no terminal.
-        if (!m_terminal || !is_progress(m_status))
+        if (!m_line.terminal() || !is_progress(m_status))
             line(utf8(m_status) + "\n");
         draw();
         return S_OK;
@@ -118,7 +119,7 @@ public:
                 const size_t end = std::min(forms.find(L';', start), forms.size());
                 const std::wstring form = forms.substr(start, end - start);
                 start = end + 1;
-                auto known = [&](const missing_file& m) { return lower(m.file) == lower(form); };
+                auto known = [&](const missing_file& m) { return qv::LowerCase(m.file) == qv::LowerCase(form); };
                 if (form.empty() || std::any_of(m_result.missing.begin(), m_result.missing.end(), known))
                     continue;
                 m_result.missing.push_back({form, owner});
@@ -132,12 +133,6 @@ public:
         return answer(continueScan);
     }
 
-    void erase_bar() {
-        if (m_drawn)
-            err("\r\x1b[K");
-        m_drawn = false;
-    }
-
 private:
     // The server's words for the steps of a scan.
     static bool is_progress(const std::wstring& text) {
@@ -147,7 +142,7 @@ private:
         return false;
     }
     void line(const std::string& text) {
-        erase_bar();
+        m_line.clear();
         err(text);
     }
     // Go on only when told to; a stop is remembered.
@@ -159,7 +154,7 @@ private:
     // "[######..............]  30%  Scanning C:\p\x.ocx", cut to the console's width from the left, where
     // a path's least telling part is.
     void draw() {
-        if (!m_terminal)
+        if (!m_line.terminal())
             return;
         CONSOLE_SCREEN_BUFFER_INFO console{};
         const int width = GetConsoleScreenBufferInfo(GetStdHandle(STD_ERROR_HANDLE), &console)
@@ -173,14 +168,11 @@ private:
         std::wstring text = m_status;
         if (text.size() > room)
             text = room > 3 ? L"..." + text.substr(text.size() - (room - 3)) : L"";
-        err("\r\x1b[K" + bar + utf8(text));
-        m_drawn = true;
+        m_line.draw(bar + utf8(text));
     }
 
     vbp_result& m_result;
     bool m_keepGoing;
-    bool m_terminal = err_is_terminal();
-    bool m_drawn = false;
     long m_percent = 0;
     std::wstring m_status;
 };
@@ -203,7 +195,7 @@ std::vector<vbp_result::group> read_groups(IVBPScan* scan, const std::wstring& p
         check_hr(groups->get_Item(i, group.put()));
         check_hr(group->get_Name(name.put()));
         check_hr(group->get_Files(files.put()));
-        const bool isProject = lower(name.str()) == lower(project);
+        const bool isProject = qv::LowerCase(name.str()) == qv::LowerCase(project);
         all.push_back({name.str(), isProject, read_all(files.get())});
         for (record& r : all.back().records)
             r.via = isProject ? "project" : "imports";
@@ -212,54 +204,52 @@ std::vector<vbp_result::group> read_groups(IVBPScan* scan, const std::wstring& p
     return all;
 }
 
-void print_json(const vbp_result& r) {
-    auto flag = [](bool on) { return on ? "true" : "false"; };
-    std::string s = "{\n  \"project\": " + json_string(r.project) + ",\n  \"completed\": " + flag(r.completed) +
-                    ",\n  \"cancelled\": " + flag(r.cancelled) + ",\n  \"stopped\": " + flag(r.stopped) +
-                    ",\n  \"missing\": [";
-    for (size_t i = 0; i < r.missing.size(); ++i)
-        s += std::string(i ? ", " : "") + "{\"file\": " + json_string(r.missing[i].file) +
-             ", \"project\": " + (r.missing[i].project.empty() ? "null" : json_string(r.missing[i].project)) + "}";
-    s += "],\n  \"buildFailed\": " +
-         (r.buildFailed ? "{\"command\": " + json_string(r.buildCommand) +
-                              ", \"compilerSays\": " + json_string(r.compilerSays) + "}"
-                        : std::string("null")) +
-         ",\n  \"groups\": [";
+const json_layout vbp_layout{{"", "groups", "groups/*/files"}};
+
+json missing_json(const std::vector<missing_file>& missing) {
+    json list = json::array();
+    for (const missing_file& m : missing)
+        list.push_back(
+            {{"file", utf8(m.file)}, {"project", m.project.empty() ? json(nullptr) : json(utf8(m.project))}});
+    return list;
+}
+
+void print_document(const vbp_result& r) {
+    json groups = json::array();
     size_t files = 0, missing = 0;
-    for (size_t g = 0; g < r.groups.size(); ++g) {
-        const auto& group = r.groups[g];
-        s += std::string(g ? "," : "") + "\n    {\"name\": " + json_string(group.name) +
-             ", \"project\": " + flag(group.isProject) + ", \"files\": [";
-        for (size_t i = 0; i < group.records.size(); ++i)
-            s += (i ? ",\n" : "\n") + json_record(group.records[i], "      ");
-        s += std::string(group.records.empty() ? "" : "\n    ") + "]}";
+    for (const auto& group : r.groups) {
+        groups.push_back(
+            {{"name", utf8(group.name)}, {"project", group.isProject}, {"files", records_json(group.records)}});
         for (const record& rec : group.records) {
             files += group.isProject;
             missing += group.isProject && rec.missing;
         }
     }
-    s += std::string(r.groups.empty() ? "" : "\n  ") +
-         "],\n  \"summary\": {\"groups\": " + std::to_string(r.groups.size()) +
-         ", \"projectFiles\": " + std::to_string(files) + ", \"projectMissing\": " + std::to_string(missing) + "}\n}\n";
-    out(s);
+    const json buildFailed =
+        r.buildFailed ? json{{"command", utf8(r.buildCommand)}, {"compilerSays", utf8(r.compilerSays)}} : json(nullptr);
+    print_json({{"project", utf8(r.project)},
+                {"completed", r.completed},
+                {"cancelled", r.cancelled},
+                {"stopped", r.stopped},
+                {"missing", missing_json(r.missing)},
+                {"buildFailed", buildFailed},
+                {"groups", groups},
+                {"summary", {{"groups", r.groups.size()}, {"projectFiles", files}, {"projectMissing", missing}}}},
+               vbp_layout);
 }
 
 void print_text(const vbp_result& r) {
     for (size_t g = 0; g < r.groups.size(); ++g) {
         const auto& group = r.groups[g];
         out(std::string(g ? "\n" : "") + (group.isProject ? "project " : "imports of ") + utf8(group.name) + ":\n");
-        table t({"NAME", "FOLDER", "VERSION", "SIZE", "MARKS"});
         size_t missing = 0;
-        for (const record& rec : group.records) {
-            t.add({utf8(rec.name), utf8(rec.path), utf8(version_text(rec.major, rec.minor)),
-                   rec.missing ? "" : std::to_string(rec.size), marks(rec)});
+        for (const record& rec : group.records)
             missing += rec.missing;
-        }
-        out(t.render());
+        out(records_table(group.records));
         out(std::to_string(group.records.size()) + " files, " + std::to_string(missing) + " missing\n");
     }
     if (!r.groups.empty())
-        out("(marks: M missing, F filterable, G merge module, S shared, R self-registering, D from a .dep file)\n");
+        out(std::string(marks_legend) + "\n");
 }
 
 // The scan runs in the project's folder, so that a control named by its file alone is found beside the
@@ -280,66 +270,54 @@ private:
     bool m_restore = false;
 };
 
-} // namespace
-
-int run_vbp(const server_dll& dll, const options& o) {
-    vbp_result result;
-    result.project = full_path(o.file);
-    const std::wstring depFile = o.depFile.empty() ? std::wstring() : full_path(o.depFile);
-    for (const std::wstring& file : {result.project, depFile}) {
-        if (!file.empty() && !exists(file)) {
-            err("qvscan: " + utf8(file) + ": " + not_a_file(file) + "\n");
-            if (o.json) {
-                result.stopped = true;
-                result.missing.push_back({file, L""});
-                print_json(result);
-            }
-            return ExitNoFile;
-        }
+// A project or .dep file that is not there: told; the exit code.
+int tell_missing_input(vbp_result& result, const std::wstring& file, bool asJson) {
+    err("qvscan: " + utf8(file) + ": " + not_a_file(file) + "\n");
+    if (asJson) {
+        result.stopped = true;
+        result.missing.push_back({file, L""});
+        print_document(result);
     }
+    return ExitNoFile;
+}
 
-    vbp_sink sink(result, o.keepGoing);
-    const qv::com_ptr<IUnknown> catalog = load_merge_modules(o);
-    sink.catalog = catalog.get();
+// The project scanner; null after a failure, which is told.
+qv::com_ptr<IVBPScan> make_scanner(const server_dll& dll) {
     qv::com_ptr<IClassFactory> factory;
-    qv::com_ptr<IVBPScan> scan; // after the sink: released first, with the server's hold on the sink
+    qv::com_ptr<IVBPScan> scan;
     HRESULT hr = dll.factory(CLSID_VBPScan, factory.put());
     if (SUCCEEDED(hr))
         hr = factory->CreateInstance(nullptr, IID_IVBPScan, scan.put_void());
-    if (FAILED(hr)) {
-        err("qvscan: " + utf8(dll.path()) +
-            (hr == CLASS_E_CLASSNOTAVAILABLE ? " has no project scanner (the class VBPScan, " + hex(hr) + ")"
-                                             : " cannot make the project scanner: " + failure_text(hr)) +
-            "\n");
-        return ExitFailed;
-    }
+    if (SUCCEEDED(hr))
+        return scan;
+    err("qvscan: " + utf8(dll.path()) +
+        (hr == CLASS_E_CLASSNOTAVAILABLE ? " has no project scanner (the class VBPScan, " + hex(hr) + ")"
+                                         : " cannot make the project scanner: " + failure_text(hr)) +
+        "\n");
+    return {};
+}
 
-    InterlockedExchange(&g_interrupted, 0);
-    SetConsoleCtrlHandler(OnConsoleControl, TRUE);
+// The scan itself, in the project's folder, with Ctrl-C asking to cancel.
+HRESULT scan_project(IVBPScan* scan, vbp_sink& sink, const vbp_result& result, const std::wstring& depFile,
+                     const options& o) {
+    console_interrupt interrupt;
+    sink.interrupt = &interrupt;
+    const qv::scope_exit unwatch([&] { sink.interrupt = nullptr; });
     try {
         current_folder inProject(qv::DirectoryPart(result.project));
-        hr = scan->Scan(qv::bstr(result.project).get(), qv::bstr(depFile).get(), static_cast<IScanEventsTarn*>(&sink),
-                        o.filter ? VARIANT_TRUE : VARIANT_FALSE, o.rebuild ? VARIANT_TRUE : VARIANT_FALSE,
-                        qv::bstr(o.lang).get());
+        return scan->Scan(qv::bstr(result.project).get(), qv::bstr(depFile).get(), static_cast<IScanEventsTarn*>(&sink),
+                          o.filter ? VARIANT_TRUE : VARIANT_FALSE, o.rebuild ? VARIANT_TRUE : VARIANT_FALSE,
+                          qv::bstr(o.lang).get());
     } catch (const com_exception& e) {
-        hr = e.Error();
+        return e.Error();
     } catch (const qv::win32_exception& e) {
-        hr = e.Result();
+        return e.Result();
     }
-    SetConsoleCtrlHandler(OnConsoleControl, FALSE);
-    sink.erase_bar();
-    if (hr == E_INVALIDARG) {
-        err("qvscan: " + utf8(result.project) + " is neither a project (.vbp) nor a project group (.vbg)\n");
-        return ExitUsage;
-    }
-    if (FAILED(hr)) {
-        err("qvscan: scanning " + utf8(result.project) + " failed: " + failure_text(hr) + "\n");
-        return ExitFailed;
-    }
+}
 
-    result.groups = read_groups(scan.get(), result.project);
-    result.completed = !result.stopped && !result.cancelled;
-    o.json ? print_json(result) : print_text(result);
+// What the scan found, printed, and how it ended, told; the exit code.
+int report(const vbp_result& result, bool asJson) {
+    asJson ? print_document(result) : print_text(result);
     if (result.cancelled) {
         err("qvscan: cancelled; what was found until then is listed\n");
         return ExitEnded;
@@ -349,6 +327,38 @@ int run_vbp(const server_dll& dll, const options& o) {
     if (result.groups.empty())
         err("qvscan: " + utf8(result.project) + " names no file that could be listed\n");
     return ExitOk;
+}
+
+} // namespace
+
+int run_vbp(const server_dll& dll, const options& o) {
+    vbp_result result;
+    result.project = full_path(o.file);
+    const std::wstring depFile = o.depFile.empty() ? std::wstring() : full_path(o.depFile);
+    for (const std::wstring& file : {result.project, depFile}) {
+        if (!file.empty() && !exists(file))
+            return tell_missing_input(result, file, o.json);
+    }
+    vbp_sink sink(result, o.keepGoing);
+    const qv::com_ptr<IUnknown> catalog = load_merge_modules(o);
+    sink.catalog = catalog.get();
+    // After the sink: released first, with the server's hold on the sink.
+    const qv::com_ptr<IVBPScan> scan = make_scanner(dll);
+    if (!scan)
+        return ExitFailed;
+    const HRESULT hr = scan_project(scan.get(), sink, result, depFile, o);
+    sink.clear();
+    if (hr == E_INVALIDARG) {
+        err("qvscan: " + utf8(result.project) + " is neither a project (.vbp) nor a project group (.vbg)\n");
+        return ExitUsage;
+    }
+    if (FAILED(hr)) {
+        err("qvscan: scanning " + utf8(result.project) + " failed: " + failure_text(hr) + "\n");
+        return ExitFailed;
+    }
+    result.groups = read_groups(scan.get(), result.project);
+    result.completed = !result.stopped && !result.cancelled;
+    return report(result, o.json);
 }
 
 } // namespace qvscan

@@ -1,7 +1,7 @@
 #include "app_folders.h"
 
 #include "inc/com_module.h"
-#include "toolkit/probes.h"
+#include "toolkit/environment.h"
 
 #include <windows.h>
 

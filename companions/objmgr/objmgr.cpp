@@ -2,6 +2,7 @@
 // The library indexes its traits table with the answer and never range-checks it, so this module
 // hands out nothing but 0 or 1. The answer is read anew at every call; see README.md for the knobs.
 #include "inc/unique_handles.h"
+#include "toolkit/environment.h"
 
 #include <windows.h>
 
@@ -19,27 +20,11 @@ int Clamp(long long value) {
     return value == 1 ? 1 : 0;
 }
 
-// The variable's text, of any length; false when it is unset or empty. This small library links nothing of the
-// project's toolkit, whose reader (qv::ReadEnvironment) would bring the toolkit's imports along.
-bool ReadVariable(std::wstring& text) {
-    DWORD size = GetEnvironmentVariableW(kEnvironmentName, nullptr, 0);
-    while (size > 1) { // 1: the terminator of an empty text only
-        text.assign(size, L'\0');
-        const DWORD n = GetEnvironmentVariableW(kEnvironmentName, text.data(), size);
-        if (n < size) {
-            text.resize(n);
-            return n != 0;
-        }
-        size = n; // the variable grew in between: n is the size it needs now
-    }
-    return false;
-}
-
 // The environment variable, when it is set to a non-empty text. A text that is not a whole
 // decimal number counts as 0, like any number other than 0 or 1.
 bool FromEnvironment(int& type) {
     std::wstring text;
-    if (!ReadVariable(text))
+    if (!qv::ReadEnvironment(kEnvironmentName, text) || text.empty())
         return false;
     if (text.size() > kLongestNumber) { // far too long to be a small number
         type = 0;

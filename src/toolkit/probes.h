@@ -6,6 +6,8 @@
 // other probe answers false or an empty string on failure.
 #pragma once
 
+#include "environment.h"
+
 #include <windows.h>
 
 #include <string>
@@ -13,9 +15,6 @@
 #include <vector>
 
 namespace qv {
-
-// The value of environment variable NAME, of any length, in value; false (value empty) when it is not set.
-bool ReadEnvironment(const wchar_t* name, std::wstring& value);
 
 // Flag bits of PathExists.
 inline constexpr unsigned path_accept_file = 4;   // an existing file is a yes

@@ -1,0 +1,233 @@
+#include "options.h"
+
+#include "text_output.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cwchar>
+
+namespace qvscan {
+
+const char* const usage_text =
+    "usage: qvscan static FILE|FOLDER... [--lang TEXT] [--type N] [--no-filter] [--merge-modules DIR]\n"
+    "                     [--json]\n"
+    "       qvscan pe FILE [--json]\n"
+    "       qvscan assembly FILE [--json]\n"
+    "       qvscan vbp PROJECT.vbp|GROUP.vbg [--rebuild] [--dep FILE] [--lang TEXT]\n"
+    "                  [--no-filter] [--keep-going] [--merge-modules DIR] [--json]\n"
+    "       qvscan msm DIR [--json]\n"
+    "       qvscan ini FILE [SECTION [KEY]]\n"
+    "       qvscan trace APP [ARGS...] [--dir D] [--tag T] [--this-process-only] [--no-filter]\n"
+    "                    [--merge-modules DIR] [--json] [--timeout S]   (after \"--\": APP's)\n"
+    "       qvscan attach PID [--tag T] [--no-filter] [--json] [--timeout S]\n"
+    "       qvscan setup \"COMMAND LINE\"\n"
+    "       qvscan register [--user]\n"
+    "       qvscan unregister [--user]\n";
+
+namespace {
+
+void set_lang(options& o, const std::wstring& value) {
+    if (value.size() > 64)
+        throw usage_error{"--lang wants a language of a .dep file (such as 0409 or enu), not " +
+                          std::to_string(value.size()) + " characters"};
+    o.lang = value;
+}
+
+void set_type(options& o, const std::wstring& value) {
+    wchar_t* end = nullptr;
+    errno = 0;
+    const long long n = std::wcstoll(value.c_str(), &end, 0);
+    // The scan mode in the low bits (0, 1 or 2), and 32768 to leave the merge-module catalog out.
+    if (value.empty() || *end != L'\0' || errno == ERANGE || n < 0 || n > 32770 || (n & 32767) > 2)
+        throw usage_error{"--type wants 0, 1 or 2, optionally with 32768 added"};
+    o.type = static_cast<long>(n);
+}
+
+void set_timeout(options& o, const std::wstring& value) {
+    wchar_t* end = nullptr;
+    errno = 0;
+    const double seconds = std::wcstod(value.c_str(), &end);
+    if (value.empty() || *end || errno == ERANGE || !(seconds > 0) || seconds > 86400 * 365)
+        throw usage_error{"--timeout wants a number of seconds above 0"};
+    o.timeout = seconds;
+}
+
+constexpr option_spec json_option{"--json", nullptr, "write one JSON document on standard output",
+                                  [](options& o, const std::wstring&) { o.json = true; }};
+constexpr option_spec no_filter{"--no-filter", nullptr, "keep the operating system's own files in the list",
+                                [](options& o, const std::wstring&) { o.filter = false; }};
+constexpr option_spec merge_modules{"--merge-modules", "DIR", "read the merge modules of DIR into the catalog",
+                                    [](options& o, const std::wstring& v) { o.mergeModules = v; }};
+constexpr option_spec lang{"--lang", "TEXT", "the language of the sections of .dep files to read", set_lang};
+constexpr option_spec tag{"--tag", "T", "name the bag the run's files go to",
+                          [](options& o, const std::wstring& v) { o.tag = v; }};
+constexpr option_spec timeout{"--timeout", "S", "end the target (or let the process go) after S seconds", set_timeout};
+
+constexpr option_spec static_options[] = {
+    lang,
+    {"--type", "N", "the scan mode (0, 1 or 2), with 32768 added to leave the merge-module catalog out", set_type},
+    no_filter,
+    merge_modules,
+    json_option,
+};
+constexpr option_spec json_only[] = {json_option};
+constexpr option_spec vbp_options[] = {
+    {"--rebuild", nullptr, "build the project before it is scanned",
+     [](options& o, const std::wstring&) { o.rebuild = true; }},
+    {"--dep", "FILE", "the .dep file of the project", [](options& o, const std::wstring& v) { o.depFile = v; }},
+    lang,
+    no_filter,
+    {"--keep-going", nullptr, "go on past a missing form or project, or a failed build",
+     [](options& o, const std::wstring&) { o.keepGoing = true; }},
+    merge_modules,
+    json_option,
+};
+constexpr option_spec trace_options[] = {
+    {"--dir", "D", "the folder the target starts in", [](options& o, const std::wstring& v) { o.directory = v; }},
+    tag,
+    {"--this-process-only", nullptr, "leave the target's child processes alone",
+     [](options& o, const std::wstring&) { o.thisProcessOnly = true; }},
+    no_filter,
+    merge_modules,
+    json_option,
+    timeout,
+};
+constexpr option_spec attach_options[] = {tag, no_filter, merge_modules, json_option, timeout};
+constexpr option_spec register_options[] = {
+    {"--user", nullptr, "for the user alone", [](options& o, const std::wstring&) { o.user = true; }},
+};
+
+constexpr size_t any = SIZE_MAX;
+
+void place_file(options& o, std::vector<std::wstring>& arguments) {
+    if (arguments.empty())
+        throw usage_error{utf8(o.command) + " needs a FILE"};
+    o.file = arguments[0];
+    o.names.assign(arguments.begin() + 1, arguments.end());
+}
+
+void place_project(options& o, std::vector<std::wstring>& arguments) {
+    if (arguments.empty())
+        throw usage_error{"vbp needs a PROJECT (.vbp) or GROUP (.vbg)"};
+    o.file = arguments[0];
+}
+
+void place_nothing(options&, std::vector<std::wstring>&) {}
+
+void place_application(options& o, std::vector<std::wstring>& arguments) {
+    if (arguments.empty())
+        throw usage_error{"trace needs an APP to run"};
+    o.file = arguments[0];
+    o.arguments.assign(arguments.begin() + 1, arguments.end());
+}
+
+void place_process(options& o, std::vector<std::wstring>& arguments) {
+    if (arguments.empty())
+        throw usage_error{"attach needs the ID of a running process"};
+    const std::wstring& target = arguments[0];
+    wchar_t* end = nullptr;
+    errno = 0;
+    const unsigned long long id = std::wcstoull(target.c_str(), &end, 0);
+    if (*end || errno == ERANGE || id == 0 || id > 0xFFFFFFFFull || target[0] == L'-')
+        throw usage_error{"attach wants a process ID, not '" + utf8(target) + "'"};
+    o.processId = static_cast<DWORD>(id);
+}
+
+void place_command_line(options& o, std::vector<std::wstring>& arguments) {
+    if (arguments.size() != 1 || arguments[0].empty())
+        throw usage_error{"setup needs one COMMAND LINE (quote it)"};
+    o.file = arguments[0];
+}
+
+constexpr command_spec command_table[] = {
+    {L"static", static_options, any, false, false, place_file},
+    {L"pe", json_only, 1, false, false, place_file},
+    {L"assembly", json_only, 1, false, false, place_file},
+    {L"vbp", vbp_options, 1, false, false, place_project},
+    {L"msm", json_only, 1, false, false, place_file},
+    {L"ini", {}, 3, false, false, place_file},
+    {L"trace", trace_options, any, true, false, place_application},
+    {L"attach", attach_options, 1, true, false, place_process},
+    {L"setup", {}, any, false, true, place_command_line},
+    {L"register", register_options, 0, false, false, place_nothing},
+    {L"unregister", register_options, 0, false, false, place_nothing},
+};
+
+const command_spec* find_command(const std::wstring& name) {
+    for (const command_spec& c : command_table)
+        if (name == c.name)
+            return &c;
+    return nullptr;
+}
+
+const option_spec* find_option(const command_spec& command, const std::wstring& argument) {
+    for (const option_spec& o : command.table)
+        if (argument == wide(o.name))
+            return &o;
+    return nullptr;
+}
+
+} // namespace
+
+const std::span<const command_spec> commands = command_table;
+
+options parse(int argc, const wchar_t* const* argv) {
+    if (argc < 2)
+        throw usage_error{"no command given"};
+    options o;
+    o.command = argv[1];
+    if (o.command == L"-h" || o.command == L"--help" || o.command == L"help")
+        throw usage_error{""};
+    const command_spec* command = find_command(o.command);
+    if (!command)
+        throw usage_error{"unknown command '" + utf8(o.command) + "'"};
+    std::vector<std::wstring> arguments;
+    bool rest = false; // after "--"
+    for (int i = 2; i < argc; ++i) {
+        const std::wstring a = argv[i];
+        const bool plain = command->verbatim || rest;
+        const option_spec* option = plain ? nullptr : find_option(*command, a);
+        if (!plain && command->targetArguments && a == L"--") {
+            rest = true;
+        } else if (option) {
+            if (option->valueName && i + 1 >= argc)
+                throw usage_error{std::string(option->name) + " needs a value"};
+            option->apply(o, option->valueName ? argv[++i] : L"");
+        } else if (!plain && a.size() > 1 && a[0] == L'-' && !(command->targetArguments && !arguments.empty())) {
+            throw usage_error{"unknown option '" + utf8(a) + "' for " + utf8(o.command)};
+        } else if (arguments.size() >= command->most) {
+            throw usage_error{"unexpected argument '" + utf8(a) + "'"};
+        } else {
+            arguments.push_back(a);
+        }
+    }
+    command->place(o, arguments);
+    return o;
+}
+
+std::wstring quote_arguments(const std::vector<std::wstring>& arguments) {
+    std::wstring line;
+    for (const std::wstring& argument : arguments) {
+        line += line.empty() ? L"" : L" ";
+        if (!argument.empty() && argument.find_first_of(L" \t\n\v\"") == std::wstring::npos) {
+            line += argument;
+            continue;
+        }
+        line += L'"';
+        size_t backslashes = 0;
+        for (wchar_t c : argument) {
+            if (c == L'\\') {
+                ++backslashes;
+                continue;
+            }
+            line.append(c == L'"' ? backslashes * 2 + 1 : backslashes, L'\\');
+            backslashes = 0;
+            line += c;
+        }
+        line.append(backslashes * 2, L'\\');
+        line += L'"';
+    }
+    return line;
+}
+
+} // namespace qvscan

@@ -1,0 +1,44 @@
+// The records as the tool shows them: read once from the server's collections, written as a table by one
+// writer and as JSON by one writer, with one legend of the marks.
+#pragma once
+
+#include "QVWIScanners.h"
+#include "json_writer.h"
+
+#include <string>
+#include <vector>
+
+namespace qvscan {
+
+struct record {
+    std::wstring name, path, destPath;
+    long major = 0, minor = 0, size = 0;
+    double modified = 0;
+    bool missing = false, filterable = false, mergeModule = false, shared = false, selfRegistering = false;
+    // What named it: "imports", "dep" (a .dep file), "run" (the target loaded it) or "project".
+    const char* via = "imports";
+    std::vector<long> languages;
+};
+
+// The index of item i (counted from 1) of a server collection.
+VARIANT item_index(long i);
+
+record read_record(IDepFile* file);
+// Every file of the collection, in its order; none for a null collection.
+std::vector<record> read_all(IDepFiles* files);
+
+// "1.2.3.4" from the two version words; empty for 0.0.0.0.
+std::wstring version_text(long major, long minor);
+// "2024-01-31T12:00:00" from an automation date; empty for none.
+std::wstring time_text(double date);
+
+// The marks column: M missing, F filterable, G merge module, S shared, R self-registering, D from a .dep file.
+std::string marks(const record& r);
+extern const char* const marks_legend;
+// NAME, FOLDER, VERSION, SIZE and MARKS, a row per record, aligned.
+std::string records_table(const std::vector<record>& records);
+
+json record_json(const record& r);
+json records_json(const std::vector<record>& records);
+
+} // namespace qvscan

@@ -1,0 +1,210 @@
+// qvscan static FILE|FOLDER...: the static scan of one file, or of several files and the Windows images of
+// folders, a section each, through the server's StaticScan.
+#include "commands.h"
+
+#include "error_text.h"
+#include "json_writer.h"
+#include "linux_paths.h"
+#include "merge_modules.h"
+#include "progress.h"
+#include "records.h"
+#include "text_output.h"
+#include "toolkit/path_helpers.h"
+
+#include <algorithm>
+
+namespace qvscan {
+
+namespace {
+
+// The outcome of one top-level file's scan.
+struct static_result {
+    std::wstring file;
+    bool present = false;
+    VARIANT_BOOL completed = VARIANT_FALSE;
+    HRESULT hr = S_OK;
+    std::string failure; // the words for a failed scan
+    std::vector<record> records;
+    long filesMet = 0;
+    size_t missing = 0, filterable = 0, modules = 0;
+};
+
+HRESULT scan_file(IStaticScan* scan, const std::wstring& file, const options& o, progress_sink& sink,
+                  VARIANT_BOOL* completed) {
+    qv::bstr path(file), lang(o.lang);
+    try {
+        return scan->ScanFile(path.get(), &sink, o.filter ? VARIANT_TRUE : VARIANT_FALSE, lang.get(),
+                              static_cast<EScanType>(o.type), completed);
+    } catch (const com_exception& e) {
+        return e.Error();
+    } catch (const qv::win32_exception& e) {
+        return e.Result();
+    }
+}
+
+static_result scan_static(IStaticScan* scan, const std::wstring& file, const options& o, IUnknown* catalog) {
+    static_result r;
+    r.file = file;
+    r.present = exists(file);
+    progress_sink sink;
+    sink.catalog = catalog;
+    r.hr = scan_file(scan, file, o, sink, &r.completed);
+    sink.clear();
+    r.filesMet = sink.files;
+    if (FAILED(r.hr)) {
+        // The server says in words what went wrong where it can (a list it cannot load, say).
+        r.failure = failure_text(r.hr);
+        return r;
+    }
+    qv::com_ptr<IDepFiles> files;
+    check_hr(scan->get_Dependencies(files.put()));
+    r.records = read_all(files.get());
+    // The import walk announces every file it names; a record it never named came from a .dep file.
+    for (record& x : r.records) {
+        const std::wstring full = x.path.empty() ? x.name : x.path + (x.path.back() == L'\\' ? L"" : L"\\") + x.name;
+        if (!x.mergeModule && !sink.named.count(qv::LowerCase(full)) && !sink.named.count(qv::LowerCase(x.name)))
+            x.via = "dep";
+        r.missing += x.missing;
+        r.filterable += x.filterable;
+        r.modules += x.mergeModule;
+    }
+    return r;
+}
+
+json static_json(const static_result& r) {
+    return {{"file", utf8(r.file)},
+            {"exists", r.present},
+            {"completed", r.completed != VARIANT_FALSE},
+            {"dependencies", records_json(r.records)},
+            {"summary",
+             {{"files", r.records.size()},
+              {"missing", r.missing},
+              {"filterable", r.filterable},
+              {"mergeModules", r.modules},
+              {"filesMet", r.filesMet}}}};
+}
+
+const json_layout one_file_layout{{"", "dependencies"}};
+const json_layout files_layout{{"", "files", "files/*", "files/*/dependencies"}};
+
+std::string static_text(const static_result& r) {
+    return records_table(r.records) + std::to_string(r.records.size()) + " files, " + std::to_string(r.missing) +
+           " missing, " + std::to_string(r.filterable) + " filterable, " + std::to_string(r.modules) + " merge modules";
+}
+
+// What is wrong with one scanned file, on standard error; the exit code it asks for.
+int tell_static(const server_dll& dll, const static_result& r) {
+    if (FAILED(r.hr)) {
+        err("qvscan: scanning " + utf8(r.file) + " failed: " + r.failure + "\n");
+        return ExitFailed;
+    }
+    if (!r.present) {
+        err("qvscan: " + utf8(r.file) + ": " + not_a_file(r.file) + "\n");
+        return ExitNoFile;
+    }
+    if (r.records.empty() && r.filesMet == 0) {
+        qv::com_ptr<IDepFile> pe;
+        auto util = dll.create<IScanUtil>(CLSID_ScanUtil, IID_IScanUtil);
+        if (SUCCEEDED(util->get_PE(qv::bstr(r.file).get(), pe.put())) && !pe)
+            err("qvscan: " + utf8(r.file) + " is not a Windows image, so nothing was scanned\n");
+    }
+    return ExitOk;
+}
+
+bool starts_as_image(const std::wstring& file) {
+    char head[2] = {};
+    DWORD got = 0;
+    qv::unique_hfile handle(CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                        OPEN_EXISTING, 0, nullptr));
+    return handle && ReadFile(handle.get(), head, 2, &got, nullptr) && got == 2 && head[0] == 'M' && head[1] == 'Z';
+}
+
+// The Windows images in a folder, by name.
+std::vector<std::wstring> folder_images(const std::wstring& folder) {
+    std::vector<std::wstring> images;
+    WIN32_FIND_DATAW data;
+    qv::unique_hfind find(FindFirstFileW(qv::JoinPath(folder, L"*").c_str(), &data));
+    for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.get(), &data)) {
+        const std::wstring file = qv::JoinPath(folder, data.cFileName);
+        if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && starts_as_image(file))
+            images.push_back(file);
+    }
+    std::sort(images.begin(), images.end(), [](const std::wstring& a, const std::wstring& b) {
+        return CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_LESS_THAN;
+    });
+    return images;
+}
+
+// The files a list of FILEs and folders names: a folder stands for the Windows images in it.
+std::vector<std::wstring> static_files(const options& o) {
+    std::vector<std::wstring> given{o.file};
+    given.insert(given.end(), o.names.begin(), o.names.end());
+    std::vector<std::wstring> files;
+    for (const std::wstring& one : given) {
+        const std::wstring path = full_path(one);
+        if (!is_folder(path)) {
+            files.push_back(path);
+            continue;
+        }
+        const std::vector<std::wstring> images = folder_images(path);
+        files.insert(files.end(), images.begin(), images.end());
+    }
+    return files;
+}
+
+int run_one(const server_dll& dll, IStaticScan* scan, const std::wstring& file, const options& o, IUnknown* catalog) {
+    const static_result r = scan_static(scan, file, o, catalog);
+    if (FAILED(r.hr))
+        return tell_static(dll, r);
+    if (o.json)
+        print_json(static_json(r), one_file_layout);
+    else
+        out(static_text(r) + " " + marks_legend + "\n");
+    return tell_static(dll, r);
+}
+
+// Several files, or the images of a folder: a section for each, one after the other.
+int run_several(const server_dll& dll, IStaticScan* scan, const options& o, IUnknown* catalog) {
+    const std::vector<std::wstring> files = static_files(o);
+    progress_line progress;
+    std::vector<static_result> results;
+    int rc = ExitOk;
+    size_t records = 0, missing = 0;
+    for (size_t i = 0; i < files.size(); ++i) {
+        progress.draw("[" + std::to_string(i + 1) + "/" + std::to_string(files.size()) + "] " + utf8(files[i]));
+        results.push_back(scan_static(scan, files[i], o, catalog));
+        progress.clear();
+        rc = std::max(rc, tell_static(dll, results.back()));
+        records += results.back().records.size();
+        missing += results.back().missing;
+    }
+    if (o.json) {
+        json list = json::array();
+        for (const static_result& r : results)
+            list.push_back(static_json(r));
+        print_json(
+            {{"files", list}, {"summary", {{"scanned", results.size()}, {"records", records}, {"missing", missing}}}},
+            files_layout);
+    } else {
+        for (const auto& r : results)
+            out(utf8(r.file) + ":\n" + (FAILED(r.hr) ? "  the scan failed: " + r.failure : static_text(r)) + "\n\n");
+        out(std::to_string(results.size()) + " files scanned, " + std::to_string(records) + " records, " +
+            std::to_string(missing) + " missing " + marks_legend + "\n");
+    }
+    if (files.empty())
+        err("qvscan: no Windows image to scan\n");
+    return rc;
+}
+
+} // namespace
+
+int run_static(const server_dll& dll, const options& o) {
+    auto scan = dll.create<IStaticScan>(CLSID_StaticScan, IID_IStaticScan);
+    const qv::com_ptr<IUnknown> catalog = load_merge_modules(o);
+    const std::wstring single = full_path(o.file);
+    if (o.names.empty() && !is_folder(single))
+        return run_one(dll, scan.get(), single, o, catalog.get());
+    return run_several(dll, scan.get(), o, catalog.get());
+}
+
+} // namespace qvscan

@@ -1,0 +1,234 @@
+// The command line's own logic, without the server: option parsing (argv to fields or to the exact usage
+// error), the quoting of a target's arguments, the translation of Linux paths (real files in a temporary
+// folder, made through Wine's \\?\unix\ prefix where Windows cannot spell their names), and the layout of
+// JSON documents.
+#include "inc/unique_handles.h"
+#include "json_writer.h"
+#include "linux_paths.h"
+#include "options.h"
+#include "test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <shellapi.h>
+
+#include <algorithm>
+#include <memory>
+
+using namespace qvscan;
+using namespace qv::test;
+
+namespace {
+
+// The fields a command line set, those that differ from their defaults; or "usage: " and the message.
+std::string parsed(std::vector<std::wstring> args) {
+    args.insert(args.begin(), L"qvscan");
+    std::vector<const wchar_t*> argv;
+    for (const std::wstring& a : args)
+        argv.push_back(a.c_str());
+    options o;
+    try {
+        o = parse(static_cast<int>(argv.size()), argv.data());
+    } catch (const usage_error& e) {
+        return "usage: " + e.message;
+    }
+    auto list = [](const std::vector<std::wstring>& items) {
+        std::string text;
+        for (const std::wstring& item : items)
+            text += (text.empty() ? "" : ",") + narrow(item);
+        return text;
+    };
+    std::string s = narrow(o.command);
+    auto add = [&](bool on, const std::string& field) { s += on ? " " + field : ""; };
+    add(!o.file.empty(), "file=" + narrow(o.file));
+    add(!o.names.empty(), "names=" + list(o.names));
+    add(!o.arguments.empty(), "args=" + list(o.arguments));
+    add(!o.lang.empty(), "lang=" + narrow(o.lang));
+    add(o.type != 0, "type=" + std::to_string(o.type));
+    add(!o.filter, "nofilter");
+    add(!o.mergeModules.empty(), "merge=" + narrow(o.mergeModules));
+    add(o.json, "json");
+    add(o.user, "user");
+    add(!o.directory.empty(), "dir=" + narrow(o.directory));
+    add(!o.tag.empty(), "tag=" + narrow(o.tag));
+    add(o.thisProcessOnly, "thisonly");
+    add(o.processId != 0, "pid=" + std::to_string(o.processId));
+    add(o.timeout != 0, "timeout=" + std::to_string(static_cast<int>(o.timeout * 10)) + "ds");
+    add(!o.depFile.empty(), "dep=" + narrow(o.depFile));
+    add(o.rebuild, "rebuild");
+    add(o.keepGoing, "keepgoing");
+    return s;
+}
+
+TEST(Options, EachCommandLineSetsItsFieldsOrSaysWhatIsWrong) {
+    const std::wstring lang65(65, L'x');
+    const std::pair<std::vector<std::wstring>, std::string> rows[] = {
+        {{}, "usage: no command given"},
+        {{L"--help"}, "usage: "},
+        {{L"help"}, "usage: "},
+        {{L"bogus"}, "usage: unknown command 'bogus'"},
+        {{L"static", L"a", L"dir", L"--lang", L"0409", L"--type", L"0x8002", L"--no-filter", L"--merge-modules", L"M",
+          L"--json"},
+         "static file=a names=dir lang=0409 type=32770 nofilter merge=M json"},
+        {{L"static", L"-"}, "static file=-"},
+        {{L"static"}, "usage: static needs a FILE"},
+        {{L"static", L"x", L"--type"}, "usage: --type needs a value"},
+        {{L"static", L"x", L"--type", L"abc"}, "usage: --type wants 0, 1 or 2, optionally with 32768 added"},
+        {{L"static", L"x", L"--type", L"3"}, "usage: --type wants 0, 1 or 2, optionally with 32768 added"},
+        {{L"static", L"x", L"--type", L"4294967296"}, "usage: --type wants 0, 1 or 2, optionally with 32768 added"},
+        {{L"static", L"x", L"--lang", lang65},
+         "usage: --lang wants a language of a .dep file (such as 0409 or enu), not 65 characters"},
+        {{L"static", L"x", L"--frob"}, "usage: unknown option '--frob' for static"},
+        {{L"pe", L"a", L"--json"}, "pe file=a json"},
+        {{L"pe", L"a", L"b", L"--frob"}, "usage: unexpected argument 'b'"},
+        {{L"assembly", L"x", L"--no-filter"}, "usage: unknown option '--no-filter' for assembly"},
+        {{L"msm"}, "usage: msm needs a FILE"},
+        {{L"ini", L"f", L"s", L"k"}, "ini file=f names=s,k"},
+        {{L"ini", L"f", L"--json"}, "usage: unknown option '--json' for ini"},
+        {{L"ini", L"f", L"s", L"k", L"x"}, "usage: unexpected argument 'x'"},
+        {{L"vbp", L"p.vbp", L"--rebuild", L"--dep", L"d.dep", L"--keep-going", L"--lang", L"enu"},
+         "vbp file=p.vbp lang=enu dep=d.dep rebuild keepgoing"},
+        {{L"vbp"}, "usage: vbp needs a PROJECT (.vbp) or GROUP (.vbg)"},
+        {{L"trace", L"--json", L"app", L"a", L"--tag", L"T", L"-x", L"--", L"--json", L"--dir", L"D"},
+         "trace file=app args=a,-x,--json,--dir,D json tag=T"},
+        {{L"trace", L"app", L"--dir", L"D", L"--this-process-only", L"--timeout", L"1.5"},
+         "trace file=app dir=D thisonly timeout=15ds"},
+        {{L"trace", L"--", L"--app"}, "trace file=--app"},
+        {{L"trace"}, "usage: trace needs an APP to run"},
+        {{L"trace", L"--bogus", L"app"}, "usage: unknown option '--bogus' for trace"},
+        {{L"trace", L"app", L"--timeout", L"0"}, "usage: --timeout wants a number of seconds above 0"},
+        {{L"trace", L"app", L"--timeout", L"1e400"}, "usage: --timeout wants a number of seconds above 0"},
+        {{L"attach", L"0x10", L"--timeout", L"2", L"--no-filter"}, "attach nofilter pid=16 timeout=20ds"},
+        {{L"attach"}, "usage: attach needs the ID of a running process"},
+        {{L"attach", L"12x"}, "usage: attach wants a process ID, not '12x'"},
+        {{L"attach", L"4294967296"}, "usage: attach wants a process ID, not '4294967296'"},
+        {{L"attach", L"--", L"-5"}, "usage: attach wants a process ID, not '-5'"},
+        {{L"attach", L"1", L"--dir", L"C:\\"}, "usage: unexpected argument '--dir'"},
+        {{L"attach", L"abc", L"--bogus"}, "usage: unexpected argument '--bogus'"},
+        {{L"setup", L"a b --json"}, "setup file=a b --json"},
+        {{L"setup"}, "usage: setup needs one COMMAND LINE (quote it)"},
+        {{L"setup", L"a", L"b"}, "usage: setup needs one COMMAND LINE (quote it)"},
+        {{L"register", L"--user"}, "register user"},
+        {{L"unregister", L"x"}, "usage: unexpected argument 'x'"},
+        {{L"register", L"--"}, "usage: unknown option '--' for register"},
+    };
+    for (const auto& [args, expected] : rows)
+        EXPECT_EQ(parsed(args), expected) << (args.empty() ? "(none)" : narrow(args[0]));
+}
+
+TEST(Options, EveryOptionOfTheTablesHasItsHelp) {
+    for (const command_spec& command : commands)
+        for (const option_spec& option : command.table)
+            EXPECT_TRUE(option.name[0] == '-' && option.help && *option.help) << narrow(command.name);
+}
+
+TEST(Arguments, QuotedAsTheTargetsRuntimeSplitsThemBack) {
+    const std::pair<std::vector<std::wstring>, std::wstring> rows[] = {
+        {{}, L""},
+        {{L"a", L"b"}, L"a b"},
+        {{L"a b"}, L"\"a b\""},
+        {{L""}, L"\"\""},
+        {{L"a\"b"}, L"\"a\\\"b\""},
+        {{L"c:\\dir\\"}, L"c:\\dir\\"},
+        {{L"c:\\my dir\\"}, L"\"c:\\my dir\\\\\""},
+        {{L"a\\\"b"}, L"\"a\\\\\\\"b\""},
+        {{L"tab\there", L"x"}, L"\"tab\there\" x"},
+    };
+    for (const auto& [args, line] : rows) {
+        EXPECT_EQ(quote_arguments(args), line);
+        int count = 0;
+        const std::unique_ptr<LPWSTR, decltype(&LocalFree)> back(
+            CommandLineToArgvW((L"prog " + quote_arguments(args)).c_str(), &count), LocalFree);
+        ASSERT_TRUE(back);
+        EXPECT_EQ(std::vector<std::wstring>(back.get() + 1, back.get() + count), args) << narrow(line);
+    }
+}
+
+// A Linux path as Windows programs reach it under Wine, whatever its names hold.
+std::wstring unix_form(const std::string& linux) {
+    std::wstring path = L"\\\\?\\unix" + widen(linux);
+    std::replace(path.begin(), path.end(), L'/', L'\\');
+    return path;
+}
+
+TEST(LinuxPaths, AFileGivenByItsLinuxPathIsReachedUnderItsWindowsPath) {
+    if (!GetProcAddress(GetModuleHandleW(L"kernel32"), "wine_get_dos_file_name"))
+        GTEST_SKIP() << "not under Wine";
+    // A folder of Linux's /tmp (the Z: drive): the files are made and removed through their Linux names.
+    const std::string root = "/tmp/qvscan-unit-" + std::to_string(GetCurrentProcessId());
+    ASSERT_TRUE(CreateDirectoryW(unix_form(root).c_str(), nullptr));
+    const std::string deep = std::string(120, 'a') + "/" + std::string(120, 'b') + "/" + std::string(40, 'c');
+    // Wine's short name of a name holding ':' keeps the ':' (which then reads as a stream's name): such a file is
+    // named inside its folder, but cannot be opened.
+    const std::pair<std::string, bool> files[] = {
+        {"plain.exe", true},          {"a*b.exe", true},          {"q\"u<o>t?e|.dll", true},
+        {"we\"ird/p\"rog.exe", true}, {deep + "/long.exe", true}, {deep + "/c*c/s|s.exe", true},
+        {"co:lon.dll", false},
+    };
+    std::vector<std::wstring> made{unix_form(root)};
+    const qv::scope_exit remove([&] {
+        for (auto path = made.rbegin(); path != made.rend(); ++path)
+            DeleteFileW(path->c_str()) || RemoveDirectoryW(path->c_str());
+    });
+    for (const auto& [name, readable] : files) {
+        for (size_t slash = name.find('/'); slash != std::string::npos; slash = name.find('/', slash + 1))
+            if (CreateDirectoryW(unix_form(root + "/" + name.substr(0, slash)).c_str(), nullptr))
+                made.push_back(unix_form(root + "/" + name.substr(0, slash)));
+        const qv::unique_hfile file(
+            CreateFileW(unix_form(root + "/" + name).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+        DWORD written = 0;
+        ASSERT_TRUE(file && WriteFile(file.get(), name.data(), static_cast<DWORD>(name.size()), &written, nullptr));
+        made.push_back(unix_form(root + "/" + name));
+    }
+    for (const auto& [name, readable] : files) {
+        const std::wstring windows = from_linux(widen(root + "/" + name));
+        EXPECT_TRUE(windows.starts_with(L"Z:\\tmp\\") && windows.find(L'/') == std::wstring::npos) << narrow(windows);
+        EXPECT_EQ(read_file(L"\\\\?\\" + windows), readable ? name : "") << narrow(windows);
+    }
+    std::wstring plain = L"Z:" + widen(root) + L"\\plain.exe";
+    std::replace(plain.begin(), plain.end(), L'/', L'\\');
+    EXPECT_EQ(from_linux(widen(root + "/plain.exe")), plain);
+}
+
+TEST(LinuxPaths, OtherPathsAreTakenAsTheyAre) {
+    for (const wchar_t* path :
+         {L"", L"rel\\x.exe", L"x/y.exe", L"C:\\x\\y.exe", L"C:/x/y.exe", L"\\\\server\\share\\z"})
+        EXPECT_EQ(from_linux(path), path);
+}
+
+TEST(JsonWriter, LaysADocumentOutAsItsLayoutSays) {
+    const struct {
+        const char* document;
+        json_layout layout;
+        const char* text;
+    } rows[] = {
+        {R"({"a":1,"b":[1,-2],"c":{"d":null,"e":true},"f":"x"})",
+         {},
+         R"({"a": 1, "b": [1, -2], "c": {"d": null, "e": true}, "f": "x"})"},
+        {R"({"a":18446744073709551615,"b":[],"c":{}})",
+         {{""}},
+         "{\n  \"a\": 18446744073709551615,\n  \"b\": [],\n  \"c\": {}\n}"},
+        {R"({"bags":[{"tag":"t","dependencies":[{"n":1},{"n":2}]},{"tag":"","dependencies":[]}]})",
+         {{"", "bags", "bags/*/dependencies"}},
+         "{\n  \"bags\": [\n    {\"tag\": \"t\", \"dependencies\": [\n      {\"n\": 1},\n      {\"n\": 2}\n    ]},\n"
+         "    {\"tag\": \"\", \"dependencies\": []}\n  ]\n}"},
+        {R"({"files":[{"file":"a","dependencies":[{"n":[1,2]}]}],"summary":{"scanned":1}})",
+         {{"", "files", "files/*", "files/*/dependencies"}},
+         "{\n  \"files\": [\n    {\n      \"file\": \"a\",\n      \"dependencies\": [\n        {\"n\": [1, 2]}\n"
+         "      ]\n    }\n  ],\n  \"summary\": {\"scanned\": 1}\n}"},
+        {R"({"files":[],"kinds":{}})", {{"", "files", "kinds"}}, "{\n  \"files\": [],\n  \"kinds\": {}\n}"},
+        {R"({"s":"q\"b\\s/\n\r\t\b\f\u0001\u001f\u007f é 日本 😀","k\"e\ny":0})",
+         {},
+         "{\"s\": \"q\\\"b\\\\s/\\n\\r\\t\\b\\f\\u0001\\u001f\x7f é 日本 😀\", \"k\\\"e\\ny\": 0}"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(json_text(json::parse(row.document), row.layout), row.text) << row.document;
+    // Invalid UTF-8 (a stray byte, a cut sequence) becomes U+FFFD.
+    EXPECT_EQ(json_text(json{{"bad", std::string("a\xff"
+                                                 "b\xe6\x97")}},
+                        {}),
+              "{\"bad\": \"a\xef\xbf\xbd"
+              "b\xef\xbf\xbd\"}");
+}
+
+} // namespace
