@@ -4,6 +4,7 @@
 #include "format/pe/pe_image.h"
 #include "format/pe/pe_layout.h"
 #include "format/pe/resources.h"
+#include "format/pe/pe_tables.h"
 #include "image_writer.h"
 
 #include <cstdint>
@@ -89,6 +90,38 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     check(std::vector<std::string>(names.begin(), names.end()) == reference, "import names disagree with the walk");
     check(image->exports_dll_register_server() == qv::test::reference_self_registration(file, nt, directory_at),
           "self-registration test disagrees with the walk");
+    // The function-level tables: the import descriptors are those of the name walk, every text lies inside the
+    // file with its terminator, the budget holds, and a lookup finds what the table holds.
+    const auto inside = [&](std::string_view text) {
+        const auto* begin = reinterpret_cast<const std::uint8_t*>(text.data());
+        return text.empty() || (begin >= data && begin + text.size() < data + size && begin[text.size()] == 0);
+    };
+    const auto imports = qv::pe::read_imports(*image);
+    check(imports.size() == names.size(), "import descriptors disagree with the name walk");
+    const auto check_modules = [&](const std::vector<qv::pe::imported_module>& modules) {
+        std::size_t functions = 0;
+        for (const auto& m : modules) {
+            check(inside(m.name), "module name outside the file");
+            functions += m.functions.size();
+            for (const auto& f : m.functions)
+                check(f.by_ordinal ? f.name.empty() : inside(f.name), "function name outside the file");
+        }
+        check(functions <= qv::pe::max_imported_functions, "imported functions over the budget");
+    };
+    check_modules(imports);
+    check_modules(qv::pe::read_delay_imports(*image));
+    if (const auto exports = qv::pe::read_exports(*image)) {
+        check(exports->functions.size() <= 65536 && exports->names.size() <= 65536, "export table over its cap");
+        for (const auto& [name, index] : exports->names) {
+            check(inside(name), "export name outside the file");
+            const auto* found = exports->find(name);
+            check(!found || found->rva != 0, "find gave an empty slot");
+        }
+        for (const auto& f : exports->functions) {
+            check(inside(f.forwarder), "forwarder outside the file");
+            (void)qv::pe::split_forwarder(f.forwarder);
+        }
+    }
     // Resource lookups: any answer will do, as long as every read stays inside the file.
     for (std::uint32_t type : {0u, 16u, 24u})
         for (std::uint32_t name : {0u, 1u, 2u})

@@ -38,6 +38,7 @@ struct written_image {
     std::uint64_t data_directory_offset = 0, section_table_offset = 0;
     std::vector<section_place> sections;
     std::uint64_t import_table_offset = 0, export_directory_offset = 0, export_name_table_offset = 0;
+    std::uint64_t delay_table_offset = 0;
     std::vector<std::uint64_t> import_name_offsets, export_name_offsets;
 
     format::byte_span span() const { return format::byte_span(bytes.data(), bytes.size()); }
@@ -58,14 +59,26 @@ public:
         return sections_.push_back({std::move(name), std::move(data), virtual_size}), *this;
     }
     // An import descriptor naming the DLL, after those before; the export name-pointer table, in order.
-    image_writer& import(std::string dll_name) { return imports_.push_back(std::move(dll_name)), *this; }
+    // Functions are "Name" or "#12" (by ordinal); a descriptor with none has no name table.
+    image_writer& import(std::string dll_name, std::vector<std::string> functions = {}) {
+        return imports_.push_back({std::move(dll_name), std::move(functions)}), *this;
+    }
+    // A delay-load descriptor in ".didat" (directory 13): of the current form holding RVAs, or of the old
+    // form holding addresses (image base + RVA).
+    image_writer& delay_import(std::string dll_name, std::vector<std::string> functions, bool rva_based = true) {
+        delay_rva_based_ = rva_based;
+        return delay_imports_.push_back({std::move(dll_name), std::move(functions)}), *this;
+    }
+    // An export "Name" points at the first section; "Name=OTHER.Func" forwards.
     image_writer& exports(std::vector<std::string> names) { return exports_ = names, set(has_exports_, true); }
+    image_writer& image_base(std::uint64_t value) { return set(image_base_, value); }
 
     written_image build() const {
         written_image image;
         auto& b = image.bytes;
         auto all = sections_.empty() ? std::vector<pending>{{".text", "\xC3", 0}} : sections_;
-        for (const char* table : {has_exports_ ? ".edata" : "", imports_.empty() ? "" : ".idata"})
+        for (const char* table : {has_exports_ ? ".edata" : "", imports_.empty() ? "" : ".idata",
+                                  delay_imports_.empty() ? "" : ".didat"})
             if (*table)
                 all.push_back({table, {}, 0});
         const std::uint32_t nt = image.nt_offset = header_offset_, optional_size = pe32plus_ ? 240 : 224;
@@ -76,6 +89,7 @@ public:
             const auto& [name, data, virtual_size] = all[i];
             const std::uint32_t size = name == ".edata"   ? put_exports(image, va, raw)
                                        : name == ".idata" ? put_imports(image, va, raw)
+                                       : name == ".didat" ? put_delay_imports(image, va, raw)
                                                           : (put_bytes(b, raw, data), std::uint32_t(data.size()));
             const written_image::section_place s{name, va, virtual_size ? virtual_size : size, size ? raw : 0,
                                                  align(size)};
@@ -83,9 +97,10 @@ public:
             put_bytes(b, image.section_header_offset(i), name.substr(0, 8));
             for (std::uint32_t f = 0; f < 8; ++f) // sizes and places, then code, execute, read
                 put32(b, image.section_header_offset(i) + 8 + 4 * f, fields[f]);
-            if (name == ".edata" || name == ".idata") // directory entry 0 or 1
-                put32(b, image.directory_entry_offset(name == ".idata"), va),
-                    put32(b, image.directory_entry_offset(name == ".idata") + 4, size);
+            if (name == ".edata" || name == ".idata" || name == ".didat") { // directory entry 0, 1 or 13
+                const std::uint32_t entry = name == ".edata" ? 0 : name == ".idata" ? 1 : 13;
+                put32(b, image.directory_entry_offset(entry), va), put32(b, image.directory_entry_offset(entry) + 4, size);
+            }
             image.sections.push_back(s);
             va += (std::max(s.virtual_size, s.raw_size) + 0xFFF) / 0x1000 * 0x1000;
             raw += s.raw_size;
@@ -98,11 +113,15 @@ public:
         put16(b, nt + 22, std::uint16_t((pe32plus_ ? 0x22 : 0x102) | (dll_ ? 0x2000 : 0))); // executable, ...
         put32(b, nt + 24 + 56, va), put32(b, nt + 24 + 60, headers); // sizes of the image and the headers
         put32(b, image.data_directory_offset - 4, 16);                // directory entries
+        if (image_base_)
+            pe32plus_ ? (put32(b, nt + 48, std::uint32_t(image_base_)), put32(b, nt + 52, std::uint32_t(image_base_ >> 32)))
+                      : put32(b, nt + 52, std::uint32_t(image_base_));
         return image;
     }
 
 private:
     struct pending { std::string name, data; std::uint32_t virtual_size; };
+    struct module { std::string name; std::vector<std::string> functions; };
     template <typename T> image_writer& set(T& field, T value) { return field = value, *this; }
     static std::uint32_t align(std::uint64_t size) { return std::uint32_t((size + 0x1FF) / 0x200 * 0x200); }
     static std::uint32_t put_string(std::vector<std::uint8_t>& bytes, std::uint64_t offset, const std::string& text) {
@@ -120,28 +139,68 @@ private:
         end += put_string(image.bytes, at + end, "written.dll");
         image.export_directory_offset = at, image.export_name_table_offset = at + names;
         for (std::uint32_t i = 0; i < n; ++i) {
+            const std::string& entry = exports_[i];
+            const std::size_t eq = entry.find('=');
             put32(image.bytes, at + 40 + 4 * i, 0x1000), put16(image.bytes, at + ordinals + 2 * i, std::uint16_t(i));
             put32(image.bytes, at + names + 4 * i, va + end);
-            image.export_name_offsets.push_back(at + end), end += put_string(image.bytes, at + end, exports_[i]);
+            image.export_name_offsets.push_back(at + end), end += put_string(image.bytes, at + end, entry.substr(0, eq));
+            if (eq != std::string::npos) // the function's address is its forwarder text, inside the table
+                put32(image.bytes, at + 40 + 4 * i, va + end), end += put_string(image.bytes, at + end, entry.substr(eq + 1));
         }
         return end;
     }
-    // ".idata": the descriptors and a zero one, then the names; its size.
+    // ".idata": the descriptors and a zero one, then each name, name table and hint/name entries; its size.
     std::uint32_t put_imports(written_image& image, std::uint32_t va, std::uint32_t at) const {
         std::uint32_t end = std::uint32_t(20 * (imports_.size() + 1));
         image.import_table_offset = at;
         for (std::uint32_t d = 0; d < imports_.size(); ++d) {
             put32(image.bytes, at + 20 * d + 12, va + end);
-            image.import_name_offsets.push_back(at + end), end += put_string(image.bytes, at + end, imports_[d]);
+            image.import_name_offsets.push_back(at + end), end += put_string(image.bytes, at + end, imports_[d].name);
+            if (!imports_[d].functions.empty())
+                put32(image.bytes, at + 20 * d, va + end), end = put_name_table(image, imports_[d], va, at, end, 0);
+        }
+        return end;
+    }
+    // ".didat": 32-byte descriptors and a zero one (attributes, name, module handle, address table, name
+    // table, ...), then each name and name table; its size.
+    std::uint32_t put_delay_imports(written_image& image, std::uint32_t va, std::uint32_t at) const {
+        std::uint32_t end = std::uint32_t(32 * (delay_imports_.size() + 1));
+        const std::uint64_t bias = delay_rva_based_ ? 0 : image_base_;
+        image.delay_table_offset = at;
+        for (std::uint32_t d = 0; d < delay_imports_.size(); ++d) {
+            put32(image.bytes, at + 32 * d, delay_rva_based_ ? 1 : 0);
+            put32(image.bytes, at + 32 * d + 4, std::uint32_t(bias + va + end));
+            end += put_string(image.bytes, at + end, delay_imports_[d].name);
+            put32(image.bytes, at + 32 * d + 16, std::uint32_t(bias + va + end));
+            end = put_name_table(image, delay_imports_[d], va, at, end, bias);
+        }
+        return end;
+    }
+    // A name table at `end` (entries of 4 or 8 bytes and a zero one) and its hint/name entries; the new end.
+    std::uint32_t put_name_table(written_image& image, const module& m, std::uint32_t va, std::uint32_t at,
+                                 std::uint32_t end, std::uint64_t bias) const {
+        const std::uint32_t step = pe32plus_ ? 8 : 4, table = end;
+        end += step * std::uint32_t(m.functions.size() + 1);
+        for (std::uint32_t i = 0; i < m.functions.size(); ++i) {
+            const std::string& f = m.functions[i];
+            const std::uint64_t flag = pe32plus_ ? (std::uint64_t{1} << 63) : 0x80000000u;
+            const std::uint64_t entry = f[0] == '#' ? flag | std::stoul(f.substr(1)) : bias + va + end;
+            if (f[0] != '#')
+                put16(image.bytes, at + end, std::uint16_t(i)), end += 2 + put_string(image.bytes, at + end + 2, f);
+            put32(image.bytes, at + table + step * i, std::uint32_t(entry));
+            if (pe32plus_)
+                put32(image.bytes, at + table + step * i + 4, std::uint32_t(entry >> 32));
         }
         return end;
     }
 
     std::uint16_t machine_ = pe::layout::machine::amd64;
-    bool pe32plus_ = true, dll_ = true, has_exports_ = false;
+    bool pe32plus_ = true, dll_ = true, has_exports_ = false, delay_rva_based_ = true;
     std::uint32_t header_offset_ = 0x80;
+    std::uint64_t image_base_ = 0;
     std::vector<pending> sections_;
-    std::vector<std::string> imports_, exports_;
+    std::vector<module> imports_, delay_imports_;
+    std::vector<std::string> exports_;
 };
 
 // The plain walks. `nt`: the signature's offset; `directory_at`: the data directory's from it (120, 136).

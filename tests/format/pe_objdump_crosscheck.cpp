@@ -1,10 +1,12 @@
 // The reader against `objdump -p` on every file of Wine's library folders (or of QV_REAL_PE_DIRS, split at
 // ':'): kind, machine, directory, import names, self-registration. Native only: it runs a program.
 #include "format/pe/pe_image.h"
+#include "format/pe/pe_tables.h"
 #include "image_writer.h"
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -16,6 +18,8 @@ struct objdump_view { // format: "pei-x86-64", "pei-i386", ...; empty for a file
     std::string format;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> directory;
     std::vector<std::string> imports;
+    std::vector<std::vector<std::string>> functions; // of each import: "Name", or "#ordinal"
+    std::vector<std::string> forwarders;             // of each export address: the forwarder, or empty
     bool registers = false; // whether "DllRegisterServer" stands at an even place of the export name table
 };
 
@@ -38,7 +42,18 @@ objdump_view objdump(const std::string& path) {
         else if (line.rfind("The Import Tables", 0) == 0 || line.rfind("[Ordinal/Name Pointer] Table", 0) == 0)
             in = line[0] == 'T' ? imports : exports;
         else if (in == imports && line.rfind("\tDLL Name: ", 0) == 0)
-            view.imports.push_back(line.substr(11));
+            view.imports.push_back(line.substr(11)), view.functions.emplace_back();
+        else if (in == imports && !view.functions.empty() && line.size() > 1 && line[0] == '\t' &&
+                 std::isxdigit(static_cast<unsigned char>(line[1]))) { // "\tTHUNK\t HINT  NAME" or "... <none>"
+            std::istringstream fields(line);
+            std::string thunk, hint, name;
+            fields >> thunk >> hint >> name;
+            view.functions.back().push_back(name == "<none>" ? "#" + std::to_string(std::stoull(thunk, nullptr, 16) & 0xFFFF)
+                                                             : name);
+        } else if (auto at = line.find(" Forwarder RVA -- "); at != std::string::npos && line.rfind("\t[", 0) == 0)
+            view.forwarders.push_back(line.substr(at + 18));
+        else if (line.rfind("\t[", 0) == 0 && line.find(" Export RVA") != std::string::npos)
+            view.forwarders.emplace_back();
         else if (in == exports && line.find("] ") != std::string::npos)
             view.registers |= place++ % 2 == 0 && line.substr(line.find("] ") + 2) == "DllRegisterServer";
     }
@@ -72,6 +87,19 @@ TEST(PeRealImages, AgreeWithObjdump) {
             const auto names = image->import_names();
             EXPECT_EQ(std::vector<std::string>(names.begin(), names.end()), tool.imports) << path;
             EXPECT_EQ(image->exports_dll_register_server(), tool.registers) << path;
+            std::vector<std::vector<std::string>> functions;
+            for (const auto& module : qv::pe::read_imports(*image)) {
+                functions.emplace_back();
+                for (const auto& f : module.functions)
+                    functions.back().push_back(f.by_ordinal ? "#" + std::to_string(f.ordinal) : std::string(f.name));
+            }
+            EXPECT_EQ(functions, tool.functions) << path;
+            std::vector<std::string> forwarders;
+            if (const auto exports = qv::pe::read_exports(*image))
+                for (const auto& f : exports->functions)
+                    if (f.rva) // objdump lists only the slots that hold an address
+                        forwarders.emplace_back(f.forwarder);
+            EXPECT_EQ(forwarders, tool.forwarders) << path;
         }
     // Debian's Wine holds several hundred: far fewer, and objdump did not run or the folders are not these.
     EXPECT_GE(images, dirs ? 1u : 400u);
