@@ -109,7 +109,7 @@ endif()
 #        [PLATFORM anycpu|x86|x64]      default anycpu
 #        [SIGNED]                       strong-name with fixture.snk of the calling folder
 #        [DEFINES <symbols>]
-#        [REFERENCES <assembly paths>]  -r, and dependencies of the build
+#        [REFERENCES <assembly paths>]  -r, and dependencies of the build (a bare name: the framework's)
 #        [MODULES <netmodule paths>]    -addmodule
 #        [RESOURCES <.resources paths>])
 function(qv_mcs out)
@@ -135,7 +135,9 @@ function(qv_mcs out)
     endforeach()
     foreach(r ${M_REFERENCES})
         list(APPEND args -r:${r})
-        list(APPEND deps ${r})
+        if(IS_ABSOLUTE ${r}) # else an assembly of the compiler's own framework folder
+            list(APPEND deps ${r})
+        endif()
     endforeach()
     foreach(m ${M_MODULES})
         list(APPEND args -addmodule:${m})
