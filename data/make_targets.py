@@ -15,11 +15,12 @@ import hashlib
 import json
 import os
 import re
+import struct
 import subprocess
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from make_filters import EXTENSIONS, INCLUDE, api_set_names  # noqa: E402
+from make_filters import EXTENSIONS, INCLUDE, section  # noqa: E402
 
 # Loaded from the system folder by every process of Windows 10 and later (the KnownDLLs key).
 KNOWN_DLLS = ["advapi32.dll", "clbcatq.dll", "combase.dll", "comdlg32.dll", "coml2.dll", "difxapi.dll", "gdi32.dll",
@@ -63,9 +64,28 @@ def framework(reference_folder):
     return [found[k] for k in sorted(found)]
 
 
-def api_set_families(system):
-    stems = {n[: n.rindex("-")] for n in api_set_names(os.path.join(system, "apisetschema.dll"))}
-    return sorted(stems)
+def api_set_hosts(system):
+    """Each contract family of the schema (the name up to its last hyphen, as the loader matches it) with the DLL
+    that hosts it by default, or "" when the schema names none."""
+    with open(os.path.join(system, "apisetschema.dll"), "rb") as f:
+        data = section(f.read(), b".apiset")
+    version, _size, _flags, count, entries = struct.unpack_from("<IIIII", data, 0)
+    if version != 6:
+        raise ValueError(f"API-set schema version {version}")
+    text = lambda offset, length: data[offset:offset + length].decode("utf-16-le").lower()
+    hosts = {}
+    for i in range(count):
+        _flags, name_offset, name_length, hashed_length, values, value_count = struct.unpack_from(
+            "<IIIIII", data, entries + 24 * i)
+        family = text(name_offset, hashed_length)
+        host = ""
+        for v in range(value_count): # the default host is the value with no importing-module name
+            _vflags, importer_offset, importer_length, value_offset, value_length = struct.unpack_from(
+                "<IIIII", data, values + 20 * v)
+            if importer_length == 0:
+                host = text(value_offset, value_length)
+        hosts[family] = host
+    return dict(sorted(hosts.items()))
 
 
 def main():
@@ -75,7 +95,7 @@ def main():
     files = {n.lower() for n in os.listdir(system)
              if n.lower().endswith(EXTENSIONS) and os.path.isfile(os.path.join(system, n))}
     files = sorted((files | set(KNOWN_DLLS) | set(WINDOWS_ONLY)) - set(INCLUDE))
-    families = api_set_families(system)
+    families = api_set_hosts(system)
     assemblies = framework(references)
     os.makedirs(out, exist_ok=True)
     profiles = {
@@ -84,7 +104,7 @@ def main():
     }
     for name, (description, held, version) in profiles.items():
         doc = {"name": name, "description": description, "machine": "x64", "dotnetFramework": version,
-               "systemFiles": files, "apiSetFamilies": families, "frameworkAssemblies": held}
+               "systemFiles": files, "apiSets": families, "frameworkAssemblies": held}
         with open(os.path.join(out, name + ".json"), "w", encoding="utf-8") as f:
             json.dump(doc, f, indent=1)
             f.write("\n")
