@@ -10,7 +10,7 @@ namespace qvscan {
 
 const char* const usage_text =
     "usage: qvscan static FILE|FOLDER... [--lang TEXT] [--type N] [--no-filter] [--merge-modules DIR]\n"
-    "                     [--json]\n"
+    "                     [--target NAME|FILE.json] [--no-extensions] [--json]\n"
     "       qvscan pe FILE [--json]\n"
     "       qvscan assembly FILE [--json]\n"
     "       qvscan vbp PROJECT.vbp|GROUP.vbg [--rebuild] [--dep FILE] [--lang TEXT]\n"
@@ -68,6 +68,10 @@ constexpr option_spec static_options[] = {
     {"--type", "N", "the scan mode (0, 1 or 2), with 32768 added to leave the merge-module catalog out", set_type},
     no_filter,
     merge_modules,
+    {"--target", "NAME", "the machine the installer targets: a profile of Support\\targets, or a .json file",
+     [](options& o, const std::wstring& v) { o.target = v; }},
+    {"--no-extensions", nullptr, "only the records a COM client of the scanner gets: no delay loads, no target",
+     [](options& o, const std::wstring&) { o.extensions = false; }},
     json_option,
 };
 constexpr option_spec json_only[] = {json_option};

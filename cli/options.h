@@ -32,6 +32,10 @@ struct options {
     bool rebuild = false, keepGoing = false;
     // The folder of merge modules (--merge-modules, else QV_MERGE_MODULES, else the system's own).
     std::wstring mergeModules;
+    // static: what the target machine provides (--target), and whether the scan's extensions are on
+    // (delay-loaded imports, entry points, passed-over copies, the target's answers).
+    std::wstring target = L"windows-x64-net48";
+    bool extensions = true;
 };
 
 struct option_spec {

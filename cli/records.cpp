@@ -1,6 +1,7 @@
 #include "records.h"
 
 #include "inc/com_ptr.h"
+#include "inc/scan_extensions.h"
 #include "text_output.h"
 
 #include <oleauto.h>
@@ -45,6 +46,52 @@ void read_extras(IDepFile* file, record& r) {
     }
 }
 
+// Lines of tab-separated fields.
+std::vector<std::vector<std::wstring>> split_lines(const std::wstring& text) {
+    std::vector<std::vector<std::wstring>> lines;
+    size_t at = 0;
+    while (at < text.size()) {
+        size_t end = text.find(L'\n', at);
+        if (end == std::wstring::npos)
+            end = text.size();
+        std::vector<std::wstring> fields;
+        for (size_t from = at; from <= end;) {
+            size_t tab = text.find(L'\t', from);
+            if (tab == std::wstring::npos || tab > end)
+                tab = end;
+            fields.push_back(text.substr(from, tab - from));
+            from = tab + 1;
+        }
+        lines.push_back(std::move(fields));
+        at = end + 1;
+    }
+    return lines;
+}
+
+// What a scan that asks for details tells beyond the record's fields.
+void read_details(IDepFile* file, record& r) {
+    const auto details = qv::com_ptr<IDepFile>(file).query<IQvDepFileDetails>(IID_IQvDepFileDetails);
+    if (!details)
+        return;
+    long delayOnly = 0;
+    if (SUCCEEDED(details->get_DelayLoaded(&delayOnly)) && delayOnly)
+        r.via = "delay";
+    qv::bstr text;
+    if (SUCCEEDED(details->get_MissingEntryPoints(text.put())))
+        for (auto& fields : split_lines(text.str())) {
+            record::entry_gap gap{fields[0], {}, 0};
+            for (size_t i = 1; i < fields.size(); ++i)
+                if (fields[i].starts_with(L"+"))
+                    gap.more = std::wcstol(fields[i].c_str() + 1, nullptr, 10);
+                else
+                    gap.names.push_back(fields[i]);
+            r.missingEntries.push_back(std::move(gap));
+        }
+    if (SUCCEEDED(details->get_PassedOver(text.put())))
+        for (auto& fields : split_lines(text.str()))
+            r.passedOver.push_back({fields[0], fields.size() > 1 ? fields[1] : L""});
+}
+
 } // namespace
 
 record read_record(IDepFile* file) {
@@ -65,6 +112,7 @@ record read_record(IDepFile* file) {
     r.selfRegistering = flag != 0;
     r.languages = read_languages(file);
     read_extras(file, r);
+    read_details(file, r);
     return r;
 }
 
@@ -117,22 +165,53 @@ std::string marks(const record& r) {
     m += r.shared ? 'S' : '-';
     m += r.selfRegistering ? 'R' : '-';
     m += std::string(r.via) == "dep" ? 'D' : '-';
+    m += std::string(r.via) == "delay" ? 'L' : '-';
+    m += r.missingEntries.empty() ? '-' : 'E';
     return m;
 }
 
-const char* const marks_legend =
-    "(marks: M missing, F filterable, G merge module, S shared, R self-registering, D from a .dep file)";
+const char* const marks_legend = "(marks: M missing, F filterable or provided, G merge module, S shared, R "
+                                 "self-registering, D from a .dep file, L only delay-loaded, E lacks entry points)";
+
+namespace {
+
+// The note lines of one record: what it lacks, what was passed over, what hosts a contract.
+std::string record_notes(const record& r) {
+    std::string notes;
+    for (const auto& gap : r.missingEntries) {
+        std::string names;
+        for (const auto& name : gap.names)
+            names += (names.empty() ? "" : ", ") + utf8(name);
+        if (gap.more)
+            names += " and " + std::to_string(gap.more) + " more";
+        notes += "  " + utf8(r.name) + " lacks " + names + " (called by " + utf8(gap.importer) + ")\n";
+    }
+    for (const auto& copy : r.passedOver)
+        notes += "  " + utf8(r.name) + ": " + utf8(copy.machine) + " copy at " + utf8(copy.path) + " passed over\n";
+    if (!r.host.empty())
+        notes += "  " + utf8(r.name) + ": API-set contract, resolved to " + utf8(r.host) + "\n";
+    else if (r.providedBy && std::string(r.providedBy) == "os")
+        notes += "  " + utf8(r.name) + ": API-set contract of the operating system\n";
+    else if (r.providedBy)
+        notes += "  " + utf8(r.name) + ": provided by the target\n";
+    return notes;
+}
+
+} // namespace
 
 std::string records_table(const std::vector<record>& records) {
     table t({"NAME", "FOLDER", "VERSION", "SIZE", "MARKS"});
     for (const record& r : records)
         t.add({utf8(r.name), utf8(r.path), utf8(version_text(r.major, r.minor)),
                r.missing ? "" : std::to_string(r.size), marks(r)});
-    return t.render();
+    std::string notes;
+    for (const record& r : records)
+        notes += record_notes(r);
+    return t.render() + notes;
 }
 
 json record_json(const record& r) {
-    return {{"name", utf8(r.name)},
+    json j = {{"name", utf8(r.name)},
             {"folder", utf8(r.path)},
             {"version", utf8(version_text(r.major, r.minor))},
             {"size", r.size},
@@ -145,6 +224,27 @@ json record_json(const record& r) {
             {"shared", r.shared},
             {"selfRegistering", r.selfRegistering},
             {"via", r.via}};
+    if (r.providedBy)
+        j["providedBy"] = r.providedBy;
+    if (!r.host.empty())
+        j["host"] = utf8(r.host);
+    if (!r.missingEntries.empty()) {
+        json gaps = json::array();
+        for (const auto& gap : r.missingEntries) {
+            json names = json::array();
+            for (const auto& name : gap.names)
+                names.push_back(utf8(name));
+            gaps.push_back({{"importer", utf8(gap.importer)}, {"names", names}, {"more", gap.more}});
+        }
+        j["missingEntryPoints"] = gaps;
+    }
+    if (!r.passedOver.empty()) {
+        json copies = json::array();
+        for (const auto& copy : r.passedOver)
+            copies.push_back({{"path", utf8(copy.path)}, {"machine", utf8(copy.machine)}});
+        j["passedOver"] = copies;
+    }
+    return j;
 }
 
 json records_json(const std::vector<record>& records) {

@@ -15,9 +15,24 @@ struct record {
     long major = 0, minor = 0, size = 0;
     double modified = 0;
     bool missing = false, filterable = false, mergeModule = false, shared = false, selfRegistering = false;
-    // What named it: "imports", "dep" (a .dep file), "run" (the target loaded it) or "project".
+    // What named it: "imports", "dep" (a .dep file), "delay" (only delay-loaded imports), "run" (the target
+    // loaded it) or "project".
     const char* via = "imports";
     std::vector<long> languages;
+    // "os" (an API-set contract) or "target" (the target profile holds it); null when neither.
+    const char* providedBy = nullptr;
+    std::wstring host; // an API-set contract's host DLL, where the profile names one
+    struct entry_gap {
+        std::wstring importer;
+        std::vector<std::wstring> names;
+        long more = 0; // names left out
+    };
+    std::vector<entry_gap> missingEntries;
+    struct passed_copy {
+        std::wstring path;
+        std::wstring machine;
+    };
+    std::vector<passed_copy> passedOver;
 };
 
 // The index of item i (counted from 1) of a server collection.
@@ -32,10 +47,12 @@ std::wstring version_text(long major, long minor);
 // "2024-01-31T12:00:00" from an automation date; empty for none.
 std::wstring time_text(double date);
 
-// The marks column: M missing, F filterable, G merge module, S shared, R self-registering, D from a .dep file.
+// The marks column: M missing, F filterable or provided, G merge module, S shared, R self-registering, D from a
+// .dep file, L only delay-loaded, E lacks entry points its importers call.
 std::string marks(const record& r);
 extern const char* const marks_legend;
-// NAME, FOLDER, VERSION, SIZE and MARKS, a row per record, aligned.
+// NAME, FOLDER, VERSION, SIZE and MARKS, a row per record, aligned; then a note line for each thing the
+// details tell (an entry point lacking, a copy of another machine passed over, a contract's host).
 std::string records_table(const std::vector<record>& records);
 
 json record_json(const record& r);

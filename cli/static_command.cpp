@@ -8,6 +8,8 @@
 #include "merge_modules.h"
 #include "progress.h"
 #include "records.h"
+#include "target_profile.h"
+#include "inc/scan_extensions.h"
 #include "text_output.h"
 #include "toolkit/path_helpers.h"
 
@@ -27,14 +29,18 @@ struct static_result {
     std::vector<record> records;
     long filesMet = 0;
     size_t missing = 0, filterable = 0, modules = 0;
+    size_t delayMissing = 0; // missing files needed only through delay loads
+    size_t provided = 0;     // records the target provides, left out of the list by the filter
+    bool extended = false;
 };
 
 HRESULT scan_file(IStaticScan* scan, const std::wstring& file, const options& o, progress_sink& sink,
                   VARIANT_BOOL* completed) {
     qv::bstr path(file), lang(o.lang);
     try {
+        const long type = o.type | (o.extensions ? qv::scan_type::extensions : 0);
         return scan->ScanFile(path.get(), &sink, o.filter ? VARIANT_TRUE : VARIANT_FALSE, lang.get(),
-                              static_cast<EScanType>(o.type), completed);
+                              static_cast<EScanType>(type), completed);
     } catch (const com_exception& e) {
         return e.Error();
     } catch (const qv::win32_exception& e) {
@@ -42,8 +48,10 @@ HRESULT scan_file(IStaticScan* scan, const std::wstring& file, const options& o,
     }
 }
 
-static_result scan_static(IStaticScan* scan, const std::wstring& file, const options& o, IUnknown* catalog) {
+static_result scan_static(IStaticScan* scan, const std::wstring& file, const options& o, IUnknown* catalog,
+                          const target_profile& target) {
     static_result r;
+    r.extended = o.extensions;
     r.file = file;
     r.present = exists(file);
     progress_sink sink;
@@ -62,9 +70,15 @@ static_result scan_static(IStaticScan* scan, const std::wstring& file, const opt
     // The import walk announces every file it names; a record it never named came from a .dep file.
     for (record& x : r.records) {
         const std::wstring full = x.path.empty() ? x.name : x.path + (x.path.back() == L'\\' ? L"" : L"\\") + x.name;
-        if (!x.mergeModule && !sink.named.count(qv::LowerCase(full)) && !sink.named.count(qv::LowerCase(x.name)))
+        if (!x.mergeModule && !sink.named.count(qv::LowerCase(full)) && !sink.named.count(qv::LowerCase(x.name)) &&
+            std::string(x.via) != "delay")
             x.via = "dep";
+    }
+    if (o.extensions)
+        r.provided = apply_target(r.records, target, o.filter);
+    for (const record& x : r.records) {
         r.missing += x.missing;
+        r.delayMissing += x.missing && std::string(x.via) == "delay";
         r.filterable += x.filterable;
         r.modules += x.mergeModule;
     }
@@ -72,16 +86,20 @@ static_result scan_static(IStaticScan* scan, const std::wstring& file, const opt
 }
 
 json static_json(const static_result& r) {
+    json summary = {{"files", r.records.size()},
+                    {"missing", r.missing},
+                    {"filterable", r.filterable},
+                    {"mergeModules", r.modules},
+                    {"filesMet", r.filesMet}};
+    if (r.extended) {
+        summary["delayLoadedMissing"] = r.delayMissing;
+        summary["providedByTarget"] = r.provided;
+    }
     return {{"file", utf8(r.file)},
             {"exists", r.present},
             {"completed", r.completed != VARIANT_FALSE},
             {"dependencies", records_json(r.records)},
-            {"summary",
-             {{"files", r.records.size()},
-              {"missing", r.missing},
-              {"filterable", r.filterable},
-              {"mergeModules", r.modules},
-              {"filesMet", r.filesMet}}}};
+            {"summary", summary}};
 }
 
 const json_layout one_file_layout{{"", "dependencies"}};
@@ -89,7 +107,9 @@ const json_layout files_layout{{"", "files", "files/*", "files/*/dependencies"}}
 
 std::string static_text(const static_result& r) {
     return records_table(r.records) + std::to_string(r.records.size()) + " files, " + std::to_string(r.missing) +
-           " missing, " + std::to_string(r.filterable) + " filterable, " + std::to_string(r.modules) + " merge modules";
+           " missing, " + (r.delayMissing ? std::to_string(r.delayMissing) + " of them delay-loaded, " : "") +
+           std::to_string(r.filterable) + " filterable, " + std::to_string(r.modules) + " merge modules" +
+           (r.provided ? ", " + std::to_string(r.provided) + " provided by the target" : "");
 }
 
 // What is wrong with one scanned file, on standard error; the exit code it asks for.
@@ -152,8 +172,9 @@ std::vector<std::wstring> static_files(const options& o) {
     return files;
 }
 
-int run_one(const server_dll& dll, IStaticScan* scan, const std::wstring& file, const options& o, IUnknown* catalog) {
-    const static_result r = scan_static(scan, file, o, catalog);
+int run_one(const server_dll& dll, IStaticScan* scan, const std::wstring& file, const options& o, IUnknown* catalog,
+            const target_profile& target) {
+    const static_result r = scan_static(scan, file, o, catalog, target);
     if (FAILED(r.hr))
         return tell_static(dll, r);
     if (o.json)
@@ -164,7 +185,8 @@ int run_one(const server_dll& dll, IStaticScan* scan, const std::wstring& file, 
 }
 
 // Several files, or the images of a folder: a section for each, one after the other.
-int run_several(const server_dll& dll, IStaticScan* scan, const options& o, IUnknown* catalog) {
+int run_several(const server_dll& dll, IStaticScan* scan, const options& o, IUnknown* catalog,
+                const target_profile& target) {
     const std::vector<std::wstring> files = static_files(o);
     progress_line progress;
     std::vector<static_result> results;
@@ -172,7 +194,7 @@ int run_several(const server_dll& dll, IStaticScan* scan, const options& o, IUnk
     size_t records = 0, missing = 0;
     for (size_t i = 0; i < files.size(); ++i) {
         progress.draw("[" + std::to_string(i + 1) + "/" + std::to_string(files.size()) + "] " + utf8(files[i]));
-        results.push_back(scan_static(scan, files[i], o, catalog));
+        results.push_back(scan_static(scan, files[i], o, catalog, target));
         progress.clear();
         rc = std::max(rc, tell_static(dll, results.back()));
         records += results.back().records.size();
@@ -201,10 +223,11 @@ int run_several(const server_dll& dll, IStaticScan* scan, const options& o, IUnk
 int run_static(const server_dll& dll, const options& o) {
     auto scan = dll.create<IStaticScan>(CLSID_StaticScan, IID_IStaticScan);
     const qv::com_ptr<IUnknown> catalog = load_merge_modules(o);
+    const target_profile target = o.extensions ? load_target(o.target) : target_profile{};
     const std::wstring single = full_path(o.file);
     if (o.names.empty() && !is_folder(single))
-        return run_one(dll, scan.get(), single, o, catalog.get());
-    return run_several(dll, scan.get(), o, catalog.get());
+        return run_one(dll, scan.get(), single, o, catalog.get(), target);
+    return run_several(dll, scan.get(), o, catalog.get(), target);
 }
 
 } // namespace qvscan

@@ -8,18 +8,23 @@
 namespace {
 
 // The machine test of a candidate: whether it is no usable image (taken at once) or an image of the
-// machine asked for (0 takes any). What is no file on disk (a device, a pipe) is never taken.
-bool TakesCandidate(const std::wstring& candidate, DWORD machine) {
+// machine asked for (0 takes any). What is no file on disk (a device, a pipe) is never taken; an image of
+// another machine is told to passedOver.
+bool TakesCandidate(const std::wstring& candidate, DWORD machine, std::vector<passed_over>* passedOver) {
     const auto facts = ImageFacts(candidate);
     if (facts->openStatus == CFileView::OpenNotDisk)
         return false;
-    return machine == 0 || !facts->usable || facts->machine == machine;
+    if (machine == 0 || !facts->usable || facts->machine == machine)
+        return true;
+    if (passedOver)
+        passedOver->push_back({candidate, facts->machine});
+    return false;
 }
 
 } // namespace
 
 bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result,
-                    const std::wstring* current) {
+                    const std::wstring* current, std::vector<passed_over>* passedOver) {
     // A device name is no file on disk in any folder: it is missing, and nothing is opened for it.
     if (name.empty() || qv::IsDeviceName(name))
         return false;
@@ -36,7 +41,7 @@ bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD ma
         DWORD attributes = GetFileAttributesW(candidate.c_str());
         if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY))
             return false;
-        if (!TakesCandidate(candidate, machine))
+        if (!TakesCandidate(candidate, machine, passedOver))
             return false;
         // A name that climbs ("..\\x.dll") or holds forward slashes is recorded where the file really is.
         result = qv::NormalisedPath(candidate);

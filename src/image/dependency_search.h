@@ -5,11 +5,19 @@
 #include <windows.h>
 
 #include <string>
+#include <vector>
+
+// A file of the name looked for that the search stepped over because it is an image of another machine.
+struct passed_over {
+    std::wstring path;
+    DWORD machine = 0;
+};
 
 // Searches the current directory and then the folders of the Path variable (or only root, when it is
 // not empty) for name, taking a file that is no usable image, or an image of the given machine
 // (0 takes any). Folders, devices and pipes are stepped over; so is an image of another machine. The
 // path found is normalised when the name climbs or holds forward slashes.
-// current, when given, stands for the current directory.
+// current, when given, stands for the current directory; passedOver, when given, collects the images of
+// another machine that the search stepped over before its answer.
 bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result,
-                    const std::wstring* current = nullptr);
+                    const std::wstring* current = nullptr, std::vector<passed_over>* passedOver = nullptr);

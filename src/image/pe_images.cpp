@@ -1,5 +1,7 @@
 #include "image/pe_images.h"
 
+#include "format/pe/pe_tables.h"
+
 #include "image/activation_scope.h"
 
 #include "toolkit/path_helpers.h"
@@ -114,6 +116,8 @@ std::shared_ptr<const image_facts> ReadFacts(const std::wstring& path) {
         if (facts->importsInFile)
             facts->importNames = image.ImportNames();
         facts->machine = image.GetMachine();
+        for (const auto& module : qv::pe::read_delay_imports(*image.Reader(), false))
+            facts->delayNames.push_back(qv::WidenAnsi(module.name));
     }
     return facts;
 }

@@ -72,7 +72,8 @@ protected:
 
 // What the import walk needs of a file, read once: how it opened, whether it is a usable image and of
 // which machine, whether it has a CLI header (then the walk opens it as a CScannedPE for its assembly),
-// a manifest of its own, a DllRegisterServer export, and its import names when the table is in the file.
+// a manifest of its own, a DllRegisterServer export, its import names when the table is in the file, and
+// the names of its delay-import table.
 struct image_facts {
     DWORD openStatus = CFileView::OpenNoFile;
     bool usable = false;
@@ -82,6 +83,7 @@ struct image_facts {
     bool importsInFile = false;
     DWORD machine = 0;
     std::vector<std::wstring> importNames;
+    std::vector<std::wstring> delayNames; // the delay-import table's names, in table order
 };
 
 // The facts of the file at path. The answers are kept for the process, by path without regard to case,

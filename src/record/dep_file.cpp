@@ -6,6 +6,7 @@
 #include "inc/unique_handles.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
+#include "toolkit/string_convert.h"
 #include "toolkit/version_info.h"
 #include "traits/project_traits.h"
 
@@ -319,6 +320,39 @@ STDMETHODIMP CDepFile::get_Assembly(IDotNetAssembly** pVal) {
     if (!m_pAssembly)
         return S_OK;
     return m_pAssembly->QueryInterface(IID_IDotNetAssembly, reinterpret_cast<void**>(pVal));
+}
+
+// IQvDepFileDetails
+
+STDMETHODIMP CDepFile::get_DelayLoaded(long* delayOnly) {
+    if (!delayOnly)
+        return E_POINTER;
+    *delayOnly = m_details.delayOnly ? 1 : 0;
+    return S_OK;
+}
+
+STDMETHODIMP CDepFile::get_MissingEntryPoints(BSTR* lines) {
+    std::wstring text;
+    for (const auto& gap : m_details.missingEntries) {
+        text += gap.importer;
+        const size_t kept = std::min(gap.names.size(), qv::entry_names_kept);
+        for (size_t i = 0; i < kept; ++i)
+            text += L'\t' + gap.names[i];
+        if (gap.names.size() > kept)
+            text += L"\t+" + std::to_wstring(gap.names.size() - kept);
+        text += L'\n';
+    }
+    return qv::copy_text_out(text, lines);
+}
+
+STDMETHODIMP CDepFile::get_PassedOver(BSTR* lines) {
+    std::wstring text;
+    for (const auto& copy : m_details.passedOver) {
+        const std::string_view machine = qv::pe::layout::machine::name(static_cast<std::uint16_t>(copy.machine));
+        text += copy.path + L'\t' +
+                (machine.empty() ? L"machine " + std::to_wstring(copy.machine) : qv::WidenAnsi(machine)) + L'\n';
+    }
+    return qv::copy_text_out(text, lines);
 }
 
 // ---- Operations for the scanners

@@ -12,6 +12,7 @@
 #include "inc/com_dispatch.h"
 #include "inc/com_object.h"
 #include "inc/com_ptr.h"
+#include "inc/scan_extensions.h"
 #include "record/languages.h"
 
 #include <windows.h>
@@ -19,15 +20,32 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace qv {
 class version_info;
 }
 
+// What a scan with qv::scan_type::details tells of a record beyond its fields.
+struct dep_file_details {
+    bool delayOnly = false; // needed only through delay-loaded imports
+    struct entry_gap {
+        std::wstring importer;
+        std::vector<std::wstring> names; // what the importer calls and the file lacks
+    };
+    std::vector<entry_gap> missingEntries;
+    struct passed_copy {
+        std::wstring path;
+        DWORD machine = 0;
+    };
+    std::vector<passed_copy> passedOver; // copies of another machine the search stepped over
+};
+
 class CDepFile
     : public qv::object_root,
       public qv::dispatch_impl<IDepFileTarn, &IID_IDepFileTarn, qv::typeinfo_holder<&LIBID_QVWISCANNERSLib, 1, 0>>,
       public IDepFileInfo,
+      public IQvDepFileDetails,
       public qv::support_error_info_impl<&IID_IDepFile> {
 public:
     static constexpr bool aggregatable = false;
@@ -40,6 +58,7 @@ public:
     QV_INTERFACE(IID_IDepFileTarn, IDepFileTarn)
     QV_INTERFACE(IID_IDispatch, IDispatch)
     QV_INTERFACE(IID_IDepFileInfo, IDepFileInfo)
+    QV_INTERFACE(IID_IQvDepFileDetails, IQvDepFileDetails)
     QV_INTERFACE(IID_ISupportErrorInfo, ISupportErrorInfo)
     QV_END_INTERFACE_MAP()
 
@@ -74,6 +93,11 @@ public:
     STDMETHOD(get_IsMissing)(VARIANT_BOOL* pVal) override;
     STDMETHOD(get_Assembly)(IDotNetAssembly** pVal) override;
 
+    // IQvDepFileDetails
+    STDMETHOD(get_DelayLoaded)(long* delayOnly) override;
+    STDMETHOD(get_MissingEntryPoints)(BSTR* lines) override;
+    STDMETHOD(get_PassedOver)(BSTR* lines) override;
+
     // ---- Operations for the scanners. They throw com_exception (or std::bad_alloc) on failure.
 
     // Fills the record from the file at path: names, destination, version, self-registration, size,
@@ -97,6 +121,7 @@ public:
     // The assembly object of the file, or null; kept as its IDotNetAssembly.
     void SetAssembly(IUnknown* assembly);
     void SetFilterable(bool yes) { m_bIsFilterable = yes; }
+    void SetDetails(dep_file_details details) { m_details = std::move(details); }
 
     // Read access for the scanners; the BSTRs are borrowed.
     BSTR Name() const { return m_bstrName.get(); }
@@ -135,6 +160,7 @@ private:
     bool m_bAutoDotNet = true;
     qv::com_ptr<IDotNetAssembly> m_pAssembly;
     std::wstring m_sDestPath;
+    dep_file_details m_details;
 };
 
 // Path rules of the record, shared with the tests.

@@ -4,9 +4,11 @@
 #include "filter/filter_base.h"
 #include "filter/vb_filter.h"
 #include "format/pe/pe_layout.h"
+#include "inc/scan_extensions.h"
 #include "inc/unique_handles.h"
 #include "image/activation_scope.h"
 #include "image/dependency_search.h"
+#include "image/entry_points.h"
 #include "image/pe_images.h"
 #include "scanutil/scan_util.h"
 #include "static/scanned_pe.h"
@@ -116,7 +118,9 @@ void CDepWalker::Scan(const std::wstring& file, IStaticScanEvents* events, CFilt
 
     m_pFilter = filter;
     m_sLangId = langId;
-    m_nScanMode = scanType & ~IgnoreCatalogFlag;
+    m_nScanMode = scanType & ~(IgnoreCatalogFlag | qv::scan_type::extensions);
+    m_bDelayLoads = (scanType & qv::scan_type::delay_loads) != 0;
+    m_bDetails = (scanType & qv::scan_type::details) != 0;
 
     m_pScanUtil = qv::make_object<CScanUtil>();
 
@@ -133,8 +137,12 @@ void CDepWalker::Scan(const std::wstring& file, IStaticScanEvents* events, CFilt
     m_depFiles.clear();
     m_passed.clear();
     m_settledMissing.clear();
+    m_passedOver.clear();
+    m_edges.clear();
     EnterFileDirectory(file);
     Status = ScanOneFile(file, false);
+    if (Status == 0 && (m_bDelayLoads || m_bDetails))
+        SettleDetails(file); // in the scan's folder still: forwarders are searched as the imports were
     // An exception from the walk skips this: the process stays in the scanned file's folder.
     if (m_bDirectoryChanged)
         SetCurrentDirectoryW(m_sSavedDirectory.c_str());
@@ -191,7 +199,9 @@ struct CDepWalker::WalkFrame {
     std::wstring path;               // the image, or the .dep file of the section
     std::wstring depPath;            // the .dep file of the image or the section
     std::wstring name;               // the image's file-name part, or the section's name as looked up
-    std::vector<std::wstring> names; // import names, or the files of Uses1, Uses2, ...
+    std::vector<std::wstring> names; // import names, delay-import names, or the files of Uses1, Uses2, ...
+    size_t delayFrom = SIZE_MAX;     // where the delay-import names begin among names
+    std::wstring owner;              // the image (lower case) whose walk this frame is part of
     DWORD machine = 0;
     size_t next = 0;
     std::wstring found;                     // where names[next] was found (or the name itself)
@@ -234,11 +244,11 @@ void CDepWalker::Step(std::vector<WalkFrame>& stack) {
     switch (top.state) {
     case State::DepPlain:
         top.state = State::DepLanguage;
-        PushSection(stack, top.sections, top.depPath, top.name);
+        PushSection(stack, top.sections, top.depPath, top.name, top.owner);
         return;
     case State::DepLanguage:
         top.state = State::Next;
-        PushSection(stack, top.sections, top.depPath, LanguageSection(top.name));
+        PushSection(stack, top.sections, top.depPath, LanguageSection(top.name), top.owner);
         return;
     case State::Next:
         if (top.assembly) {
@@ -257,11 +267,11 @@ void CDepWalker::Step(std::vector<WalkFrame>& stack) {
         return;
     case State::SubPlain: // a name that the search could not resolve may name a section of its own
         top.state = State::SubLanguage;
-        PushSection(stack, top.sections, top.depPath, top.found);
+        PushSection(stack, top.sections, top.depPath, top.found, top.owner);
         return;
     case State::SubLanguage:
         top.state = State::AfterSubs;
-        PushSection(stack, top.sections, top.depPath, LanguageSection(top.found));
+        PushSection(stack, top.sections, top.depPath, LanguageSection(top.found), top.owner);
         return;
     case State::AfterSubs:
         ++top.next;
@@ -274,6 +284,7 @@ void CDepWalker::Step(std::vector<WalkFrame>& stack) {
         return;
     }
     const std::wstring name = top.names[top.next];
+    const bool delay = top.next >= top.delayFrom;
     std::wstring result;
     if (top.section) {
         EnterWalkDirectory();
@@ -281,11 +292,13 @@ void CDepWalker::Step(std::vector<WalkFrame>& stack) {
     } else if (FindCached(name, top.machine, result)) {
         top.found = std::move(result);
     } else {
+        AddEdge(top, name, std::wstring(), delay);
         MissingDependency(name, top.machine);
         FireFoundDepFile(name);
         ++top.next;
         return;
     }
+    AddEdge(top, name, top.found, delay);
     top.state = State::AfterFile;
     const std::wstring file = top.found;
     EnterFile(file, true, stack);
@@ -322,8 +335,14 @@ void CDepWalker::EnterFile(const std::wstring& path, bool isDependency, std::vec
         frame.name = qv::FileNamePart(path);
         frame.sections = ReadDepCompanion(path, frame.depPath);
         frame.state = frame.sections ? WalkFrame::State::DepPlain : WalkFrame::State::Next;
-        if (m_nScanMode != ModeNoImportTables && facts->importsInFile)
-            frame.names = facts->importNames;
+        if (m_nScanMode != ModeNoImportTables) {
+            if (facts->importsInFile)
+                frame.names = facts->importNames;
+            frame.delayFrom = frame.names.size();
+            if (m_bDelayLoads)
+                frame.names.insert(frame.names.end(), facts->delayNames.begin(), facts->delayNames.end());
+        }
+        frame.owner = qv::LowerCase(frame.name);
         frame.machine = facts->machine;
         frame.scope = std::move(scope);
         if (frame.sections || !frame.names.empty())
@@ -356,6 +375,7 @@ void CDepWalker::EnterAssembly(IUnknown* assembly, const std::wstring& path, boo
     frame.assembly = true;
     frame.path = path;
     frame.name = qv::FileNamePart(path);
+    frame.owner = qv::LowerCase(frame.name);
     for (;;) {
         qv::com_ptr<IUnknown> element;
         {
@@ -402,6 +422,7 @@ void CDepWalker::StepAssembly(std::vector<WalkFrame>& stack) {
     }
     const WalkFrame::assembly_ref entry = top.refs[top.next];
     top.found = entry.path;
+    AddEdge(top, entry.path, entry.found ? entry.path : std::wstring(), false);
     if (!entry.found) {
         MissingDependency(entry.path, entry.machine);
         FireFoundDepFile(entry.path);
@@ -450,7 +471,7 @@ qv::com_ptr<IQvSections> CDepWalker::ReadDepCompanion(const std::wstring& path, 
 }
 
 void CDepWalker::PushSection(std::vector<WalkFrame>& stack, const qv::com_ptr<IQvSections>& sections,
-                             const std::wstring& depPath, const std::wstring& name) {
+                             const std::wstring& depPath, const std::wstring& name, const std::wstring& owner) {
     if (!sections)
         return;
     const qv::com_ptr<IQvSection> section = CDepSections::Find(sections.get(), name);
@@ -469,6 +490,7 @@ void CDepWalker::PushSection(std::vector<WalkFrame>& stack, const qv::com_ptr<IQ
     frame.section = true;
     frame.path = frame.depPath = depPath;
     frame.name = name;
+    frame.owner = owner;
     frame.sections = sections;
     frame.entered = std::move(entered);
     CDepSections::EachUse(section.get(), [&](const std::wstring& used) {
@@ -516,7 +538,8 @@ bool CDepWalker::FindCached(const std::wstring& name, DWORD machine, std::wstrin
     if (it == m_searches.end()) {
         std::optional<std::wstring> found;
         const std::wstring current = WalkDirectory();
-        if (FindDependency(std::wstring(), name, machine, result, &current))
+        std::vector<passed_over>* passed = m_bDetails ? &m_passedOver[key] : nullptr;
+        if (FindDependency(std::wstring(), name, machine, result, &current, passed))
             found = result;
         it = m_searches.emplace(std::move(key), std::move(found)).first;
     }
@@ -586,6 +609,9 @@ void CDepWalker::MissingDependency(const std::wstring& path, DWORD machine) {
     // A missing name on the skip list or a filter list is not reported.
     if (!PassesFilter(path))
         return;
+    if (const auto passed = m_passedOver.find(SettledKey(path, machine)); passed != m_passedOver.end())
+        for (const passed_over& copy : passed->second)
+            record.Details.passedOver.push_back({copy.path, copy.machine});
     MissingFiles[qv::bstr(path)] = record;
 }
 
@@ -610,4 +636,89 @@ bool CDepWalker::PassesFilter(const std::wstring& path) {
 
 void CDepWalker::FireFoundDepFile(const std::wstring& path) {
     check_hr(m_pEvents->FoundDepFile(qv::bstr(path).get()));
+}
+
+// ---- Details of a scan that asks for them
+
+void CDepWalker::AddEdge(const WalkFrame& frame, const std::wstring& name, const std::wstring& found, bool delay) {
+    if (!m_bDelayLoads && !m_bDetails)
+        return;
+    Edge edge;
+    edge.from = frame.owner;
+    edge.to = qv::LowerCase(qv::FileNamePart(found.empty() ? name : found));
+    edge.delay = delay;
+    edge.image = !frame.section && !frame.assembly;
+    edge.importer = frame.path;
+    edge.name = name;
+    edge.found = found;
+    edge.machine = frame.machine;
+    m_edges.push_back(std::move(edge));
+}
+
+ScannedFile* CDepWalker::RecordOf(const std::wstring& name, bool missing) {
+    FileMap& map = missing ? MissingFiles : FoundFiles;
+    const auto it = map.find(qv::bstr(missing ? name : qv::FileNamePart(name)));
+    return it == map.end() ? nullptr : &it->second;
+}
+
+void CDepWalker::SettleDetails(const std::wstring& top) {
+    if (m_bDelayLoads) {
+        // What the top file reaches without a delay-loaded step is needed at load time; the rest only
+        // when the code that delay-loads it runs.
+        std::unordered_map<std::wstring, std::vector<const Edge*>> from;
+        for (const Edge& edge : m_edges)
+            from[edge.from].push_back(&edge);
+        std::unordered_set<std::wstring> direct{qv::LowerCase(qv::FileNamePart(top))};
+        std::vector<std::wstring> todo(direct.begin(), direct.end());
+        while (!todo.empty()) {
+            const std::wstring name = std::move(todo.back());
+            todo.pop_back();
+            for (const Edge* edge : from[name])
+                if (!edge->delay && direct.insert(edge->to).second)
+                    todo.push_back(edge->to);
+        }
+        for (FileMap* map : {&FoundFiles, &MissingFiles})
+            for (auto& [key, record] : *map)
+                record.Details.delayOnly = record.MergeModuleKey.empty() && !direct.count(qv::LowerCase(record.Name));
+    }
+    if (m_bDetails)
+        SettleEntryPoints();
+}
+
+void CDepWalker::SettleEntryPoints() {
+    // Each image's tables are read once for the whole check, whether as importer, as exporter or as the
+    // module a forwarder names.
+    std::unordered_map<std::wstring, std::shared_ptr<const CImageTables>> read;
+    const tables_source tables = [&read](const std::wstring& path) {
+        auto& kept = read[qv::LowerCase(path)];
+        if (!kept)
+            kept = std::make_shared<const CImageTables>(path);
+        return kept;
+    };
+    std::unordered_set<std::wstring> checked;
+    for (const Edge& edge : m_edges) {
+        if (!edge.image || edge.found.empty())
+            continue;
+        ScannedFile* record = RecordOf(edge.found, false);
+        // Only a file that is a record of this scan is told about: a filtered system file is the target's.
+        if (!record || !record->MergeModuleKey.empty() || lstrcmpiW(record->FullPath.c_str(), edge.found.c_str()))
+            continue;
+        if (!checked.insert(qv::LowerCase(edge.importer) + L'|' + qv::LowerCase(edge.name) + (edge.delay ? L"|d" : L""))
+                 .second)
+            continue;
+        // A forwarder's module counts as there when the search finds it; one that is no file of the system
+        // (the filter lets it pass) is looked into, as the application ships it.
+        const forward_resolver resolve = [&](const std::wstring& module) {
+            std::wstring where;
+            if (!FindCached(module, edge.machine, where))
+                return forward_answer{forward_answer::kind::absent, {}};
+            if (PassesFilter(where))
+                return forward_answer{forward_answer::kind::look, where};
+            return forward_answer{forward_answer::kind::present, {}};
+        };
+        std::vector<std::wstring> names =
+            MissingEntryPoints(*tables(edge.importer), edge.name, edge.delay, edge.found, tables, resolve);
+        if (!names.empty())
+            record->Details.missingEntries.push_back({edge.importer, std::move(names)});
+    }
 }

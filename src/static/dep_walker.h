@@ -14,7 +14,9 @@
 
 #include "QVWIScanners.h"
 #include "companions.h"
+#include "image/dependency_search.h"
 #include "inc/com_ptr.h"
+#include "record/dep_file.h"
 #include "static/dep_sections.h"
 
 #include <windows.h>
@@ -39,6 +41,7 @@ struct ScannedFile {
     bool SelfRegistering = false;
     bool MissingMergeModule = false;
     qv::com_ptr<IUnknown> Assembly;
+    dep_file_details Details; // filled by a scan that asks for details
 
     ScannedFile() = default;
     ScannedFile(const std::wstring& path, bool selfRegistering);
@@ -68,7 +71,8 @@ public:
     CDepWalker& operator=(const CDepWalker&) = delete;
 
     // One whole scan. Failures of the sink and of the merge-module lookup are thrown as com_exception.
-    // scanType: the mode in the low bits; 32768 leaves the host's catalog unused.
+    // scanType: the mode in the low bits; 32768 leaves the host's catalog unused; qv::scan_type's bits walk
+    // delay-loaded imports and fill the records' details.
     void Scan(const std::wstring& file, IStaticScanEvents* events, CFilterBase* filter, const std::wstring& langId,
               long scanType);
     DWORD ScanOneFile(const std::wstring& path, bool isDependency);
@@ -80,6 +84,24 @@ public:
 
 private:
     struct WalkFrame;
+
+    // One name an image, a .dep section or an assembly led to: the graph the details are settled on.
+    struct Edge {
+        std::wstring from, to; // file-name parts in lower case
+        bool delay = false;    // from the delay-import table
+        bool image = false;    // from an import table (else a .dep file or an assembly's reference)
+        std::wstring importer; // the importing image's path
+        std::wstring name;     // as the importer writes it
+        std::wstring found;    // where it was found; empty when missing
+        DWORD machine = 0;
+    };
+    std::vector<Edge> m_edges;
+    void AddEdge(const WalkFrame& frame, const std::wstring& name, const std::wstring& found, bool delay);
+    // After the walk: which records are reached only through delay loads, and what their importers miss.
+    void SettleDetails(const std::wstring& top);
+    void SettleEntryPoints();
+    bool m_bDelayLoads = false;
+    bool m_bDetails = false;
 
     void EnterFileDirectory(const std::wstring& file);
     void EnterWalkDirectory();          // makes a pending folder the current directory
@@ -98,7 +120,7 @@ private:
     qv::com_ptr<IQvSections> ReadDepCompanion(const std::wstring& path, std::wstring& depPath);
     // A frame for the files that the section of that name lists, when there is such a section.
     void PushSection(std::vector<WalkFrame>& stack, const qv::com_ptr<IQvSections>& sections,
-                     const std::wstring& depPath, const std::wstring& name);
+                     const std::wstring& depPath, const std::wstring& name, const std::wstring& owner);
     std::wstring LanguageSection(const std::wstring& name) const; // "name <LangId>"
     // Whether a .dep file of that path exists, from a listing of its folder made once a scan.
     bool DepFileExists(const std::wstring& depPath);
@@ -112,12 +134,15 @@ private:
     // stands for a module: one the catalog has, or a missing one whose key and subject it names.
     bool InMergeModule(const std::wstring& path, ScannedFile& record);
     void MissingDependency(const std::wstring& path, DWORD machine);
+    // The record of a found or missing name, or null when the name has none.
+    ScannedFile* RecordOf(const std::wstring& name, bool missing);
     void FireFoundDepFile(const std::wstring& path);
 
     // Search answers of this scan by name as written and machine: the folders searched (the scanned file's
     // folder, then Path) are the same for every image of the scan, so a name is searched once.
     bool FindCached(const std::wstring& name, DWORD machine, std::wstring& result);
     std::unordered_map<std::wstring, std::optional<std::wstring>> m_searches;
+    std::unordered_map<std::wstring, std::vector<passed_over>> m_passedOver; // by the searches' key
     // Names the filter let pass in this scan, as written: its answer for a name does not change.
     std::unordered_set<std::wstring> m_passed;
     std::unordered_set<std::wstring> m_settledMissing; // "name|machine" of missing names already settled

@@ -16,6 +16,7 @@ void MakeDepFile(CDepFiles* files, const ScannedFile& record, CFilterBase* filte
     file->SetAutoSelfReg(false);
     file->SetAssembly(record.Assembly.get());
     file->LoadFromFile(key);
+    file->SetDetails(record.Details);
 
     if (record.MergeModuleSubject.empty() || record.MergeModuleKey.empty()) {
         bIsMergeModule = false;

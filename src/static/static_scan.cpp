@@ -61,6 +61,7 @@ STDMETHODIMP CStaticScan::ScanWithFilter(BSTR file, IStaticScanEvents* events, V
         qv::com_ptr<IDepFile> entry;
         check_hr(missing->QueryInterface(IID_IDepFile, entry.put_void()));
         std::wstring name = record.FullPath;
+        missing->SetDetails(record.Details);
         if (record.MergeModuleSubject.empty() || record.MergeModuleKey.empty()) {
             missing->SetMissing(name);
         } else {

@@ -106,6 +106,51 @@ TEST_F(StaticScan, ScanTypesAndTopFilesThatAreNoImages) {
 
 // What the process keeps of an image stands only while the file's size and write time do: each row rewrites
 // a file between two scans and the scan reads what is there now.
+// The scan-type bits of the extensions: delay-loaded imports walked with their closure, entry points checked
+// through forwarders, copies of another machine that the search passed over. Without the bits the records are
+// those of a plain scan and tell nothing more.
+TEST_F(StaticScan, ExtensionBitsTellDelayLoadsEntryPointsAndPassedOverCopies) {
+    using qv::scan_type::delay_loads, qv::scan_type::details, qv::scan_type::extensions;
+    const std::wstring delay = fixture(L"target\\delay"), entry = fixture(L"target\\entry"),
+                       machine = fixture(L"target\\machine");
+    struct row {
+        std::wstring file;
+        long type;
+        std::map<std::wstring, long> delayOnly; // the records, and whether each is needed only through delay loads
+        std::map<std::wstring, std::wstring> entries, passed; // the details' texts of the records that have them
+    };
+    const row table[] = {
+        {delay + L"\\delayapp.exe", 0, {}, {}, {}},
+        {delay + L"\\delayapp.exe", details, {}, {}, {}},
+        {delay + L"\\delayapp.exe", delay_loads, {{L"absent.dll", 1}, {L"helper.dll", 1}, {L"shipped.dll", 1}}, {}, {}},
+        {delay + L"\\delayapp.exe", extensions | 0x8000, {{L"absent.dll", 1}, {L"helper.dll", 1}, {L"shipped.dll", 1}}, {}, {}},
+        {delay + L"\\delayapp.exe", extensions | 2, {}, {}, {}}, // mode 2 reads no import table of either kind
+        // shipped.dll imports helper.dll at load time: once it is there by an import of its own, it is no
+        // longer delay-only.
+        {delay + L"\\shipped.dll", extensions, {{L"helper.dll", 0}}, {}, {}},
+        {entry + L"\\entryapp.exe", 0, {{L"forwarding.dll", 0}, {L"lacking.dll", 0}}, {}, {}},
+        {entry + L"\\entryapp.exe", extensions, {{L"forwarding.dll", 0}, {L"lacking.dll", 0}},
+         {{L"lacking.dll", entry + L"\\entryapp.exe\tabsent_fn\n"},
+          {L"forwarding.dll", entry + L"\\entryapp.exe\tbroken_fn\n"}},
+         {}},
+        {machine + L"\\wrongapp.exe", 0, {{L"only32.dll", 0}}, {}, {}},
+        {machine + L"\\wrongapp.exe", details, {{L"only32.dll", 0}}, {}, {{L"only32.dll", machine + L"\\only32.dll\tx86\n"}}},
+    };
+    for (const row& r : table) {
+        SCOPED_TRACE(narrow(r.file) + " type " + std::to_string(r.type));
+        EXPECT_EQ(run(r.file, r.type), VARIANT_TRUE);
+        auto got = records(dependencies().get());
+        std::map<std::wstring, long> delayOnly;
+        for (const auto& [name, record] : got) {
+            delayOnly[name] = record.delayOnly;
+            const auto entries = r.entries.find(name), passed = r.passed.find(name);
+            EXPECT_EQ(lower(record.missingEntries), entries == r.entries.end() ? L"" : lower(entries->second)) << narrow(name);
+            EXPECT_EQ(lower(record.passedOver), passed == r.passed.end() ? L"" : lower(passed->second)) << narrow(name);
+        }
+        EXPECT_EQ(delayOnly, r.delayOnly);
+    }
+}
+
 TEST_F(StaticScan, AFileChangedBetweenScansIsReadAgain) {
     temp_dir tmp;
     const std::wstring top = tmp / L"top.exe", dep = tmp / L"dep.dll";

@@ -6,6 +6,7 @@
 #include "companions.h"
 #include "filter/filter_base.h"
 #include "inc/com_ptr.h"
+#include "inc/scan_extensions.h"
 #include "inc/priv_interfaces.h"
 #include "recording_sink.h"
 #include "test_support.h"
@@ -34,6 +35,8 @@ struct record {
     long size = -1, major = -1, minor = -1;
     std::vector<long> languages;
     DATE modified = 0;
+    long delayOnly = -1;                  // what IQvDepFileDetails tells
+    std::wstring missingEntries, passedOver;
 };
 
 inline record read(IDepFile* f) {
@@ -52,6 +55,12 @@ inline record read(IDepFile* f) {
     auto info = qv::com_ptr<IDepFile>(f).query<IDepFileInfo>(IID_IDepFileInfo);
     info->get_IsMissing(&r.missing), info->get_IsFilterable(&r.filterable), info->get_IsMergeModule(&r.module);
     r.name = name.str(), r.path = path.str(), r.dest = dest.str();
+    auto details = qv::com_ptr<IDepFile>(f).query<IQvDepFileDetails>(IID_IQvDepFileDetails);
+    qv::bstr entries, passed;
+    EXPECT_EQ(details->get_DelayLoaded(&r.delayOnly) | details->get_MissingEntryPoints(entries.put()) |
+                  details->get_PassedOver(passed.put()),
+              S_OK);
+    r.missingEntries = entries.str(), r.passedOver = passed.str();
     return r;
 }
 

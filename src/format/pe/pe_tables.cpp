@@ -96,7 +96,7 @@ std::vector<imported_module> read_imports(const pe_image& image) {
     return modules;
 }
 
-std::vector<imported_module> read_delay_imports(const pe_image& image) {
+std::vector<imported_module> read_delay_imports(const pe_image& image, bool functions) {
     std::vector<imported_module> modules;
     const format::byte_span file = image.bytes();
     const directory_entry delay = image.directory(L::directory::delay_imports).value_or(directory_entry{});
@@ -107,7 +107,8 @@ std::vector<imported_module> read_delay_imports(const pe_image& image) {
     std::size_t budget = max_imported_functions;
     // Each step moves 32 bytes further and the loop ends at the end of the file, whatever count the directory's
     // size suggests.
-    for (std::uint64_t at = *table; file.fits(at, delay_descriptor_size); at += delay_descriptor_size) {
+    for (std::uint64_t at = *table; file.fits(at, delay_descriptor_size) && modules.size() < max_import_descriptors;
+         at += delay_descriptor_size) {
         const std::uint32_t attributes = *file.u32(at + delay_attributes_offset);
         const std::uint64_t bias = (attributes & delay_rva_based) ? 0 : base;
         const std::uint32_t name_field = *file.u32(at + delay_name_offset);
@@ -121,7 +122,9 @@ std::vector<imported_module> read_delay_imports(const pe_image& image) {
             break;
         imported_module module{*name, {}, true};
         // A descriptor without a name table tells no functions.
-        if (const std::uint32_t lookup = *file.u32(at + delay_name_table_offset))
+        if (!functions)
+            module.complete = false;
+        else if (const std::uint32_t lookup = *file.u32(at + delay_name_table_offset))
             read_name_table(image, lookup - static_cast<std::uint32_t>(bias), bias, budget, module);
         else
             module.complete = false;

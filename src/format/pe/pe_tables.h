@@ -45,8 +45,9 @@ std::vector<imported_module> read_imports(const pe_image& image);
 
 // The delay-import descriptors (directory 13), in table order, up to the first with no name. The current
 // form holds RVAs (attribute bit 0); the old form holds addresses, from which the image base is taken. The
-// walk ends at a descriptor that does not lie in the file or whose name cannot be read.
-std::vector<imported_module> read_delay_imports(const pe_image& image);
+// walk ends at a descriptor that does not lie in the file or whose name cannot be read, or after
+// max_import_descriptors. Without functions only the names are read (each module then is not complete).
+std::vector<imported_module> read_delay_imports(const pe_image& image, bool functions = true);
 
 // One function of the export address table.
 struct exported_function {

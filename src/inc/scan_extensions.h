@@ -1,0 +1,46 @@
+// What the static scan tells beyond its records, for the clients that ask: bits of the scan type that a
+// client sets to have them, and the interface of a record that carries them. A client that sets none of the
+// bits gets the same records as before, and the records answer the interface with nothing in it.
+#pragma once
+
+#include <windows.h>
+
+#include <oaidl.h>
+
+namespace qv::scan_type {
+
+// Delay-loaded imports (the delay-import directory) are walked like imports, each with its own closure.
+inline constexpr long delay_loads = 0x10000;
+// The records say how they were reached, which entry points their DLL lacks, and which copies of another
+// machine the search passed over (IQvDepFileDetails).
+inline constexpr long details = 0x20000;
+// The bits above together: what qvscan asks for.
+inline constexpr long extensions = delay_loads | details;
+
+} // namespace qv::scan_type
+
+// The details of one record of a scan made with qv::scan_type::details. Texts are lines ending in "\n",
+// fields within a line split by "\t"; an empty text says there is nothing to tell.
+// {5E7C2A10-8B4D-4F0E-9A63-2C1D7B8E4F51}
+struct IQvDepFileDetails : public IUnknown {
+    // 1 when the file is needed only through delay-loaded imports (its application may run without it),
+    // else 0.
+    virtual HRESULT STDMETHODCALLTYPE get_DelayLoaded(long* delayOnly) = 0;
+    // A line per importer whose calls the file does not export: the importer's path, then the names it
+    // calls ("#12" for an ordinal), at most qv::entry_names_kept of them, then "+N" when N more were left
+    // out.
+    virtual HRESULT STDMETHODCALLTYPE get_MissingEntryPoints(BSTR* lines) = 0;
+    // A line per file of the record's name that the search passed over because it was built for another
+    // machine: its path, then the machine's name ("x86", "x64", "ARM64", ...).
+    virtual HRESULT STDMETHODCALLTYPE get_PassedOver(BSTR* lines) = 0;
+};
+
+inline constexpr IID IID_IQvDepFileDetails = {
+    0x5e7c2a10, 0x8b4d, 0x4f0e, {0x9a, 0x63, 0x2c, 0x1d, 0x7b, 0x8e, 0x4f, 0x51}};
+
+__CRT_UUID_DECL(IQvDepFileDetails, 0x5e7c2a10, 0x8b4d, 0x4f0e, 0x9a, 0x63, 0x2c, 0x1d, 0x7b, 0x8e, 0x4f, 0x51)
+
+namespace qv {
+// The most entry-point names one importer's line holds.
+inline constexpr size_t entry_names_kept = 20;
+} // namespace qv
