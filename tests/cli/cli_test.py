@@ -38,7 +38,7 @@ def case_json(a):
     upper = [f for f in doc["files"] if f["file"].lower().endswith("upper.exe")][0]
     expect([d["name"] for d in upper["dependencies"]] == ["gamma.dll"], f"upper.exe: {upper}")
     text = run(a, ["static", lib]).stdout
-    expect(text.count(":\n") == 6 and text.rstrip().endswith("D from a .dep file)"), f"folder as text: {text!r}")
+    expect(text.count(":\n") == 6 and text.rstrip().endswith("E lacks entry points)"), f"folder as text: {text!r}")
     for top in [NOTEPAD, "C:\\windows\\regedit.exe"]:
         r = run(a, ["static", top, "--no-filter", "--json"])
         expect(r.returncode == 0 and r.stderr == "", f"{top}: exit {r.returncode}, stderr {r.stderr!r}")
@@ -515,11 +515,81 @@ def case_msm(a):
         shutil.rmtree(tmp, ignore_errors=True)
 
 
+def case_target(a):
+    """What the target machine would say: delay-loaded DLLs, entry points, wrong-machine copies, API-set
+    contracts, the target profile's framework assemblies; a profile missing or malformed."""
+    fx = lambda rel: os.path.join(a.fixtures, *rel.split("/"))  # noqa: E731
+    by_name = lambda doc: {d["name"].lower(): d for d in doc["dependencies"]}  # noqa: E731
+    tmp = tempfile.mkdtemp()
+    try:
+        contracts = os.path.join(tmp, "contracts.exe")
+        with open(contracts, "wb") as f:
+            f.write(image(["api-ms-win-core-kernel32-legacy-l1-1-6.dll", "ext-ms-win-nowhere-l1-1-0.dll",
+                           "API-MS-WIN-CORE-SYNCH-L1-2-0.dll", "mine.dll"]))
+        bad = os.path.join(tmp, "bad.json")
+        with open(bad, "w") as f:
+            f.write('{"name": "bad", "systemFiles": [1, 2')
+        # (arguments, {record: (via, missing, filterable, providedBy, host)}, summary keys, words in the table)
+        rows = [
+            (["target/delay/delayapp.exe"], {"shipped.dll": ("delay", False, False, None, None),
+                                             "helper.dll": ("delay", False, False, None, None),
+                                             "absent.dll": ("delay", True, False, None, None)},
+             {"missing": 1, "delayLoadedMissing": 1}, ["1 missing, 1 of them delay-loaded", "------L-"]),
+            (["target/delay/delayapp.exe", "--no-extensions"], {}, {"missing": 0}, ["0 files, 0 missing"]),
+            (["target/machine/wrongapp.exe"], {"only32.dll": ("imports", True, False, None, None)}, {"missing": 1},
+             ["only32.dll: x86 copy at ", "only32.dll passed over"]),
+            (["dotnet/framework/Framework.dll"], {"vendor.widgets": ("imports", True, False, None, None)},
+             {"missing": 1, "providedByTarget": 6}, ["6 provided by the target"]),
+            (["dotnet/framework/Framework.dll", "--target", "windows-x64"], None, {"missing": 7}, []),
+            (["dotnet/framework/Framework.dll", "--no-filter"], None, {"missing": 1, "filterable": 6},
+             ["System.Core: provided by the target"]),
+            ([contracts], {"mine.dll": ("imports", True, False, None, None)}, {"missing": 1}, []),
+            ([contracts, "--no-filter"], {
+                "api-ms-win-core-kernel32-legacy-l1-1-6.dll": ("imports", False, True, "os", "kernel32.dll"),
+                "ext-ms-win-nowhere-l1-1-0.dll": ("imports", False, True, "os", None),
+                "api-ms-win-core-synch-l1-2-0.dll": ("imports", False, True, "os", "kernelbase.dll")}, None,
+             ["resolved to kernel32.dll", "ext-ms-win-nowhere-l1-1-0.dll: API-set contract of the operating system"]),
+        ]
+        for args, records, summary, words in rows:
+            path = args[0] if os.path.isabs(args[0]) else fx(args[0])
+            r = run(a, ["static", path] + args[1:] + ["--json"])
+            doc = json.loads(r.stdout or "{}")
+            got = by_name(doc) if "dependencies" in doc else {}
+            for name, (via, missing, filterable, provided, host) in (records or {}).items():
+                d = got.get(name, {})
+                expect((d.get("via"), d.get("missing"), d.get("filterable"), d.get("providedBy"), d.get("host")) ==
+                       (via, missing, filterable, provided, host), f"{args} {name}: {d}")
+            if records is not None and "--no-filter" not in args:
+                expect(set(got) == set(records), f"{args}: records {sorted(got)}")
+            for key, value in (summary or {}).items():
+                expect(doc.get("summary", {}).get(key) == value, f"{args}: summary {key} {doc.get('summary')}")
+            text = run(a, ["static", path] + args[1:]).stdout
+            for word in words:
+                expect(word in text, f"{args}: {word!r} in {text!r}")
+        # Entry points: each DLL that lacks what entryapp.exe calls says which name and who calls it.
+        doc = scan_json(a, fx("target/entry/entryapp.exe")) or {"dependencies": []}
+        gaps = {n: [(g["importer"].rsplit("\\", 1)[-1].lower(), g["names"], g["more"]) for g in d.get("missingEntryPoints", [])]
+                for n, d in by_name(doc).items()}
+        expect(gaps == {"lacking.dll": [("entryapp.exe", ["absent_fn"], 0)],
+                        "forwarding.dll": [("entryapp.exe", ["broken_fn"], 0)]}, f"entry points: {gaps}")
+        text = run(a, ["static", fx("target/entry/entryapp.exe")]).stdout
+        expect("lacking.dll lacks absent_fn (called by " in text and "-------E" in text, f"entry points: {text!r}")
+        # A profile that cannot be read is named, and the scan goes on without it.
+        for target, words in [("nosuch", "cannot be read"), (bad, "is malformed")]:
+            r = run(a, ["static", fx("dotnet/framework/Framework.dll"), "--target", target, "--json"])
+            doc = json.loads(r.stdout or "{}")
+            expect(r.returncode == 0 and words in r.stderr and doc.get("summary", {}).get("missing") == 7,
+                   f"--target {target}: {r.returncode} {r.stderr!r}")
+    finally:
+        shutil.rmtree(tmp, ignore_errors=True)
+
+
 def main():
     ap = argparse.ArgumentParser()
     for option in ["--emulator", "--tool", "--dump", "--prefix", "--fixtures", "--script-host"]:
         ap.add_argument(option, required=True)
-    ap.add_argument("case", choices=["json", "table", "exits", "script", "hostile", "trace", "assembly", "vbp", "msm"])
+    ap.add_argument("case", choices=["json", "table", "exits", "script", "hostile", "trace", "assembly", "vbp", "msm",
+                                        "target"])
     a = ap.parse_args()
     globals()["case_" + a.case](a)
     print(f"{0 if failures else 1} passed, {len(failures)} failed")

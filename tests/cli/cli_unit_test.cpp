@@ -6,6 +6,7 @@
 #include "json_writer.h"
 #include "linux_paths.h"
 #include "options.h"
+#include "target_profile.h"
 #include "test_support.h"
 
 #include <gtest/gtest.h>
@@ -232,3 +233,53 @@ TEST(JsonWriter, LaysADocumentOutAsItsLayoutSays) {
 }
 
 } // namespace
+
+TEST(TargetProfile, ContractsAndWhatTheTargetProvides) {
+    const qvscan::target_profile target = qvscan::parse_target(R"({"name": "t", "systemFiles": ["d3d12.dll"],
+        "apiSets": {"api-ms-win-core-synch-l1-2": "kernelbase.dll", "ext-ms-win-known-l1-1": null},
+        "frameworkAssemblies": [{"name": "System.Data", "publicKeyToken": "b77a5c561934e089"}]})");
+    struct row {
+        const wchar_t* name;
+        bool missing;
+        const char* providedBy; // after the profile; null: left as it was
+        const wchar_t* host;
+    };
+    const row table[] = {
+        {L"api-ms-win-core-synch-l1-2-9.dll", true, "os", L"kernelbase.dll"}, // a newer revision of a family
+        {L"API-MS-WIN-CORE-SYNCH-L1-2-0.DLL", false, "os", L"kernelbase.dll"},
+        {L"ext-ms-win-known-l1-1-0.dll", true, "os", L""},
+        {L"ext-ms-win-unknown-l1-1-0.dll", true, "os", L""}, // an optional extension of the OS
+        {L"api-ms-win-nothing", true, "os", L""},
+        {L"D3D12.dll", true, "target", L""},
+        {L"d3d12.dll", false, nullptr, L""}, // found: stays the scan's
+        {L"System.Data", true, "target", L""},
+        {L"System.Data.dll", true, "target", L""},
+        {L"Vendor.Widgets", true, nullptr, L""},
+        {L"apix.dll", true, nullptr, L""},
+    };
+    for (const bool filter : {false, true}) {
+        std::vector<qvscan::record> records;
+        for (const row& r : table)
+            records.push_back({.name = r.name, .missing = r.missing});
+        const size_t gone = qvscan::apply_target(records, target, filter);
+        size_t provided = 0;
+        for (const row& r : table) {
+            SCOPED_TRACE(qv::test::narrow(r.name) + (filter ? " filtered" : ""));
+            provided += r.providedBy != nullptr;
+            const auto it = std::find_if(records.begin(), records.end(), [&](const auto& x) { return x.name == r.name; });
+            ASSERT_EQ(it == records.end(), filter && r.providedBy);
+            if (it == records.end())
+                continue;
+            EXPECT_EQ(std::string(it->providedBy ? it->providedBy : ""), r.providedBy ? r.providedBy : "");
+            EXPECT_EQ(it->missing, r.missing && !r.providedBy);
+            EXPECT_EQ(it->filterable, r.providedBy != nullptr);
+            EXPECT_EQ(it->host, r.host);
+        }
+        EXPECT_EQ(gone, filter ? provided : 0);
+    }
+    EXPECT_EQ(qvscan::api_set_family(L"Api-MS-Win-Core-Synch-L1-2-0.dll"), L"api-ms-win-core-synch-l1-2");
+    EXPECT_EQ(qvscan::api_set_family(L"kernel32.dll"), L"");
+    for (const char* text : {"", "[]", "{\"systemFiles\": []}", "{\"name\": \"x\", \"systemFiles\": [1]}",
+                             "{\"name\": \"x\", \"frameworkAssemblies\": [{}]}", "{\"name\": \"x\""})
+        EXPECT_ANY_THROW(qvscan::parse_target(text)) << text;
+}
