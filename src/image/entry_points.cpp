@@ -1,24 +1,110 @@
 #include "image/entry_points.h"
 
+#include "format/pe/pe_tables.h"
+#include "image/pe_images.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/string_convert.h"
 
+#include <algorithm>
+#include <unordered_map>
 #include <unordered_set>
 
-CImageTables::CImageTables(const std::wstring& path) : m_image(path) {
-    if (!m_image.Usable())
-        return;
-    const qv::pe::pe_image& image = *m_image.Reader();
-    m_imports = qv::pe::read_imports(image);
-    m_delayImports = qv::pe::read_delay_imports(image);
-    m_exports = qv::pe::read_exports(image);
+namespace {
+
+std::vector<std::pair<std::wstring, std::vector<CImageTables::call>>>
+Copied(const std::vector<qv::pe::imported_module>& modules) {
+    std::vector<std::pair<std::wstring, std::vector<CImageTables::call>>> copied;
+    for (const auto& module : modules) {
+        std::vector<CImageTables::call> calls;
+        for (const auto& f : module.functions)
+            calls.push_back(f.by_ordinal ? CImageTables::call{{}, f.ordinal} : CImageTables::call{std::string(f.name), 0});
+        copied.emplace_back(qv::WidenAnsi(module.name), std::move(calls));
+    }
+    return copied;
 }
 
-const qv::pe::imported_module* CImageTables::Imports(const std::wstring& dll, bool delay) const {
-    for (const auto& module : delay ? m_delayImports : m_imports)
-        if (lstrcmpiW(qv::WidenAnsi(module.name).c_str(), dll.c_str()) == 0)
-            return &module;
+} // namespace
+
+CImageTables::CImageTables(const std::wstring& path) {
+    const CPEImage image(path);
+    m_usable = image.Usable();
+    if (!m_usable)
+        return;
+    const qv::pe::pe_image& reader = *image.Reader();
+    m_imports = Copied(qv::pe::read_imports(reader));
+    m_delayImports = Copied(qv::pe::read_delay_imports(reader));
+    const auto exports = qv::pe::read_exports(reader);
+    if (!exports)
+        return;
+    m_ordinalBase = exports->ordinal_base;
+    m_exportsComplete = exports->complete;
+    for (const auto& f : exports->functions)
+        m_functions.push_back({f.rva != 0, std::string(f.forwarder)});
+    for (const auto& [name, index] : exports->names)
+        m_names.emplace_back(std::string(name), index);
+}
+
+const std::vector<CImageTables::call>* CImageTables::Calls(const std::wstring& dll, bool delay) const {
+    for (const auto& [name, calls] : delay ? m_delayImports : m_imports)
+        if (lstrcmpiW(name.c_str(), dll.c_str()) == 0)
+            return &calls;
     return nullptr;
+}
+
+const CImageTables::export_entry* CImageTables::Find(const call& wanted) const {
+    std::uint32_t index = 0;
+    if (wanted.name.empty()) {
+        if (wanted.ordinal < m_ordinalBase)
+            return nullptr;
+        index = wanted.ordinal - m_ordinalBase;
+    } else {
+        const auto it = std::lower_bound(m_names.begin(), m_names.end(), wanted.name,
+                                         [](const auto& entry, const std::string& key) { return entry.first < key; });
+        if (it == m_names.end() || it->first != wanted.name)
+            return nullptr;
+        index = it->second;
+    }
+    return index < m_functions.size() && m_functions[index].present ? &m_functions[index] : nullptr;
+}
+
+std::shared_ptr<const CImageTables> ImageTables(const std::wstring& path) {
+    struct kept {
+        ULONGLONG size = 0;
+        FILETIME written{};
+        ULONGLONG use = 0;
+        std::shared_ptr<const CImageTables> tables;
+    };
+    static SRWLOCK lock = SRWLOCK_INIT;
+    static std::unordered_map<std::wstring, kept> cache; // by the path in lower case
+    static ULONGLONG uses = 0;
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) ||
+        (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
+        return std::make_shared<const CImageTables>(path);
+    const ULONGLONG size = (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+    const std::wstring key = qv::LowerCase(path);
+    AcquireSRWLockExclusive(&lock);
+    if (const auto it = cache.find(key);
+        it != cache.end() && it->second.size == size && CompareFileTime(&it->second.written, &data.ftLastWriteTime) == 0) {
+        it->second.use = ++uses;
+        auto tables = it->second.tables;
+        ReleaseSRWLockExclusive(&lock);
+        return tables;
+    }
+    ReleaseSRWLockExclusive(&lock);
+    auto tables = std::make_shared<const CImageTables>(path);
+    AcquireSRWLockExclusive(&lock);
+    if (cache.size() >= kImageTablesKept) {
+        std::vector<ULONGLONG> all;
+        for (const auto& entry : cache)
+            all.push_back(entry.second.use);
+        std::nth_element(all.begin(), all.begin() + all.size() / 2, all.end());
+        const ULONGLONG median = all[all.size() / 2];
+        std::erase_if(cache, [median](const auto& entry) { return entry.second.use < median; });
+    }
+    cache[key] = {size, data.ftLastWriteTime, ++uses, tables};
+    ReleaseSRWLockExclusive(&lock);
+    return tables;
 }
 
 bool IsApiSetName(const std::wstring& name) {
@@ -27,33 +113,17 @@ bool IsApiSetName(const std::wstring& name) {
 
 namespace {
 
-enum class verdict { present, absent, unknown };
-
-// The export a name or an ordinal reaches in table, as a verdict: present, absent, or (a table cut short)
-// unknown; a forwarder is given back in forwarder.
-verdict LookUp(const qv::pe::export_table* table, std::string_view name, std::uint32_t ordinal,
-               std::string_view& forwarder) {
-    if (!table)
-        return verdict::absent;
-    const qv::pe::exported_function* f = name.empty() ? table->find_ordinal(ordinal) : table->find(name);
-    if (!f)
-        return table->complete ? verdict::absent : verdict::unknown;
-    forwarder = f->forwarder;
-    return verdict::present;
-}
-
-// Whether the function is there at the end of its forwarders.
-bool Exported(const qv::pe::export_table* table, std::string_view name, std::uint32_t ordinal,
-              const tables_source& tables, const forward_resolver& resolve) {
-    std::shared_ptr<const CImageTables> hold; // the image the current table belongs to
+// Whether the function is there at the end of its forwarders; a table cut short counts as having it.
+bool Exported(std::shared_ptr<const CImageTables> tables, CImageTables::call wanted, const forward_resolver& resolve) {
     for (int hop = 0; hop <= kForwardHops; ++hop) {
-        std::string_view forwarder;
-        const verdict found = LookUp(table, name, ordinal, forwarder);
-        if (found != verdict::present)
-            return found == verdict::unknown;
-        if (forwarder.empty())
+        if (!tables->Usable())
+            return true; // a file that is there but no image: nothing known against it
+        const CImageTables::export_entry* found = tables->Find(wanted);
+        if (!found)
+            return !tables->ExportsComplete();
+        if (found->forwarder.empty())
             return true;
-        const auto target = qv::pe::split_forwarder(forwarder);
+        const auto target = qv::pe::split_forwarder(found->forwarder);
         if (!target)
             return false;
         std::wstring module = qv::WidenAnsi(target->module);
@@ -64,31 +134,29 @@ bool Exported(const qv::pe::export_table* table, std::string_view name, std::uin
         const forward_answer answer = resolve(module);
         if (answer.is != forward_answer::kind::look)
             return answer.is == forward_answer::kind::present;
-        hold = tables(answer.path);
-        if (!hold || !hold->Usable())
-            return true; // a file that is there but no image: nothing known against it
-        table = hold->Exports();
-        name = target->name;
-        ordinal = target->ordinal;
+        tables = ImageTables(answer.path);
+        wanted = {std::string(target->name), target->ordinal};
     }
     return false; // a chain that long comes back on itself, or ends nowhere the loader would go
 }
 
 } // namespace
 
-std::vector<std::wstring> MissingEntryPoints(const CImageTables& importer, const std::wstring& dll, bool delay,
-                                             const std::wstring& dllPath, const tables_source& tables,
-                                             const forward_resolver& resolve) {
+std::vector<std::wstring> MissingEntryPoints(const std::wstring& importer, const std::wstring& dll, bool delay,
+                                             const std::wstring& dllPath, const forward_resolver& resolve) {
     std::vector<std::wstring> missing;
-    const qv::pe::imported_module* module = importer.Imports(dll, delay);
-    const std::shared_ptr<const CImageTables> target = module ? tables(dllPath) : nullptr;
-    if (!target || !target->Usable())
+    const auto importerTables = ImageTables(importer);
+    const std::vector<CImageTables::call>* calls = importerTables->Calls(dll, delay);
+    if (!calls || calls->empty())
+        return missing;
+    const auto target = ImageTables(dllPath);
+    if (!target->Usable())
         return missing;
     std::unordered_set<std::wstring> told;
-    for (const qv::pe::imported_function& f : module->functions) {
-        if (Exported(target->Exports(), f.by_ordinal ? std::string_view() : f.name, f.ordinal, tables, resolve))
+    for (const CImageTables::call& c : *calls) {
+        if (Exported(target, c, resolve))
             continue;
-        std::wstring name = f.by_ordinal ? L"#" + std::to_wstring(f.ordinal) : qv::WidenAnsi(f.name);
+        std::wstring name = c.name.empty() ? L"#" + std::to_wstring(c.ordinal) : qv::WidenAnsi(c.name);
         if (told.insert(name).second)
             missing.push_back(std::move(name));
     }

@@ -1,36 +1,52 @@
 // The entry-point check: whether a DLL exports what an importer calls of it, forwarders followed. What the
-// check reads of an image (its import, delay-import and export tables) is read once and kept by the caller.
+// check reads of an image (its import, delay-import and export tables) is read once and kept for the process.
 #pragma once
-
-#include "format/pe/pe_tables.h"
-#include "image/pe_images.h"
 
 #include <windows.h>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
-// The tables of one image, read when it is made; the names point into the image's bytes, which it holds.
+// The tables of one image as the check needs them, copied out of the file when it is made.
 class CImageTables {
 public:
     explicit CImageTables(const std::wstring& path);
-    CImageTables(const CImageTables&) = delete;
-    CImageTables& operator=(const CImageTables&) = delete;
 
-    bool Usable() const { return m_image.Usable(); }
-    // The descriptor of the import table (or the delay-import table) that names dll, without regard to case.
-    const qv::pe::imported_module* Imports(const std::wstring& dll, bool delay) const;
-    // Null when the image has no export table in the file.
-    const qv::pe::export_table* Exports() const { return m_exports ? &*m_exports : nullptr; }
+    struct call {
+        std::string name;          // empty for a call by ordinal
+        std::uint16_t ordinal = 0; // the ordinal of a call by ordinal
+    };
+    struct export_entry {
+        bool present = false; // false for an empty slot
+        std::string forwarder; // "OTHER.Name" when the entry forwards
+    };
+
+    bool Usable() const { return m_usable; }
+    // The calls of the import table (or the delay-import table) to dll, named without regard to case; null
+    // when the table does not name it.
+    const std::vector<call>* Calls(const std::wstring& dll, bool delay) const;
+    // The export a name or an ordinal reaches; null when there is none.
+    const export_entry* Find(const call& wanted) const;
+    // Whether the export table was read whole (a cut table cannot tell that a name is absent).
+    bool ExportsComplete() const { return m_exportsComplete; }
 
 private:
-    CPEImage m_image;
-    std::vector<qv::pe::imported_module> m_imports, m_delayImports;
-    std::optional<qv::pe::export_table> m_exports;
+    bool m_usable = false;
+    std::vector<std::pair<std::wstring, std::vector<call>>> m_imports, m_delayImports;
+    std::uint32_t m_ordinalBase = 0;
+    std::vector<export_entry> m_functions;
+    std::vector<std::pair<std::string, std::uint32_t>> m_names; // sorted, with the index of their function
+    bool m_exportsComplete = true;
 };
+
+// The tables of the image at path. Kept for the process, by path without regard to case, while the file's
+// size and last-write time stay the same; at most kImageTablesKept images, the oldest half forgotten beyond.
+std::shared_ptr<const CImageTables> ImageTables(const std::wstring& path);
+inline constexpr size_t kImageTablesKept = 4096;
 
 // How the module a forwarder names stands: provided without a look (an API-set contract, a system file),
 // to be looked into at path, or not there at all.
@@ -40,16 +56,14 @@ struct forward_answer {
 };
 // Asked with the module's file name ("OTHER.dll"; ".dll" added when the forwarder has no extension).
 using forward_resolver = std::function<forward_answer(const std::wstring& module)>;
-using tables_source = std::function<std::shared_ptr<const CImageTables>(const std::wstring& path)>;
 
 // The most forwarders followed from one export: a longer chain, or one that comes back, is not there.
 inline constexpr int kForwardHops = 16;
 
 // The functions importer calls of dll ("#12" for an ordinal) that the DLL at dllPath does not export, in the
 // importer's order, each once. A table cut short answers nothing: only what is known to be absent is told.
-std::vector<std::wstring> MissingEntryPoints(const CImageTables& importer, const std::wstring& dll, bool delay,
-                                             const std::wstring& dllPath, const tables_source& tables,
-                                             const forward_resolver& resolve);
+std::vector<std::wstring> MissingEntryPoints(const std::wstring& importer, const std::wstring& dll, bool delay,
+                                             const std::wstring& dllPath, const forward_resolver& resolve);
 
 // Whether a DLL name is an API-set contract ("api-..." or "ext-..."), which the loader resolves by its name
 // and which is never a file to ship.

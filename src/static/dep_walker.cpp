@@ -686,15 +686,6 @@ void CDepWalker::SettleDetails(const std::wstring& top) {
 }
 
 void CDepWalker::SettleEntryPoints() {
-    // Each image's tables are read once for the whole check, whether as importer, as exporter or as the
-    // module a forwarder names.
-    std::unordered_map<std::wstring, std::shared_ptr<const CImageTables>> read;
-    const tables_source tables = [&read](const std::wstring& path) {
-        auto& kept = read[qv::LowerCase(path)];
-        if (!kept)
-            kept = std::make_shared<const CImageTables>(path);
-        return kept;
-    };
     std::unordered_set<std::wstring> checked;
     for (const Edge& edge : m_edges) {
         if (!edge.image || edge.found.empty())
@@ -717,7 +708,7 @@ void CDepWalker::SettleEntryPoints() {
             return forward_answer{forward_answer::kind::present, {}};
         };
         std::vector<std::wstring> names =
-            MissingEntryPoints(*tables(edge.importer), edge.name, edge.delay, edge.found, tables, resolve);
+            MissingEntryPoints(edge.importer, edge.name, edge.delay, edge.found, resolve);
         if (!names.empty())
             record->Details.missingEntries.push_back({edge.importer, std::move(names)});
     }
