@@ -1,6 +1,7 @@
-// scan_bench [FOLDER] [ROUNDS]: the whole static scan as a client runs it — StaticScan from
+// scan_bench [FOLDER] [ROUNDS] [TYPE]: the whole static scan as a client runs it — StaticScan from
 // QVWIScanners.dll through DllGetClassObject, ScanFile with the shipped lists on, the records read
-// back — over every file of FOLDER (default: the system folder), and prints files per second.
+// back — over every file of FOLDER (default: the system folder), and prints files per second. TYPE is the
+// scan type (default 0; 196608 asks for the extensions: delay loads and details).
 #include "QVWIScanners.h"
 #include "bench_support.h"
 #include "inc/com_ptr.h"
@@ -19,6 +20,7 @@ int wmain(int argc, wchar_t** argv) {
     GetSystemDirectoryW(system, MAX_PATH);
     std::wstring folder = argc > 1 ? argv[1] : system;
     int rounds = argc > 2 ? _wtoi(argv[2]) : 1;
+    const long type = argc > 3 ? _wtol(argv[3]) : 0;
     if (rounds < 1)
         rounds = 1;
 
@@ -51,7 +53,7 @@ int wmain(int argc, wchar_t** argv) {
             VARIANT_BOOL completed = 0;
             HRESULT hr = E_FAIL;
             try {
-                hr = scan->ScanFile(path.get(), &sink, VARIANT_TRUE, lang.get(), estAny, &completed);
+                hr = scan->ScanFile(path.get(), &sink, VARIANT_TRUE, lang.get(), static_cast<EScanType>(type), &completed);
             } catch (...) {
             }
             if (FAILED(hr)) {
