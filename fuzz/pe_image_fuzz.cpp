@@ -109,7 +109,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         check(functions <= qv::pe::max_imported_functions, "imported functions over the budget");
     };
     check_modules(imports);
-    check_modules(qv::pe::read_delay_imports(*image));
+    const auto delayed = qv::pe::read_delay_imports(*image);
+    check_modules(delayed);
+    const auto delayNames = qv::pe::read_delay_imports(*image, false); // the walk's names-only reading
+    check(delayNames.size() == delayed.size() && delayed.size() <= qv::pe::max_import_descriptors,
+          "the delay-import names differ from the whole reading");
     if (const auto exports = qv::pe::read_exports(*image)) {
         check(exports->functions.size() <= 65536 && exports->names.size() <= 65536, "export table over its cap");
         for (const auto& [name, index] : exports->names) {
