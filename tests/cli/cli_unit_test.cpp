@@ -58,6 +58,8 @@ std::string parsed(std::vector<std::wstring> args) {
     add(!o.depFile.empty(), "dep=" + narrow(o.depFile));
     add(o.rebuild, "rebuild");
     add(o.keepGoing, "keepgoing");
+    add(o.target != L"windows-x64-net48", "target=" + narrow(o.target));
+    add(!o.extensions, "noext");
     return s;
 }
 
@@ -99,6 +101,13 @@ TEST(Options, EachCommandLineSetsItsFieldsOrSaysWhatIsWrong) {
         {{L"trace", L"--bogus", L"app"}, "usage: unknown option '--bogus' for trace"},
         {{L"trace", L"app", L"--timeout", L"0"}, "usage: --timeout wants a number of seconds above 0"},
         {{L"trace", L"app", L"--timeout", L"1e400"}, "usage: --timeout wants a number of seconds above 0"},
+        {{L"trace", L"app", L"--timeout", L"2x"}, "usage: --timeout wants a number of seconds above 0"},
+        {{L"trace", L"app", L"--timeout", L"-3"}, "usage: --timeout wants a number of seconds above 0"},
+        {{L"trace", L"app", L"--timeout", L"31536001"}, "usage: --timeout wants a number of seconds above 0"},
+        {{L"trace", L"app", L"--timeout", L"31536000"}, "trace file=app timeout=315360000ds"},
+        {{L"static", L"a", L"--target", L"windows-x64", L"--no-extensions"}, "static file=a target=windows-x64 noext"},
+        {{L"static", L"a", L"--target"}, "usage: --target needs a value"},
+        {{L"pe", L"a", L"--target", L"t"}, "usage: unknown option '--target' for pe"},
         {{L"attach", L"0x10", L"--timeout", L"2", L"--no-filter"}, "attach nofilter pid=16 timeout=20ds"},
         {{L"attach"}, "usage: attach needs the ID of a running process"},
         {{L"attach", L"12x"}, "usage: attach wants a process ID, not '12x'"},
