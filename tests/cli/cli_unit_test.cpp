@@ -2,10 +2,13 @@
 // error), the quoting of a target's arguments, the translation of Linux paths (real files in a temporary
 // folder, made through Wine's \\?\unix\ prefix where Windows cannot spell their names), and the layout of
 // JSON documents.
+#include "inc/com_ptr.h"
 #include "inc/unique_handles.h"
 #include "json_writer.h"
 #include "linux_paths.h"
 #include "options.h"
+#include "progress.h"
+#include "records.h"
 #include "target_profile.h"
 #include "test_support.h"
 
@@ -291,4 +294,62 @@ TEST(TargetProfile, ContractsAndWhatTheTargetProvides) {
     for (const char* text : {"", "[]", "{\"systemFiles\": []}", "{\"name\": \"x\", \"systemFiles\": [1]}",
                              "{\"name\": \"x\", \"frameworkAssemblies\": [{}]}", "{\"name\": \"x\""})
         EXPECT_ANY_THROW(qvscan::parse_target(text)) << text;
+}
+
+TEST(Records, MarksNotesAndJsonOfWhatTheDetailsTell) {
+    using qvscan::record;
+    record plain{.name = L"a.dll", .path = L"C:\\app", .size = 10};
+    record delayed{.name = L"b.dll", .missing = true, .via = "delay"};
+    delayed.passedOver = {{L"C:\\app\\b.dll", L"x86"}};
+    record lacking{.name = L"c.dll", .path = L"C:\\app", .selfRegistering = true};
+    lacking.missingEntries = {{L"C:\\app\\app.exe", {L"f", L"#7"}, 3}};
+    record contract{.name = L"api-ms-win-x-l1-1-0.dll", .filterable = true, .providedBy = "os", .host = L"k.dll"};
+    record provided{.name = L"System.Data", .filterable = true, .providedBy = "target"};
+    const struct {
+        const record& r;
+        const char* marks;
+        const char* note; // in the table under the rows; null: none
+    } table[] = {
+        {plain, "--------", nullptr},
+        {delayed, "M-----L-", "  b.dll: x86 copy at C:\\app\\b.dll passed over\n"},
+        {lacking, "----R--E", "  c.dll lacks f, #7 and 3 more (called by C:\\app\\app.exe)\n"},
+        {contract, "-F------", "  api-ms-win-x-l1-1-0.dll: API-set contract, resolved to k.dll\n"},
+        {provided, "-F------", "  System.Data: provided by the target\n"},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(narrow(row.r.name));
+        EXPECT_EQ(qvscan::marks(row.r), row.marks);
+        const std::string text = qvscan::records_table({row.r});
+        EXPECT_EQ(text.substr(text.find('\n', text.find('\n') + 1) + 1), row.note ? row.note : "");
+    }
+    const auto json = qvscan::records_json({plain, delayed, lacking, contract, provided});
+    EXPECT_FALSE(json[0].contains("providedBy") || json[0].contains("missingEntryPoints") ||
+                 json[0].contains("passedOver") || json[0].contains("host"));
+    EXPECT_EQ(json[1]["via"], "delay");
+    EXPECT_EQ(json[1]["passedOver"].dump(), R"([{"path":"C:\\app\\b.dll","machine":"x86"}])");
+    EXPECT_EQ(json[2]["missingEntryPoints"].dump(), R"([{"importer":"C:\\app\\app.exe","names":["f","#7"],"more":3}])");
+    EXPECT_EQ(json[3]["providedBy"], "os");
+    EXPECT_EQ(json[3]["host"], "k.dll");
+    EXPECT_EQ(json[4]["providedBy"], "target");
+    EXPECT_EQ(json[4]["filterable"], true);
+}
+
+TEST(ProgressSink, AnswersTheEventInterfacesOfAScanOnly) {
+    qvscan::progress_sink sink;
+    const IID* answered[] = {&IID_IUnknown, &IID_IStaticScanEvents, &IID_IStaticScanEventsTarn,
+                             &IID_IStaticScanEventsFellSP2, &IID_IStaticScanEventsValeSP};
+    for (const IID* iid : answered) {
+        void* p = nullptr;
+        EXPECT_EQ(sink.QueryInterface(*iid, &p), S_OK);
+        EXPECT_EQ(p, static_cast<IStaticScanEventsValeSP*>(&sink));
+    }
+    void* p = &sink;
+    EXPECT_EQ(sink.QueryInterface(IID_IDispatch, &p), E_NOINTERFACE);
+    EXPECT_EQ(p, nullptr);
+    EXPECT_EQ(sink.QueryInterface(IID_IUnknown, nullptr), E_POINTER);
+    qv::bstr one(L"C:\\App\\One.dll");
+    sink.FoundDepFile(one.get());
+    sink.FoundDepFile(nullptr);
+    EXPECT_EQ(sink.files, 2);
+    EXPECT_EQ(sink.named, (std::set<std::wstring>{L"c:\\app\\one.dll", L""}));
 }
