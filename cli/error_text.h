@@ -11,7 +11,7 @@ namespace qvscan {
 // 0 done; 1 the work or the server failed; 2 wrong arguments; 3 the file does not exist (or a project
 // scan stopped at a missing file); 4 the target was ended before it finished (time-out or Ctrl-C), or a
 // project scan was cancelled.
-constexpr int ExitOk = 0, ExitFailed = 1, ExitUsage = 2, ExitNoFile = 3, ExitEnded = 4;
+constexpr int ExitOk = 0, ExitFailed = 1, ExitUsage = 2, ExitNoFile = 3, ExitEnded = 4, ExitMissing = 5;
 
 // "0x80070002".
 std::string hex(HRESULT hr);

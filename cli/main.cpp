@@ -5,7 +5,8 @@
 //
 // Exit codes: 0 done; 1 the scan or the server failed, or an assembly's metadata is corrupt; 2 wrong
 // arguments; 3 the file does not exist, or a project scan stopped at a missing form or project; 4 the traced
-// target was ended before it finished, or a project scan was cancelled.
+// target was ended before it finished, or a project scan was cancelled; 5 a needed file is missing and
+// --fail-on-missing was given.
 #include "commands.h"
 #include "error_text.h"
 #include "options.h"
@@ -13,6 +14,7 @@
 #include "text_output.h"
 
 #include "inc/com_exception.h"
+#include "qv_version.h"
 
 #include <windows.h>
 
@@ -55,6 +57,7 @@ constexpr command_entry dispatch[] = {
     {L"setup", needs::nothing, run_setup, nullptr},
     {L"msm", needs::com, run_msm, nullptr},
     {L"static", needs::server, nullptr, run_static},
+    {L"why", needs::server, nullptr, run_why},
     {L"pe", needs::server, nullptr, run_pe},
     {L"assembly", needs::server, nullptr, run_assembly},
     {L"vbp", needs::server, nullptr, run_vbp},
@@ -100,10 +103,15 @@ int wmain(int argc, wchar_t** argv) {
     try {
         o = parse(argc, argv);
     } catch (const usage_error& e) {
-        if (!e.message.empty())
-            err("qvscan: " + e.message + "\n");
+        err("qvscan: " + e.message + "\n");
         err(usage_text);
-        return e.message.empty() ? ExitOk : ExitUsage;
+        return ExitUsage;
+    } catch (const help_request& e) {
+        out(help_text(e.command));
+        return ExitOk;
+    } catch (const version_request&) {
+        out("qvscan " QV_VERSION_TEXT "\n");
+        return ExitOk;
     }
     for (const command_entry& command : dispatch)
         if (o.command == command.name)

@@ -10,19 +10,22 @@ namespace qvscan {
 
 const char* const usage_text =
     "usage: qvscan static FILE|FOLDER... [--lang TEXT] [--type N] [--no-filter] [--merge-modules DIR]\n"
-    "                     [--target NAME|FILE.json] [--no-extensions] [--json]\n"
+    "                     [--target NAME|FILE.json] [--no-extensions] [--fail-on-missing[=all]] [--tree]\n"
+    "                     [--dot FILE] [--json]\n"
+    "       qvscan why APP NAME [--all] [--lang TEXT] [--no-filter] [--target NAME]\n"
     "       qvscan pe FILE [--json]\n"
     "       qvscan assembly FILE [--json]\n"
     "       qvscan vbp PROJECT.vbp|GROUP.vbg [--rebuild] [--dep FILE] [--lang TEXT]\n"
-    "                  [--no-filter] [--keep-going] [--merge-modules DIR] [--json]\n"
+    "                  [--no-filter] [--keep-going] [--merge-modules DIR] [--fail-on-missing] [--json]\n"
     "       qvscan msm DIR [--json]\n"
     "       qvscan ini FILE [SECTION [KEY]]\n"
     "       qvscan trace APP [ARGS...] [--dir D] [--tag T] [--this-process-only] [--no-filter]\n"
-    "                    [--merge-modules DIR] [--json] [--timeout S]   (after \"--\": APP's)\n"
-    "       qvscan attach PID [--tag T] [--no-filter] [--json] [--timeout S]\n"
+    "                    [--merge-modules DIR] [--fail-on-missing] [--json] [--timeout S]   (after \"--\": APP's)\n"
+    "       qvscan attach PID [--tag T] [--no-filter] [--fail-on-missing] [--json] [--timeout S]\n"
     "       qvscan setup \"COMMAND LINE\"\n"
     "       qvscan register [--user]\n"
-    "       qvscan unregister [--user]\n";
+    "       qvscan unregister [--user]\n"
+    "       qvscan help [COMMAND] | COMMAND --help | --version\n";
 
 namespace {
 
@@ -62,6 +65,12 @@ constexpr option_spec lang{"--lang", "TEXT", "the language of the sections of .d
 constexpr option_spec tag{"--tag", "T", "name the bag the run's files go to",
                           [](options& o, const std::wstring& v) { o.tag = v; }};
 constexpr option_spec timeout{"--timeout", "S", "end the target (or let the process go) after S seconds", set_timeout};
+constexpr option_spec fail_on_missing{"--fail-on-missing", nullptr,
+                                      "exit 5 when a file needed at load time is missing (not a delay-loaded one)",
+                                      [](options& o, const std::wstring&) { o.failOnMissing = 1; }};
+constexpr option_spec fail_on_any_missing{"--fail-on-missing=all", nullptr,
+                                          "exit 5 when any needed file is missing, delay-loaded ones too",
+                                          [](options& o, const std::wstring&) { o.failOnMissing = 2; }};
 
 constexpr option_spec static_options[] = {
     lang,
@@ -72,7 +81,20 @@ constexpr option_spec static_options[] = {
      [](options& o, const std::wstring& v) { o.target = v; }},
     {"--no-extensions", nullptr, "only the records a COM client of the scanner gets: no delay loads, no target",
      [](options& o, const std::wstring&) { o.extensions = false; }},
+    fail_on_missing,
+    fail_on_any_missing,
+    {"--tree", nullptr, "the closure as an indented tree, each file under the file that first needs it",
+     [](options& o, const std::wstring&) { o.tree = true; }},
+    {"--dot", "FILE", "write the graph in Graphviz form to FILE (dot -Tsvg FILE > graph.svg draws it)",
+     [](options& o, const std::wstring& v) { o.dotFile = v; }},
     json_option,
+};
+constexpr option_spec why_options[] = {
+    {"--all", nullptr, "every chain, not the first ten", [](options& o, const std::wstring&) { o.all = true; }},
+    lang,
+    no_filter,
+    {"--target", "NAME", "the machine the installer targets: a profile of Support\\targets, or a .json file",
+     [](options& o, const std::wstring& v) { o.target = v; }},
 };
 constexpr option_spec json_only[] = {json_option};
 constexpr option_spec vbp_options[] = {
@@ -84,6 +106,7 @@ constexpr option_spec vbp_options[] = {
     {"--keep-going", nullptr, "go on past a missing form or project, or a failed build",
      [](options& o, const std::wstring&) { o.keepGoing = true; }},
     merge_modules,
+    fail_on_missing,
     json_option,
 };
 constexpr option_spec trace_options[] = {
@@ -93,10 +116,11 @@ constexpr option_spec trace_options[] = {
      [](options& o, const std::wstring&) { o.thisProcessOnly = true; }},
     no_filter,
     merge_modules,
+    fail_on_missing,
     json_option,
     timeout,
 };
-constexpr option_spec attach_options[] = {tag, no_filter, merge_modules, json_option, timeout};
+constexpr option_spec attach_options[] = {tag, no_filter, merge_modules, fail_on_missing, json_option, timeout};
 constexpr option_spec register_options[] = {
     {"--user", nullptr, "for the user alone", [](options& o, const std::wstring&) { o.user = true; }},
 };
@@ -108,6 +132,13 @@ void place_file(options& o, std::vector<std::wstring>& arguments) {
         throw usage_error{utf8(o.command) + " needs a FILE"};
     o.file = arguments[0];
     o.names.assign(arguments.begin() + 1, arguments.end());
+}
+
+void place_why(options& o, std::vector<std::wstring>& arguments) {
+    if (arguments.size() != 2)
+        throw usage_error{"why needs an APP and the NAME of a file"};
+    o.file = arguments[0];
+    o.names = {arguments[1]};
 }
 
 void place_project(options& o, std::vector<std::wstring>& arguments) {
@@ -144,18 +175,39 @@ void place_command_line(options& o, std::vector<std::wstring>& arguments) {
 }
 
 constexpr command_spec command_table[] = {
-    {L"static", static_options, any, false, false, place_file},
-    {L"pe", json_only, 1, false, false, place_file},
-    {L"assembly", json_only, 1, false, false, place_file},
-    {L"vbp", vbp_options, 1, false, false, place_project},
-    {L"msm", json_only, 1, false, false, place_file},
-    {L"ini", {}, 3, false, false, place_file},
-    {L"trace", trace_options, any, true, false, place_application},
-    {L"attach", attach_options, 1, true, false, place_process},
-    {L"setup", {}, any, false, true, place_command_line},
-    {L"register", register_options, 0, false, false, place_nothing},
-    {L"unregister", register_options, 0, false, false, place_nothing},
+    {L"static", "FILE|FOLDER...",
+     "Scans each file (a folder: each Windows image in it) for every file it needs: import and delay-import\n"
+     "tables, .dep files, .NET references, down the whole tree.",
+     static_options, any, false, false, place_file},
+    {L"why", "APP NAME", "Every chain of files that leads from APP to NAME, shortest first (NAME: a file name).",
+     why_options, 2, false, false, place_why},
+    {L"pe", "FILE", "The record of one file: folder, version, size, languages, flags.", json_only, 1, false, false,
+     place_file},
+    {L"assembly", "FILE", "A .NET assembly's identity and references, and the static scan of its tree.", json_only,
+     1, false, false, place_file},
+    {L"vbp", "PROJECT.vbp|GROUP.vbg", "Scans a Visual Basic 6 project or group: its references, components and "
+                                      "their files.",
+     vbp_options, 1, false, false, place_project},
+    {L"msm", "DIR", "The merge modules of a folder, as the catalog reads them.", json_only, 1, false, false,
+     place_file},
+    {L"ini", "FILE [SECTION [KEY]]", "What the profile reader makes of a .dep or list file.", {}, 3, false, false,
+     place_file},
+    {L"trace", "APP [ARGS...]", "Runs APP under the debug engine and lists every module it loads (after \"--\"\n"
+                                "every argument is APP's).",
+     trace_options, any, true, false, place_application},
+    {L"attach", "PID", "Watches a running process and lists every module it loads.", attach_options, 1, true, false,
+     place_process},
+    {L"setup", "\"COMMAND LINE\"", "Runs a setup program and waits for it and the children it leaves.", {}, any,
+     false, true, place_command_line},
+    {L"register", "", "Writes the registration entries that script hosts need.", register_options, 0, false, false,
+     place_nothing},
+    {L"unregister", "", "Removes the registration entries.", register_options, 0, false, false, place_nothing},
 };
+
+const char* const exit_codes =
+    "exit codes: 0 done; 1 the scan failed; 2 wrong arguments; 3 no file to scan (or a project stopped at a\n"
+    "missing form or project); 4 the traced target was ended, or a project scan cancelled; 5 a needed file is\n"
+    "missing (with --fail-on-missing); why: 3 when NAME is not in APP's closure\n";
 
 const command_spec* find_command(const std::wstring& name) {
     for (const command_spec& c : command_table)
@@ -180,8 +232,13 @@ options parse(int argc, const wchar_t* const* argv) {
         throw usage_error{"no command given"};
     options o;
     o.command = argv[1];
-    if (o.command == L"-h" || o.command == L"--help" || o.command == L"help")
-        throw usage_error{""};
+    if (o.command == L"--version")
+        throw version_request{};
+    if (o.command == L"-h" || o.command == L"--help" || o.command == L"help") {
+        if (argc > 2 && o.command == L"help" && !find_command(argv[2]))
+            throw usage_error{"unknown command '" + utf8(argv[2]) + "'"};
+        throw help_request{argc > 2 && o.command == L"help" ? argv[2] : L""};
+    }
     const command_spec* command = find_command(o.command);
     if (!command)
         throw usage_error{"unknown command '" + utf8(o.command) + "'"};
@@ -191,13 +248,18 @@ options parse(int argc, const wchar_t* const* argv) {
         const std::wstring a = argv[i];
         const bool plain = command->verbatim || rest;
         const option_spec* option = plain ? nullptr : find_option(*command, a);
+        const bool ours = !plain && !(command->targetArguments && !arguments.empty()); // not the target's
+        // setup's one argument is its command line, unless that is all a person asks.
+        const bool alone = command->verbatim && argc == 3;
+        if ((ours || alone) && (a == L"--help" || a == L"-h"))
+            throw help_request{o.command};
         if (!plain && command->targetArguments && a == L"--") {
             rest = true;
         } else if (option) {
             if (option->valueName && i + 1 >= argc)
                 throw usage_error{std::string(option->name) + " needs a value"};
             option->apply(o, option->valueName ? argv[++i] : L"");
-        } else if (!plain && a.size() > 1 && a[0] == L'-' && !(command->targetArguments && !arguments.empty())) {
+        } else if (ours && a.size() > 1 && a[0] == L'-') {
             throw usage_error{"unknown option '" + utf8(a) + "' for " + utf8(o.command)};
         } else if (arguments.size() >= command->most) {
             throw usage_error{"unexpected argument '" + utf8(a) + "'"};
@@ -207,6 +269,24 @@ options parse(int argc, const wchar_t* const* argv) {
     }
     command->place(o, arguments);
     return o;
+}
+
+std::string help_text(const std::wstring& name) {
+    const command_spec* command = find_command(name);
+    if (!command)
+        return std::string(usage_text) + "\n'qvscan help COMMAND' (or 'qvscan COMMAND --help') tells a command's "
+                                         "options; 'qvscan --version' the tool's version.\n" + exit_codes;
+    std::string text = "usage: qvscan " + utf8(command->name) + (*command->synopsis ? " " : "") + command->synopsis +
+                       (command->table.empty() ? "" : " [options]") + "\n\n" + command->summary + "\n\noptions:\n";
+    auto line = [&text](std::string left, const char* help) {
+        left = "  " + left;
+        left.resize(std::max<size_t>(left.size() + 2, 26), ' ');
+        text += left + help + "\n";
+    };
+    for (const option_spec& o : command->table)
+        line(std::string(o.name) + (o.valueName ? std::string(" ") + o.valueName : ""), o.help);
+    line("--help", "this text");
+    return text + "\n" + exit_codes;
 }
 
 std::wstring quote_arguments(const std::vector<std::wstring>& arguments) {

@@ -12,8 +12,14 @@
 namespace qvscan {
 
 struct usage_error {
-    std::string message; // empty: the person asked for help
+    std::string message;
 };
+// Help asked for (--help, -h, help [COMMAND], COMMAND --help): of one command, or of the tool when empty.
+struct help_request {
+    std::wstring command;
+};
+// --version asked for.
+struct version_request {};
 
 struct options {
     std::wstring command, file, lang;
@@ -36,6 +42,13 @@ struct options {
     // (delay-loaded imports, entry points, passed-over copies, the target's answers).
     std::wstring target = L"windows-x64-net48";
     bool extensions = true;
+    // static, vbp, trace: exit 5 when a needed file is missing (1), delay-loaded ones counted too (2).
+    int failOnMissing = 0;
+    // static: the closure as a tree instead of the table; the graph written in Graphviz form to dotFile.
+    bool tree = false;
+    std::wstring dotFile;
+    // why: every chain, not the first ten.
+    bool all = false;
 };
 
 struct option_spec {
@@ -48,6 +61,8 @@ struct option_spec {
 
 struct command_spec {
     const wchar_t* name;
+    const char* synopsis; // what follows the command's name in its usage line, options aside
+    const char* summary;  // what the command does, for its help
     std::span<const option_spec> table; // its options
     // Arguments that are not options, at most (SIZE_MAX: any number); the next is an unexpected argument.
     size_t most;
@@ -63,8 +78,13 @@ struct command_spec {
 extern const std::span<const command_spec> commands;
 extern const char* const usage_text;
 
-// The options of the command line (argv[0] is the tool); a usage_error when they are wrong or ask for help.
+// The options of the command line (argv[0] is the tool); a usage_error when they are wrong, a help_request
+// or a version_request when they ask for those.
 options parse(int argc, const wchar_t* const* argv);
+
+// The help of one command (its usage line, what it does, its options from its table, the exit codes), or of
+// the tool for an empty name.
+std::string help_text(const std::wstring& command);
 
 // The target's command line made of its arguments, each as its C runtime will split it back out.
 std::wstring quote_arguments(const std::vector<std::wstring>& arguments);

@@ -1,5 +1,7 @@
 #include "records.h"
 
+#include "error_text.h"
+
 #include "inc/com_ptr.h"
 #include "inc/scan_extensions.h"
 #include "text_output.h"
@@ -188,6 +190,14 @@ std::string record_notes(const record& r) {
     }
     for (const auto& copy : r.passedOver)
         notes += "  " + utf8(r.name) + ": " + utf8(copy.machine) + " copy at " + utf8(copy.path) + " passed over\n";
+    if (!r.neededBy.empty()) {
+        std::string chain;
+        for (const auto& name : r.neededBy[0])
+            chain += (chain.empty() ? "" : " <- ") + utf8(name);
+        const size_t more = r.neededBy.size() - 1 + r.neededByMore;
+        notes += "  " + utf8(r.name) + " needed by: " + chain +
+                 (more ? " (+" + std::to_string(more) + (r.neededByAtLeast ? " or more)" : " more)") : "") + "\n";
+    }
     if (!r.host.empty())
         notes += "  " + utf8(r.name) + ": API-set contract, resolved to " + utf8(r.host) + "\n";
     else if (r.providedBy && std::string(r.providedBy) == "os")
@@ -199,15 +209,46 @@ std::string record_notes(const record& r) {
 
 } // namespace
 
+std::string records_notes(const std::vector<record>& records) {
+    std::string notes;
+    for (const record& r : records)
+        notes += record_notes(r);
+    return notes;
+}
+
 std::string records_table(const std::vector<record>& records) {
     table t({"NAME", "FOLDER", "VERSION", "SIZE", "MARKS"});
     for (const record& r : records)
         t.add({utf8(r.name), utf8(r.path), utf8(version_text(r.major, r.minor)),
                r.missing ? "" : std::to_string(r.size), marks(r)});
-    std::string notes;
-    for (const record& r : records)
-        notes += record_notes(r);
-    return t.render() + notes;
+    return t.render() + records_notes(records);
+}
+
+int missing_verdict(int level, const std::string& subject, const std::vector<record>& records) {
+    if (level == 0)
+        return ExitOk;
+    std::string names;
+    size_t counted = 0, delayed = 0;
+    for (const record& r : records) {
+        if (!r.missing)
+            continue;
+        if (std::string(r.via) == "delay" && level < 2) {
+            ++delayed;
+            continue;
+        }
+        if (++counted <= 10)
+            names += (names.empty() ? "" : ", ") + utf8(r.name);
+    }
+    if (counted > 10)
+        names += " and " + std::to_string(counted - 10) + " more";
+    const std::string aside = delayed ? " (" + std::to_string(delayed) + " delay-loaded not counted)" : "";
+    if (counted == 0) {
+        err("qvscan: " + subject + ": nothing needed is missing" + aside + "\n");
+        return ExitOk;
+    }
+    err("qvscan: " + subject + ": " + std::to_string(counted) + " needed file" + (counted == 1 ? " is" : "s are") +
+        " missing: " + names + aside + "\n");
+    return ExitMissing;
 }
 
 json record_json(const record& r) {
@@ -237,6 +278,18 @@ json record_json(const record& r) {
             gaps.push_back({{"importer", utf8(gap.importer)}, {"names", names}, {"more", gap.more}});
         }
         j["missingEntryPoints"] = gaps;
+    }
+    if (!r.neededBy.empty()) {
+        json chains = json::array();
+        for (const auto& chain : r.neededBy) {
+            json names = json::array();
+            for (const auto& name : chain)
+                names.push_back(utf8(name));
+            chains.push_back(names);
+        }
+        j["neededBy"] = chains;
+        if (r.neededByMore)
+            j["neededByMore"] = r.neededByMore;
     }
     if (!r.passedOver.empty()) {
         json copies = json::array();

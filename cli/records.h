@@ -33,6 +33,11 @@ struct record {
         std::wstring machine;
     };
     std::vector<passed_copy> passedOver;
+    // A missing file's chains: each from the file that needs it back to the scanned file, shortest first; and
+    // how many more there are (at least that many when neededByAtLeast).
+    std::vector<std::vector<std::wstring>> neededBy;
+    size_t neededByMore = 0;
+    bool neededByAtLeast = false;
 };
 
 // The index of item i (counted from 1) of a server collection.
@@ -54,6 +59,13 @@ extern const char* const marks_legend;
 // NAME, FOLDER, VERSION, SIZE and MARKS, a row per record, aligned; then a note line for each thing the
 // details tell (an entry point lacking, a copy of another machine passed over, a contract's host).
 std::string records_table(const std::vector<record>& records);
+// The note lines alone.
+std::string records_notes(const std::vector<record>& records);
+
+// The verdict of --fail-on-missing (level 1: files needed at load time; 2: delay-loaded ones too; 0: none
+// asked): ExitMissing when such a file is missing, else ExitOk. Given a level, it writes one line on standard
+// error that a build log shows at a glance, naming what is missing.
+int missing_verdict(int level, const std::string& subject, const std::vector<record>& records);
 
 json record_json(const record& r);
 json records_json(const std::vector<record>& records);

@@ -6,14 +6,16 @@
 #include "json_writer.h"
 #include "linux_paths.h"
 #include "merge_modules.h"
+#include "dependency_graph.h"
+#include "inc/scan_extensions.h"
 #include "progress.h"
 #include "records.h"
 #include "target_profile.h"
-#include "inc/scan_extensions.h"
 #include "text_output.h"
 #include "toolkit/path_helpers.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace qvscan {
 
@@ -32,7 +34,34 @@ struct static_result {
     size_t delayMissing = 0; // missing files needed only through delay loads
     size_t provided = 0;     // records the target provides, left out of the list by the filter
     bool extended = false;
+    std::wstring edges; // the walk's graph (IQvScanGraph), with the extensions
 };
+
+// How many chains of a missing file the JSON lists, and how many more are counted beyond them.
+constexpr size_t chains_listed = 10, chains_counted = 1000;
+
+// The chains that need each missing file.
+void add_chains(static_result& r, const options& o) {
+    if (r.edges.empty())
+        return;
+    const dependency_graph graph(r.edges, r.file, r.records, o.filter);
+    for (record& x : r.records) {
+        if (!x.missing)
+            continue;
+        const auto found = graph.chains(graph.find(x.name), chains_listed + chains_counted);
+        for (size_t i = 0; i < found.chains.size(); ++i) {
+            if (i == chains_listed) {
+                x.neededByMore = found.chains.size() - chains_listed;
+                break;
+            }
+            std::vector<std::wstring> names;
+            for (const size_t node : found.chains[i])
+                names.push_back(graph.nodes()[node].name);
+            x.neededBy.push_back(std::move(names));
+        }
+        x.neededByAtLeast = !found.complete;
+    }
+}
 
 HRESULT scan_file(IStaticScan* scan, const std::wstring& file, const options& o, progress_sink& sink,
                   VARIANT_BOOL* completed) {
@@ -67,6 +96,10 @@ static_result scan_static(IStaticScan* scan, const std::wstring& file, const opt
     qv::com_ptr<IDepFiles> files;
     check_hr(scan->get_Dependencies(files.put()));
     r.records = read_all(files.get());
+    qv::bstr edges;
+    if (const auto graph = qv::com_ptr<IStaticScan>(scan).query<IQvScanGraph>(IID_IQvScanGraph);
+        o.extensions && graph && SUCCEEDED(graph->get_Edges(edges.put())))
+        r.edges = edges.str();
     // The import walk announces every file it names; a record it never named came from a .dep file.
     for (record& x : r.records) {
         const std::wstring full = x.path.empty() ? x.name : x.path + (x.path.back() == L'\\' ? L"" : L"\\") + x.name;
@@ -74,8 +107,10 @@ static_result scan_static(IStaticScan* scan, const std::wstring& file, const opt
             std::string(x.via) != "delay")
             x.via = "dep";
     }
-    if (o.extensions)
+    if (o.extensions) {
         r.provided = apply_target(r.records, target, o.filter);
+        add_chains(r, o);
+    }
     for (const record& x : r.records) {
         r.missing += x.missing;
         r.delayMissing += x.missing && std::string(x.via) == "delay";
@@ -105,11 +140,26 @@ json static_json(const static_result& r) {
 const json_layout one_file_layout{{"", "dependencies"}};
 const json_layout files_layout{{"", "files", "files/*", "files/*/dependencies"}};
 
-std::string static_text(const static_result& r) {
-    return records_table(r.records) + std::to_string(r.records.size()) + " files, " + std::to_string(r.missing) +
+// The table, or with --tree the closure as a tree; the records' notes under either.
+std::string static_text(const static_result& r, const options& o) {
+    const std::string shown = o.tree && !r.edges.empty()
+                                  ? dependency_graph(r.edges, r.file, r.records, o.filter).tree() + records_notes(r.records)
+                                  : records_table(r.records);
+    return shown + std::to_string(r.records.size()) + " files, " + std::to_string(r.missing) +
            " missing, " + (r.delayMissing ? std::to_string(r.delayMissing) + " of them delay-loaded, " : "") +
            std::to_string(r.filterable) + " filterable, " + std::to_string(r.modules) + " merge modules" +
            (r.provided ? ", " + std::to_string(r.provided) + " provided by the target" : "");
+}
+
+// The graph in Graphviz form, to the file --dot names.
+void write_dot(const std::wstring& file, const std::string& text) {
+    const std::wstring path = full_path(file);
+    qv::unique_hfile out(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    DWORD written = 0;
+    if (!out || !WriteFile(out.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) ||
+        written != text.size())
+        throw std::runtime_error("cannot write the graph to " + utf8(path) + ": " +
+                                 describe(HRESULT_FROM_WIN32(GetLastError())));
 }
 
 // What is wrong with one scanned file, on standard error; the exit code it asks for.
@@ -180,8 +230,11 @@ int run_one(const server_dll& dll, IStaticScan* scan, const std::wstring& file, 
     if (o.json)
         print_json(static_json(r), one_file_layout);
     else
-        out(static_text(r) + " " + marks_legend + "\n");
-    return tell_static(dll, r);
+        out(static_text(r, o) + " " + marks_legend + "\n");
+    if (!o.dotFile.empty() && !r.edges.empty())
+        write_dot(o.dotFile, dependency_graph(r.edges, r.file, r.records, o.filter).dot());
+    const int rc = tell_static(dll, r);
+    return std::max(rc, missing_verdict(o.failOnMissing, utf8(qv::FileNamePart(file)), r.records));
 }
 
 // Several files, or the images of a folder: a section for each, one after the other.
@@ -209,13 +262,16 @@ int run_several(const server_dll& dll, IStaticScan* scan, const options& o, IUnk
             files_layout);
     } else {
         for (const auto& r : results)
-            out(utf8(r.file) + ":\n" + (FAILED(r.hr) ? "  the scan failed: " + r.failure : static_text(r)) + "\n\n");
+            out(utf8(r.file) + ":\n" + (FAILED(r.hr) ? "  the scan failed: " + r.failure : static_text(r, o)) + "\n\n");
         out(std::to_string(results.size()) + " files scanned, " + std::to_string(records) + " records, " +
             std::to_string(missing) + " missing " + marks_legend + "\n");
     }
     if (files.empty())
         err("qvscan: no Windows image to scan\n");
-    return rc;
+    std::vector<record> all;
+    for (const static_result& r : results)
+        all.insert(all.end(), r.records.begin(), r.records.end());
+    return std::max(rc, missing_verdict(o.failOnMissing, std::to_string(results.size()) + " files", all));
 }
 
 } // namespace
@@ -228,6 +284,38 @@ int run_static(const server_dll& dll, const options& o) {
     if (o.names.empty() && !is_folder(single))
         return run_one(dll, scan.get(), single, o, catalog.get(), target);
     return run_several(dll, scan.get(), o, catalog.get(), target);
+}
+
+// The chains are told shortest first, ten unless --all; --all still stops at this many, and says so.
+constexpr size_t why_listed = 10, why_most = 100000;
+
+int run_why(const server_dll& dll, const options& o) {
+    auto scan = dll.create<IStaticScan>(CLSID_StaticScan, IID_IStaticScan);
+    options asked = o; // the scan with its extensions, whatever else was given
+    asked.extensions = true;
+    const target_profile target = load_target(o.target);
+    const static_result r = scan_static(scan.get(), full_path(o.file), asked, nullptr, target);
+    if (FAILED(r.hr) || !r.present)
+        return tell_static(dll, r);
+    const std::wstring& name = o.names[0];
+    const dependency_graph graph(r.edges, r.file, r.records, o.filter);
+    const size_t node = graph.find(name);
+    if (node == SIZE_MAX || !graph.nodes()[node].shown) {
+        err("qvscan: " + utf8(name) + " is not in the closure of " + utf8(qv::FileNamePart(r.file)) +
+            (node != SIZE_MAX ? " but as a file of the system, which --no-filter shows" : "") + "\n");
+        return ExitNoFile;
+    }
+    const size_t limit = o.all ? why_most : why_listed;
+    const auto found = graph.chains(node, limit + 1);
+    const size_t told = std::min(found.chains.size(), limit);
+    for (size_t i = 0; i < told; ++i) {
+        const std::string chain = graph.chain_text(found.chains[i]);
+        out(utf8(graph.nodes()[node].name) + (chain.empty() ? "" : " <- " + chain) + "\n");
+    }
+    if (found.chains.size() > limit || !found.complete)
+        out(o.all ? "(the first " + std::to_string(told) + " chains; there are more)\n"
+                  : "(more chains: --all lists them)\n");
+    return ExitOk;
 }
 
 } // namespace qvscan

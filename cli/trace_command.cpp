@@ -385,7 +385,13 @@ int run_trace(const server_dll& dll, const options& o) {
     if (!run_checker(dll, o, result))
         return ExitFailed;
     print_result(result, o);
-    return tell_ending(result.how, o);
+    const int rc = tell_ending(result.how, o);
+    std::vector<record> all;
+    for (const bag_records& bag : result.bags)
+        all.insert(all.end(), bag.records.begin(), bag.records.end());
+    const std::string subject = o.command == L"trace" ? utf8(qv::FileNamePart(result.application))
+                                                       : "process " + std::to_string(o.processId);
+    return rc != ExitOk ? rc : missing_verdict(o.failOnMissing, subject, all);
 }
 
 } // namespace qvscan

@@ -358,7 +358,11 @@ int run_vbp(const server_dll& dll, const options& o) {
     }
     result.groups = read_groups(scan.get(), result.project);
     result.completed = !result.stopped && !result.cancelled;
-    return report(result, o.json);
+    const int rc = report(result, o.json);
+    std::vector<record> all;
+    for (const auto& group : result.groups)
+        all.insert(all.end(), group.records.begin(), group.records.end());
+    return rc != ExitOk ? rc : missing_verdict(o.failOnMissing, utf8(qv::FileNamePart(result.project)), all);
 }
 
 } // namespace qvscan

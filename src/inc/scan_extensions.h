@@ -40,6 +40,20 @@ inline constexpr IID IID_IQvDepFileDetails = {
 
 __CRT_UUID_DECL(IQvDepFileDetails, 0x5e7c2a10, 0x8b4d, 0x4f0e, 0x9a, 0x63, 0x2c, 0x1d, 0x7b, 0x8e, 0x4f, 0x51)
 
+// The graph of the last scan made with qv::scan_type::delay_loads or qv::scan_type::details, on StaticScan.
+// {7A3D9C42-1E6B-4B8F-8D25-6F0A1C3E9B74}
+struct IQvScanGraph : public IUnknown {
+    // Every edge of the walk, in the order it met them, a line each: the file that led on, the name it led to
+    // (file-name parts as written), the kind ("import", "delay", "dep" or "assembly"), and a fourth field
+    // "missing" when the name was not found; tab-separated. Empty after a scan without the bits.
+    virtual HRESULT STDMETHODCALLTYPE get_Edges(BSTR* lines) = 0;
+};
+
+inline constexpr IID IID_IQvScanGraph = {
+    0x7a3d9c42, 0x1e6b, 0x4b8f, {0x8d, 0x25, 0x6f, 0x0a, 0x1c, 0x3e, 0x9b, 0x74}};
+
+__CRT_UUID_DECL(IQvScanGraph, 0x7a3d9c42, 0x1e6b, 0x4b8f, 0x8d, 0x25, 0x6f, 0x0a, 0x1c, 0x3e, 0x9b, 0x74)
+
 namespace qv {
 // The most entry-point names one importer's line holds.
 inline constexpr size_t entry_names_kept = 20;

@@ -201,7 +201,7 @@ struct CDepWalker::WalkFrame {
     std::wstring name;               // the image's file-name part, or the section's name as looked up
     std::vector<std::wstring> names; // import names, delay-import names, or the files of Uses1, Uses2, ...
     size_t delayFrom = SIZE_MAX;     // where the delay-import names begin among names
-    std::wstring owner;              // the image (lower case) whose walk this frame is part of
+    std::wstring owner;              // the image whose walk this frame is part of (its file-name part)
     DWORD machine = 0;
     size_t next = 0;
     std::wstring found;                     // where names[next] was found (or the name itself)
@@ -342,7 +342,7 @@ void CDepWalker::EnterFile(const std::wstring& path, bool isDependency, std::vec
             if (m_bDelayLoads)
                 frame.names.insert(frame.names.end(), facts->delayNames.begin(), facts->delayNames.end());
         }
-        frame.owner = qv::LowerCase(frame.name);
+        frame.owner = frame.name;
         frame.machine = facts->machine;
         frame.scope = std::move(scope);
         if (frame.sections || !frame.names.empty())
@@ -375,7 +375,7 @@ void CDepWalker::EnterAssembly(IUnknown* assembly, const std::wstring& path, boo
     frame.assembly = true;
     frame.path = path;
     frame.name = qv::FileNamePart(path);
-    frame.owner = qv::LowerCase(frame.name);
+    frame.owner = frame.name;
     for (;;) {
         qv::com_ptr<IUnknown> element;
         {
@@ -644,15 +644,25 @@ void CDepWalker::AddEdge(const WalkFrame& frame, const std::wstring& name, const
     if (!m_bDelayLoads && !m_bDetails)
         return;
     Edge edge;
-    edge.from = frame.owner;
-    edge.to = qv::LowerCase(qv::FileNamePart(found.empty() ? name : found));
+    edge.fromName = frame.owner;
+    edge.toName = qv::FileNamePart(found.empty() ? name : found);
+    edge.from = qv::LowerCase(edge.fromName);
+    edge.to = qv::LowerCase(edge.toName);
     edge.delay = delay;
     edge.image = !frame.section && !frame.assembly;
+    edge.kind = frame.section ? L"dep" : frame.assembly ? L"assembly" : delay ? L"delay" : L"import";
     edge.importer = frame.path;
     edge.name = name;
-    edge.found = found;
+    edge.found = frame.section && found == name ? std::wstring() : found; // a section's name not found stays as it is
     edge.machine = frame.machine;
     m_edges.push_back(std::move(edge));
+}
+
+std::wstring CDepWalker::EdgeLines() const {
+    std::wstring lines;
+    for (const Edge& edge : m_edges)
+        lines += edge.fromName + L'\t' + edge.toName + L'\t' + edge.kind + (edge.found.empty() ? L"\tmissing\n" : L"\n");
+    return lines;
 }
 
 ScannedFile* CDepWalker::RecordOf(const std::wstring& name, bool missing) {

@@ -78,6 +78,11 @@ public:
     DWORD ScanOneFile(const std::wstring& path, bool isDependency);
     bool PassesFilter(const std::wstring& path);
 
+    // Every edge of the walk of a scan that asks for delay loads or details, in the order the walk met them, a line
+    // each: the file that led on, the name it led to (file-name parts), the kind ("import", "delay", "dep",
+    // "assembly") and "missing" when the name was not found, tab-separated.
+    std::wstring EdgeLines() const;
+
     FileMap FoundFiles;   // keyed by file-name part
     FileMap MissingFiles; // keyed by the name as the referring file writes it
     DWORD Status = 3;     // "General failure" until a walk has ended
@@ -87,7 +92,9 @@ private:
 
     // One name an image, a .dep section or an assembly led to: the graph the details are settled on.
     struct Edge {
-        std::wstring from, to; // file-name parts in lower case
+        std::wstring from, to;         // file-name parts in lower case
+        std::wstring fromName, toName; // the same as written
+        const wchar_t* kind = L"import"; // "import", "delay", "dep" or "assembly"
         bool delay = false;    // from the delay-import table
         bool image = false;    // from an import table (else a .dep file or an assembly's reference)
         std::wstring importer; // the importing image's path

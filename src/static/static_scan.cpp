@@ -27,6 +27,10 @@ STDMETHODIMP CStaticScan::get_Dependencies(IDepFiles** pVal) {
     return m_pDependencies->QueryInterface(IID_IDepFiles, reinterpret_cast<void**>(pVal));
 }
 
+STDMETHODIMP CStaticScan::get_Edges(BSTR* lines) {
+    return qv::copy_text_out(m_edges, lines);
+}
+
 STDMETHODIMP CStaticScan::ScanWithFilter(BSTR file, IStaticScanEvents* events, VARIANT_BOOL, BSTR sLangID,
                                          VARIANT_BOOL* completed, CFilterBase* filter, long scanType) {
     if (completed)
@@ -75,6 +79,7 @@ STDMETHODIMP CStaticScan::ScanWithFilter(BSTR file, IStaticScanEvents* events, V
     }
 
     m_pDependencies = std::move(files);
+    m_edges = walker.EdgeLines();
     if (completed)
         *completed = VARIANT_TRUE;
     return S_OK;

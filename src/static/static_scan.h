@@ -12,6 +12,9 @@
 #include "inc/com_object.h"
 #include "inc/com_ptr.h"
 #include "inc/priv_interfaces.h"
+#include "inc/scan_extensions.h"
+
+#include <string>
 
 class CDepFiles;
 class CFilterBase;
@@ -19,7 +22,8 @@ class CFilterBase;
 class CStaticScan
     : public qv::object_root,
       public qv::dispatch_impl<IStaticScan, &IID_IStaticScan, qv::typeinfo_holder<&LIBID_QVWISCANNERSLib, 1, 0>>,
-      public IPrivStaticScan {
+      public IPrivStaticScan,
+      public IQvScanGraph {
 public:
     static constexpr bool aggregatable = true;
 
@@ -27,6 +31,7 @@ public:
     QV_INTERFACE(IID_IStaticScan, IStaticScan)
     QV_INTERFACE2(IID_IDispatch, IDispatch, IStaticScan)
     QV_INTERFACE(IID_IPrivStaticScan, IPrivStaticScan)
+    QV_INTERFACE(IID_IQvScanGraph, IQvScanGraph)
     QV_END_INTERFACE_MAP()
 
     CStaticScan();
@@ -48,6 +53,10 @@ public:
     (BSTR file, IStaticScanEvents* events, VARIANT_BOOL bFilterFiles, BSTR sLangID, VARIANT_BOOL* completed,
      CFilterBase* filter, long scanType) override;
 
+    // IQvScanGraph
+    STDMETHOD(get_Edges)(BSTR* lines) override;
+
 private:
     qv::com_ptr<CDepFiles> m_pDependencies;
+    std::wstring m_edges; // of the last scan that ended
 };

@@ -584,12 +584,74 @@ def case_target(a):
         shutil.rmtree(tmp, ignore_errors=True)
 
 
+def case_graph(a):
+    """Why a file is needed: the tree, the chains of each missing file in the table and in JSON, `why`, the
+    picture rendered by dot, the help of every command, the version, and --fail-on-missing's exit 5."""
+    fx = lambda rel: os.path.join(a.fixtures, *rel.split("/"))  # noqa: E731
+    app, delay = fx("walk/app/app.exe"), fx("target/delay/delayapp.exe")
+    tree = run(a, ["static", app, "--tree"]).stdout
+    expect(tree.startswith("app.exe\n  alpha.dll\n    app.exe (see above)\n    GAMMA.DLL  MISSING\n  beta.dll\n")
+           and "\n  missing_one.dll  MISSING\n" in tree, f"tree: {tree!r}")
+    tree = run(a, ["static", delay, "--tree"]).stdout
+    expect(tree.startswith("delayapp.exe\n  shipped.dll [delay]\n    helper.dll\n  absent.dll [delay]  MISSING\n"),
+           f"delay tree: {tree!r}")
+    table = run(a, ["static", app]).stdout
+    expect("  GAMMA.DLL needed by: beta.dll <- app.exe (+1 more)\n" in table
+           and "  missing_one.dll needed by: app.exe\n" in table, f"needed by: {table!r}")
+    doc = scan_json(a, app) or {"dependencies": []}
+    needed = {d["name"]: (d.get("neededBy"), d.get("neededByMore")) for d in doc["dependencies"] if d["missing"]}
+    expect(needed.get("GAMMA.DLL") == ([["beta.dll", "app.exe"], ["alpha.dll", "app.exe"]], None)
+           and needed.get("missing_one.dll") == ([["app.exe"]], None) and all(v[0] for v in needed.values()),
+           f"neededBy: {needed}")
+    # why: every chain shortest first; a name not in the closure is exit 3; a path is taken by its name.
+    for args, code, words in [([app, "gamma.dll"], 0, "GAMMA.DLL <- beta.dll <- app.exe\nGAMMA.DLL <- alpha.dll <- app.exe\n"),
+                              ([app, "C:\\x\\Missing_One.dll"], 0, "missing_one.dll <- app.exe\n"),
+                              ([delay, "helper.dll"], 0, "helper.dll <- shipped.dll <- delayapp.exe\n"),
+                              ([app, "kernel32.dll"], 3, "as a file of the system"),
+                              ([app, "no such.dll"], 3, "no such.dll is not in the closure of app.exe")]:
+        r = run(a, ["why"] + args)
+        expect(r.returncode == code and words in (r.stdout if code == 0 else r.stderr),
+               f"why {args}: {r.returncode} {r.stdout!r} {r.stderr!r}")
+    # The picture, drawn by dot: every shown file a node, the missing one red, the delay edges dashed.
+    tmp = tempfile.mkdtemp()
+    try:
+        graph, svg = os.path.join(tmp, "g.dot"), os.path.join(tmp, "g.svg")
+        run(a, ["static", delay, "--dot", graph])
+        drawn = subprocess.run(["dot", "-Tsvg", graph, "-o", svg], capture_output=True, text=True)
+        picture = open(svg).read() if drawn.returncode == 0 else ""
+        expect(all(f">{n}</text>" in picture for n in ["delayapp.exe", "shipped.dll", "helper.dll", "absent.dll",
+                                                        "system files"])
+               and 'stroke="red"' in picture and 'stroke-dasharray="5,2"' in picture, f"dot: {drawn.stderr!r}")
+    finally:
+        shutil.rmtree(tmp, ignore_errors=True)
+    # --fail-on-missing: exit 5 and a line that names what is missing; delay-loaded files only with =all.
+    for args, code, words in [([app], 0, ""), ([app, "--fail-on-missing"], 5, "5 needed files are missing: "),
+                              ([delay, "--fail-on-missing"], 0, "nothing needed is missing (1 delay-loaded not counted)"),
+                              ([delay, "--fail-on-missing=all"], 5, "1 needed file is missing: absent.dll")]:
+        r = run(a, ["static"] + args + ["--json"])
+        expect(r.returncode == code and words in r.stderr and json.loads(r.stdout)["file"],
+               f"fail on missing {args}: {r.returncode} {r.stderr!r}")
+    # Help of the tool and of each command, from the option tables; the version.
+    general = run(a, ["--help"])
+    commands = re.findall(r"qvscan (\w+) ", general.stdout.split("\n\n")[0])
+    expect(general.returncode == 0 and {"static", "why", "trace", "vbp"} <= set(commands), f"help: {general.stdout!r}")
+    for command in set(commands) - {"help"}:
+        for args in (["help", command], [command, "--help"]):
+            r = run(a, args)
+            expect(r.returncode == 0 and r.stdout.startswith("usage: qvscan " + command) and "exit codes:" in r.stdout,
+                   f"{args}: {r.returncode} {r.stdout[:80]!r}")
+    options = run(a, ["static", "--help"]).stdout
+    expect(all(o in options for o in ["--tree", "--dot FILE", "--fail-on-missing=all", "--target NAME"]), options)
+    version = run(a, ["--version"])
+    expect(version.returncode == 0 and re.fullmatch(r"qvscan \d+\.\d+\.\d+(\.\d+)?\n", version.stdout), version.stdout)
+
+
 def main():
     ap = argparse.ArgumentParser()
     for option in ["--emulator", "--tool", "--dump", "--prefix", "--fixtures", "--script-host"]:
         ap.add_argument(option, required=True)
     ap.add_argument("case", choices=["json", "table", "exits", "script", "hostile", "trace", "assembly", "vbp", "msm",
-                                        "target"])
+                                        "target", "graph"])
     a = ap.parse_args()
     globals()["case_" + a.case](a)
     print(f"{0 if failures else 1} passed, {len(failures)} failed")

@@ -6,6 +6,7 @@
 #include "inc/unique_handles.h"
 #include "json_writer.h"
 #include "linux_paths.h"
+#include "dependency_graph.h"
 #include "options.h"
 #include "progress.h"
 #include "records.h"
@@ -35,6 +36,10 @@ std::string parsed(std::vector<std::wstring> args) {
         o = parse(static_cast<int>(argv.size()), argv.data());
     } catch (const usage_error& e) {
         return "usage: " + e.message;
+    } catch (const help_request& e) {
+        return "help: " + narrow(e.command);
+    } catch (const version_request&) {
+        return "version";
     }
     auto list = [](const std::vector<std::wstring>& items) {
         std::string text;
@@ -63,6 +68,7 @@ std::string parsed(std::vector<std::wstring> args) {
     add(o.keepGoing, "keepgoing");
     add(o.target != L"windows-x64-net48", "target=" + narrow(o.target));
     add(!o.extensions, "noext");
+    add(o.failOnMissing != 0, "failmissing=" + std::to_string(o.failOnMissing));
     return s;
 }
 
@@ -70,8 +76,19 @@ TEST(Options, EachCommandLineSetsItsFieldsOrSaysWhatIsWrong) {
     const std::wstring lang65(65, L'x');
     const std::pair<std::vector<std::wstring>, std::string> rows[] = {
         {{}, "usage: no command given"},
-        {{L"--help"}, "usage: "},
-        {{L"help"}, "usage: "},
+        {{L"--help"}, "help: "},
+        {{L"help"}, "help: "},
+        {{L"help", L"vbp"}, "help: vbp"},
+        {{L"help", L"nosuch"}, "usage: unknown command 'nosuch'"},
+        {{L"--version"}, "version"},
+        {{L"static", L"a", L"--help"}, "help: static"},
+        {{L"trace", L"-h"}, "help: trace"},
+        {{L"trace", L"app", L"--help"}, "trace file=app args=--help"}, // the target's own
+        {{L"setup", L"--help"}, "help: setup"},
+        {{L"setup", L"x.exe --help"}, "setup file=x.exe --help"}, // setup's command line as it is
+        {{L"static", L"a", L"--fail-on-missing"}, "static file=a failmissing=1"},
+        {{L"static", L"a", L"--fail-on-missing=all"}, "static file=a failmissing=2"},
+        {{L"vbp", L"p.vbp", L"--fail-on-missing=all"}, "usage: unknown option '--fail-on-missing=all' for vbp"},
         {{L"bogus"}, "usage: unknown command 'bogus'"},
         {{L"static", L"a", L"dir", L"--lang", L"0409", L"--type", L"0x8002", L"--no-filter", L"--merge-modules", L"M",
           L"--json"},
@@ -129,10 +146,24 @@ TEST(Options, EachCommandLineSetsItsFieldsOrSaysWhatIsWrong) {
         EXPECT_EQ(parsed(args), expected) << (args.empty() ? "(none)" : narrow(args[0]));
 }
 
-TEST(Options, EveryOptionOfTheTablesHasItsHelp) {
-    for (const command_spec& command : commands)
-        for (const option_spec& option : command.table)
-            EXPECT_TRUE(option.name[0] == '-' && option.help && *option.help) << narrow(command.name);
+TEST(Options, EveryCommandsHelpShowsItsOptionTable) {
+    const std::string general = help_text(L"");
+    for (const command_spec& command : commands) {
+        SCOPED_TRACE(narrow(command.name));
+        EXPECT_NE(general.find("qvscan " + narrow(command.name)), std::string::npos);
+        const std::string help = help_text(command.name);
+        EXPECT_EQ(help.rfind("usage: qvscan " + narrow(command.name), 0), 0u);
+        EXPECT_NE(help.find(command.summary), std::string::npos);
+        EXPECT_NE(help.find("exit codes: 0 done"), std::string::npos);
+        for (const option_spec& option : command.table) {
+            EXPECT_TRUE(option.name[0] == '-' && option.help && *option.help) << option.name;
+            const size_t at = help.find(std::string("\n  ") + option.name + (option.valueName ? " " : ""));
+            ASSERT_NE(at, std::string::npos) << option.name;
+            const std::string line = help.substr(at + 1, help.find('\n', at + 1) - at - 1);
+            EXPECT_NE(line.find(option.help), std::string::npos) << line;
+            EXPECT_EQ(line.find(option.valueName ? option.valueName : "\x01") != std::string::npos, option.valueName != nullptr);
+        }
+    }
 }
 
 TEST(Arguments, QuotedAsTheTargetsRuntimeSplitsThemBack) {
@@ -352,4 +383,105 @@ TEST(ProgressSink, AnswersTheEventInterfacesOfAScanOnly) {
     sink.FoundDepFile(nullptr);
     EXPECT_EQ(sink.files, 2);
     EXPECT_EQ(sink.named, (std::set<std::wstring>{L"c:\\app\\one.dll", L""}));
+}
+
+// A graph from "from>to" edges of the kind given by the arrow: '>' import, '~' delay, ':' .dep, '@' assembly,
+// '!' to a missing name.
+qvscan::dependency_graph graph_of(const std::vector<std::string>& edges, std::vector<qvscan::record> records = {},
+                                  bool filter = false) {
+    std::wstring lines;
+    for (const std::string& e : edges) {
+        const size_t at = e.find_first_of(">~:@!");
+        const char* kind = e[at] == '~' ? "delay" : e[at] == ':' ? "dep" : e[at] == '@' ? "assembly" : "import";
+        lines += widen(e.substr(0, at) + "\t" + e.substr(at + 1) + "\t" + kind + (e[at] == '!' ? "\tmissing" : "") + "\n");
+    }
+    return qvscan::dependency_graph(lines, L"C:\\app\\app.exe", records, filter);
+}
+
+std::vector<std::string> chain_texts(const qvscan::dependency_graph& g, const std::wstring& name, size_t limit) {
+    std::vector<std::string> texts;
+    for (const auto& chain : g.chains(g.find(name), limit).chains)
+        texts.push_back(g.chain_text(chain));
+    return texts;
+}
+
+TEST(DependencyGraph, TreeChainsAndPictureOfTheWalksEdges) {
+    // app.exe imports a.dll and b.dll; both need gone.dll; b.dll imports app.exe back (a cycle); a.dll delay-loads
+    // late.dll, whose .dep file names helper.dll; helper.dll references an assembly; sys.dll is the system's.
+    const auto g = graph_of({"app.exe>a.dll", "app.exe>b.dll", "app.exe>sys.dll", "a.dll!gone.dll", "a.dll~late.dll",
+                             "b.dll>app.exe", "b.dll!gone.dll", "late.dll:helper.dll", "helper.dll@Lib.Core",
+                             "b.dll>a.dll"},
+                            {{.name = L"a.dll"}, {.name = L"b.dll"}, {.name = L"gone.dll", .missing = true},
+                             {.name = L"late.dll"}, {.name = L"helper.dll"}, {.name = L"Lib.Core"}},
+                            true);
+    EXPECT_EQ(g.tree(), "app.exe\n"
+                        "  a.dll\n"
+                        "    gone.dll  MISSING\n"
+                        "    late.dll [delay]\n"
+                        "      helper.dll [.dep]\n"
+                        "        Lib.Core [assembly]\n"
+                        "  b.dll\n"
+                        "    app.exe (see above)\n"
+                        "    gone.dll  MISSING\n"
+                        "    a.dll (see above)\n");
+    const struct {
+        const wchar_t* name;
+        size_t limit;
+        std::vector<std::string> chains;
+        bool complete;
+    } table[] = {
+        {L"gone.dll", 10, {"a.dll <- app.exe", "b.dll <- app.exe", "a.dll <- b.dll <- app.exe"}, true},
+        {L"gone.dll", 2, {"a.dll <- app.exe", "b.dll <- app.exe"}, false},
+        {L"Lib.Core", 10, {"helper.dll <- late.dll <- a.dll <- app.exe", "helper.dll <- late.dll <- a.dll <- b.dll <- app.exe"}, true},
+        {L"C:\\elsewhere\\A.DLL", 10, {"app.exe", "b.dll <- app.exe"}, true}, // a path is taken by its name
+        {L"app.exe", 10, {""}, true},
+        {L"sys.dll", 10, {}, true}, // the system's: not shown with the filter on
+        {L"nosuch.dll", 10, {}, true},
+    };
+    for (const auto& row : table)
+        EXPECT_EQ(chain_texts(g, row.name, row.limit), row.chains) << narrow(row.name) << " " << row.limit;
+    EXPECT_FALSE(g.chains(g.find(L"gone.dll"), 2).complete);
+    const std::string dot = g.dot();
+    for (const char* part : {"n0 [label=\"app.exe\", style=bold]", "[label=\"gone.dll\", color=red",
+                             "system [label=\"system files\"", "-> system [color=grey]", "[style=dashed]", "[style=dotted]"})
+        EXPECT_NE(dot.find(part), std::string::npos) << part;
+    EXPECT_EQ(dot.find("sys.dll"), std::string::npos);
+    // Without the filter the system's file is a node of its own, grey, and has its chain.
+    const auto all = graph_of({"app.exe>sys.dll", "app.exe>a.dll"}, {{.name = L"a.dll"}});
+    EXPECT_NE(all.dot().find("[label=\"sys.dll\", color=grey"), std::string::npos);
+    EXPECT_EQ(chain_texts(all, L"sys.dll", 5), std::vector<std::string>{"app.exe"});
+}
+
+TEST(DependencyGraph, DeepChainsAndDiamondsCostTheirSizeOnly) {
+    // 100,000 files each importing the next: one chain, and a tree 100,000 deep, without recursion.
+    constexpr int deep = 100000;
+    std::vector<std::string> edges{"app.exe>d0.dll"};
+    for (int i = 0; i + 1 < deep; ++i)
+        edges.push_back("d" + std::to_string(i) + ".dll>d" + std::to_string(i + 1) + ".dll");
+    const auto chain = graph_of(edges);
+    const auto found = chain.chains(chain.find(L"d99999.dll"), 10);
+    ASSERT_EQ(found.chains.size(), 1u);
+    EXPECT_EQ(found.chains[0].size(), static_cast<size_t>(deep));
+    EXPECT_TRUE(found.complete);
+    const std::string tall = chain.tree();
+    EXPECT_EQ(std::count(tall.begin(), tall.end(), '\n'), deep + 1);
+    EXPECT_NE(tall.find("\n" + std::string(64, ' ') + "d31.dll\n" + std::string(64, ' ') + "[33] d32.dll\n"),
+              std::string::npos);
+    EXPECT_NE(tall.find(std::string(64, ' ') + "[100000] d99999.dll\n"), std::string::npos);
+    // A diamond of 30 levels, two files a level each importing both of the next: 2^30 chains to the bottom.
+    edges = {"app.exe>l0a.dll", "app.exe>l0b.dll"};
+    for (int level = 0; level + 1 < 30; ++level)
+        for (const char* from : {"a", "b"})
+            for (const char* to : {"a", "b"})
+                edges.push_back("l" + std::to_string(level) + from + ".dll>l" + std::to_string(level + 1) + to + ".dll");
+    edges.push_back("l29a.dll!bottom.dll");
+    edges.push_back("l29b.dll!bottom.dll");
+    const auto diamond = graph_of(edges);
+    const auto some = diamond.chains(diamond.find(L"bottom.dll"), 1010);
+    EXPECT_EQ(some.chains.size(), 1010u);
+    EXPECT_FALSE(some.complete);
+    for (const auto& c : some.chains)
+        EXPECT_EQ(c.size(), 31u);
+    const std::string wide = diamond.tree();
+    EXPECT_EQ(std::count(wide.begin(), wide.end(), '\n'), 1 + 60 + 1 + 59); // each file but the first of a level once more as a leaf
 }

@@ -149,6 +149,18 @@ TEST_F(StaticScan, ExtensionBitsTellDelayLoadsEntryPointsAndPassedOverCopies) {
         }
         EXPECT_EQ(delayOnly, r.delayOnly);
     }
+    // The graph: every edge in the walk's order, of the last scan; empty after a scan without the bits.
+    const auto graph = scan.query<IQvScanGraph>(IID_IQvScanGraph);
+    qv::bstr edges;
+    EXPECT_EQ(run(delay + L"\\delayapp.exe", delay_loads), VARIANT_TRUE);
+    EXPECT_EQ(graph->get_Edges(edges.put()), S_OK);
+    EXPECT_EQ(lower(edges.str()), L"delayapp.exe\tkernel32.dll\timport\n"
+                                  L"delayapp.exe\tshipped.dll\tdelay\n"
+                                  L"shipped.dll\thelper.dll\timport\n"
+                                  L"delayapp.exe\tabsent.dll\tdelay\tmissing\n");
+    EXPECT_EQ(run(delay + L"\\delayapp.exe", 0), VARIANT_TRUE);
+    EXPECT_EQ(graph->get_Edges(edges.put()), S_OK);
+    EXPECT_TRUE(edges.empty());
 }
 
 TEST_F(StaticScan, AFileChangedBetweenScansIsReadAgain) {
