@@ -102,7 +102,7 @@ def case_exits(a):
         (["pe", "C:\\windows"], 3, "is a folder, not a file"), (["pe", "C:\\x\\com1.dll"], 3, "is a device"),
         (["static", "C:\\windows\\win.ini"], 0, "is not a Windows image, so nothing was scanned"),
         (["static", "C:\\x.exe", "--frobnicate"], 2, "unknown option"), (["pe", "a", "b"], 2, "unexpected argument"),
-        (["--help"], 0, "usage:"), (["static", "C:\\no\\such\\file.exe"], 3, "no such file"),
+        (["help", "bogus"], 2, "unknown command 'bogus'"), (["static", "C:\\no\\such\\file.exe"], 3, "no such file"),
         (["pe", "C:\\no\\such\\file.dll"], 3, "no such file"), (["ini", "C:\\no\\such.ini"], 3, "no such file"),
         (["assembly"], 2, "needs a FILE"), (["assembly", "C:\\x.dll", "--no-filter"], 2, "unknown option"),
         (["ini", "C:\\windows\\win.ini", "no-section"], 1, "has no section [no-section]"),
