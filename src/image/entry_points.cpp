@@ -1,6 +1,7 @@
 #include "image/entry_points.h"
 
 #include "format/pe/pe_tables.h"
+#include "image/file_cache.h"
 #include "image/pe_images.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/string_convert.h"
@@ -68,43 +69,10 @@ const CImageTables::export_entry* CImageTables::Find(const call& wanted) const {
 }
 
 std::shared_ptr<const CImageTables> ImageTables(const std::wstring& path) {
-    struct kept {
-        ULONGLONG size = 0;
-        FILETIME written{};
-        ULONGLONG use = 0;
-        std::shared_ptr<const CImageTables> tables;
-    };
-    static SRWLOCK lock = SRWLOCK_INIT;
-    static std::unordered_map<std::wstring, kept> cache; // by the path in lower case
-    static ULONGLONG uses = 0;
-    WIN32_FILE_ATTRIBUTE_DATA data{};
-    if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) ||
-        (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
-        return std::make_shared<const CImageTables>(path);
-    const ULONGLONG size = (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
-    const std::wstring key = qv::LowerCase(path);
-    AcquireSRWLockExclusive(&lock);
-    if (const auto it = cache.find(key);
-        it != cache.end() && it->second.size == size && CompareFileTime(&it->second.written, &data.ftLastWriteTime) == 0) {
-        it->second.use = ++uses;
-        auto tables = it->second.tables;
-        ReleaseSRWLockExclusive(&lock);
-        return tables;
-    }
-    ReleaseSRWLockExclusive(&lock);
-    auto tables = std::make_shared<const CImageTables>(path);
-    AcquireSRWLockExclusive(&lock);
-    if (cache.size() >= kImageTablesKept) {
-        std::vector<ULONGLONG> all;
-        for (const auto& entry : cache)
-            all.push_back(entry.second.use);
-        std::nth_element(all.begin(), all.begin() + all.size() / 2, all.end());
-        const ULONGLONG median = all[all.size() / 2];
-        std::erase_if(cache, [median](const auto& entry) { return entry.second.use < median; });
-    }
-    cache[key] = {size, data.ftLastWriteTime, ++uses, tables};
-    ReleaseSRWLockExclusive(&lock);
-    return tables;
+    static file_cache<CImageTables> kept(kImageTablesKept);
+    return kept.get(
+        path, [](const std::wstring& file) { return std::make_shared<const CImageTables>(file); },
+        [](const CImageTables&) { return true; });
 }
 
 bool IsApiSetName(const std::wstring& name) {

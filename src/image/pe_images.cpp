@@ -3,12 +3,12 @@
 #include "format/pe/pe_tables.h"
 
 #include "image/activation_scope.h"
+#include "image/file_cache.h"
 
 #include "toolkit/path_helpers.h"
 #include "toolkit/string_convert.h"
 
 #include <algorithm>
-#include <unordered_map>
 
 using qv::pe::image_kind;
 
@@ -92,17 +92,6 @@ std::vector<std::wstring> CPEImage::ImportNames() const {
 
 namespace {
 
-struct kept_facts {
-    ULONGLONG size = 0;
-    FILETIME written{};
-    ULONGLONG use = 0; // when it was last handed out, in the cache's own count
-    std::shared_ptr<const image_facts> facts;
-};
-
-SRWLOCK g_factsLock = SRWLOCK_INIT;
-std::unordered_map<std::wstring, kept_facts> g_facts; // by the path in lower case
-ULONGLONG g_factsUse = 0;
-
 std::shared_ptr<const image_facts> ReadFacts(const std::wstring& path) {
     auto facts = std::make_shared<image_facts>();
     const CPEImage image(path);
@@ -125,38 +114,6 @@ std::shared_ptr<const image_facts> ReadFacts(const std::wstring& path) {
 } // namespace
 
 std::shared_ptr<const image_facts> ImageFacts(const std::wstring& path) {
-    WIN32_FILE_ATTRIBUTE_DATA data{};
-    if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) ||
-        (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
-        return ReadFacts(path);
-    const ULONGLONG size = (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
-    const std::wstring key = qv::LowerCase(path);
-
-    AcquireSRWLockExclusive(&g_factsLock);
-    const auto it = g_facts.find(key);
-    if (it != g_facts.end() && it->second.size == size &&
-        CompareFileTime(&it->second.written, &data.ftLastWriteTime) == 0) {
-        it->second.use = ++g_factsUse;
-        std::shared_ptr<const image_facts> facts = it->second.facts;
-        ReleaseSRWLockExclusive(&g_factsLock);
-        return facts;
-    }
-    ReleaseSRWLockExclusive(&g_factsLock);
-
-    std::shared_ptr<const image_facts> facts = ReadFacts(path);
-    if (facts->openStatus != CFileView::OpenOk)
-        return facts;
-    AcquireSRWLockExclusive(&g_factsLock);
-    if (g_facts.size() >= kImageFactsKept) {
-        // The oldest half goes: a host that scans more files than that keeps what it met last.
-        std::vector<ULONGLONG> uses;
-        for (const auto& entry : g_facts)
-            uses.push_back(entry.second.use);
-        std::nth_element(uses.begin(), uses.begin() + uses.size() / 2, uses.end());
-        const ULONGLONG median = uses[uses.size() / 2];
-        std::erase_if(g_facts, [median](const auto& entry) { return entry.second.use < median; });
-    }
-    g_facts[key] = {size, data.ftLastWriteTime, ++g_factsUse, facts};
-    ReleaseSRWLockExclusive(&g_factsLock);
-    return facts;
+    static file_cache<image_facts> kept(kImageFactsKept);
+    return kept.get(path, ReadFacts, [](const image_facts& facts) { return facts.openStatus == CFileView::OpenOk; });
 }

@@ -70,13 +70,18 @@ void read_name_table(const pe_image& image, std::uint32_t table_rva, std::uint64
     }
 }
 
+// Where a directory's table starts in the file: when it has a size and its address maps into a section.
+std::optional<std::uint64_t> table_at(const pe_image& image, std::uint32_t index) {
+    const directory_entry entry = image.directory(index).value_or(directory_entry{});
+    return entry.size && entry.rva ? image.rva_to_offset(entry.rva) : std::nullopt;
+}
+
 } // namespace
 
 std::vector<imported_module> read_imports(const pe_image& image) {
     std::vector<imported_module> modules;
     const format::byte_span file = image.bytes();
-    const directory_entry imports = image.directory(L::directory::imports).value_or(directory_entry{});
-    const auto table = imports.size && imports.rva ? image.rva_to_offset(imports.rva) : std::nullopt;
+    const auto table = table_at(image, L::directory::imports);
     if (!table)
         return modules;
     std::size_t budget = max_imported_functions;
@@ -99,8 +104,7 @@ std::vector<imported_module> read_imports(const pe_image& image) {
 std::vector<imported_module> read_delay_imports(const pe_image& image, bool functions) {
     std::vector<imported_module> modules;
     const format::byte_span file = image.bytes();
-    const directory_entry delay = image.directory(L::directory::delay_imports).value_or(directory_entry{});
-    const auto table = delay.size && delay.rva ? image.rva_to_offset(delay.rva) : std::nullopt;
+    const auto table = table_at(image, L::directory::delay_imports);
     if (!table)
         return modules;
     const std::uint64_t base = image_base(image);

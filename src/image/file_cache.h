@@ -1,0 +1,67 @@
+// What the process keeps of a file it read, by path without regard to case, while the file's size and
+// last-write time stay the same: a file rewritten, shrunk or replaced is read again. What has no such
+// identity (a missing file, a folder, a device) is read each time and not kept; neither is what `keep`
+// turns down. Beyond `most` entries the oldest half is forgotten. Safe on any thread.
+#pragma once
+
+#include "toolkit/path_helpers.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+template <class T> class file_cache {
+public:
+    explicit file_cache(size_t most) : m_most(most) {}
+
+    template <class Read, class Keep>
+    std::shared_ptr<const T> get(const std::wstring& path, Read read, Keep keep) {
+        WIN32_FILE_ATTRIBUTE_DATA data{};
+        if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) ||
+            (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
+            return read(path);
+        const ULONGLONG size = (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+        const std::wstring key = qv::LowerCase(path);
+        AcquireSRWLockExclusive(&m_lock);
+        if (const auto it = m_kept.find(key); it != m_kept.end() && it->second.size == size &&
+                                              CompareFileTime(&it->second.written, &data.ftLastWriteTime) == 0) {
+            it->second.use = ++m_uses;
+            std::shared_ptr<const T> value = it->second.value;
+            ReleaseSRWLockExclusive(&m_lock);
+            return value;
+        }
+        ReleaseSRWLockExclusive(&m_lock);
+        std::shared_ptr<const T> value = read(path);
+        if (!keep(*value))
+            return value;
+        AcquireSRWLockExclusive(&m_lock);
+        if (m_kept.size() >= m_most) {
+            // The oldest half goes: a host that reads more files than that keeps what it met last.
+            std::vector<ULONGLONG> uses;
+            for (const auto& entry : m_kept)
+                uses.push_back(entry.second.use);
+            std::nth_element(uses.begin(), uses.begin() + uses.size() / 2, uses.end());
+            const ULONGLONG median = uses[uses.size() / 2];
+            std::erase_if(m_kept, [median](const auto& entry) { return entry.second.use < median; });
+        }
+        m_kept[key] = {size, data.ftLastWriteTime, ++m_uses, value};
+        ReleaseSRWLockExclusive(&m_lock);
+        return value;
+    }
+
+private:
+    struct entry {
+        ULONGLONG size = 0;
+        FILETIME written{};
+        ULONGLONG use = 0; // when it was last handed out, in the cache's own count
+        std::shared_ptr<const T> value;
+    };
+    size_t m_most;
+    SRWLOCK m_lock = SRWLOCK_INIT;
+    std::unordered_map<std::wstring, entry> m_kept; // by the path in lower case
+    ULONGLONG m_uses = 0;
+};
