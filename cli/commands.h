@@ -16,6 +16,7 @@ int run_msm(const options& o);   // msm_command.cpp (needs COM)
 // Through the scanners.
 int run_static(const server_dll& dll, const options& o);   // static_command.cpp
 int run_why(const server_dll& dll, const options& o);      // static_command.cpp
+int run_bundle(const server_dll& dll, const options& o);   // static_command.cpp
 int run_pe(const server_dll& dll, const options& o);       // pe_command.cpp
 int run_assembly(const server_dll& dll, const options& o); // assembly_command.cpp
 int run_vbp(const server_dll& dll, const options& o);      // vbp_command.cpp

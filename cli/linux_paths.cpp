@@ -52,10 +52,19 @@ to_dos_fn wine_converter() {
 
 // A text Wine allocated on the process heap.
 struct heap_text_free {
-    void operator()(WCHAR* text) const { HeapFree(GetProcessHeap(), 0, text); }
+    void operator()(void* text) const { HeapFree(GetProcessHeap(), 0, text); }
 };
 
 } // namespace
+
+std::wstring to_linux(const std::wstring& path) {
+    using to_unix_fn = char*(CDECL*)(const WCHAR*);
+    const HMODULE kernel = GetModuleHandleW(L"kernel32");
+    const auto convert = reinterpret_cast<to_unix_fn>(
+        reinterpret_cast<void (*)()>(kernel ? GetProcAddress(kernel, "wine_get_unix_file_name") : nullptr));
+    const std::unique_ptr<char, heap_text_free> converted(convert ? convert(path.c_str()) : nullptr);
+    return converted ? wide(converted.get()) : path;
+}
 
 std::wstring from_linux(const std::wstring& file) {
     const to_dos_fn to_dos = wine_converter();

@@ -10,6 +10,9 @@ namespace qvscan {
 // A FILE given as a Linux path, under Wine: the Windows path of the same file. Elsewhere, or for any other
 // path, the path as it is.
 std::wstring from_linux(const std::wstring& file);
+// The Linux path of a Windows path, under Wine (for a Linux program that reads the file); elsewhere the path as
+// it is.
+std::wstring to_linux(const std::wstring& path);
 // The full path of FILE (made from a Linux path first, under Wine), of any length.
 std::wstring full_path(const std::wstring& given);
 // Whether path names a file (not a folder) that is there.

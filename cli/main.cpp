@@ -58,6 +58,7 @@ constexpr command_entry dispatch[] = {
     {L"msm", needs::com, run_msm, nullptr},
     {L"static", needs::server, nullptr, run_static},
     {L"why", needs::server, nullptr, run_why},
+    {L"bundle", needs::server, nullptr, run_bundle},
     {L"pe", needs::server, nullptr, run_pe},
     {L"assembly", needs::server, nullptr, run_assembly},
     {L"vbp", needs::server, nullptr, run_vbp},

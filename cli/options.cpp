@@ -11,7 +11,9 @@ namespace qvscan {
 const char* const usage_text =
     "usage: qvscan static FILE|FOLDER... [--lang TEXT] [--type N] [--no-filter] [--merge-modules DIR]\n"
     "                     [--target NAME|FILE.json] [--no-extensions] [--fail-on-missing[=all]] [--tree]\n"
-    "                     [--dot FILE] [--json]\n"
+    "                     [--dot FILE] [--wxs FILE [--no-merge-modules] [--product-name TEXT]\n"
+    "                     [--manufacturer TEXT] [--product-version X.Y.Z]] [--json]\n"
+    "       qvscan bundle APP|FOLDER... OUTDIR [--keep-destinations] [--force] [--fail-on-missing] [--wxs FILE]\n"
     "       qvscan why APP NAME [--all] [--lang TEXT] [--no-filter] [--target NAME]\n"
     "       qvscan pe FILE [--json]\n"
     "       qvscan assembly FILE [--json]\n"
@@ -72,6 +74,20 @@ constexpr option_spec fail_on_any_missing{"--fail-on-missing=all", nullptr,
                                           "exit 5 when any needed file is missing, delay-loaded ones too",
                                           [](options& o, const std::wstring&) { o.failOnMissing = 2; }};
 
+constexpr option_spec wxs{"--wxs", "FILE", "write WiX v3 source of an installer of the closure to FILE",
+                          [](options& o, const std::wstring& v) { o.wxsFile = v; }};
+constexpr option_spec no_merge_modules{"--no-merge-modules", nullptr,
+                                       "leave merge modules out of the WiX source (wixl cannot build them)",
+                                       [](options& o, const std::wstring&) { o.noMergeModules = true; }};
+constexpr option_spec linux_sources{"--linux-sources", nullptr,
+                                    "the WiX source names its files by Linux paths, for wixl beside Wine",
+                                    [](options& o, const std::wstring&) { o.linuxSources = true; }};
+constexpr option_spec product_name{"--product-name", "TEXT", "the product's name (else the version resource's)",
+                                   [](options& o, const std::wstring& v) { o.productName = v; }};
+constexpr option_spec manufacturer{"--manufacturer", "TEXT", "the manufacturer (else the version resource's)",
+                                   [](options& o, const std::wstring& v) { o.manufacturer = v; }};
+constexpr option_spec product_version{"--product-version", "X.Y.Z", "the product's version (else the file's)",
+                                      [](options& o, const std::wstring& v) { o.productVersion = v; }};
 constexpr option_spec static_options[] = {
     lang,
     {"--type", "N", "the scan mode (0, 1 or 2), with 32768 added to leave the merge-module catalog out", set_type},
@@ -87,7 +103,28 @@ constexpr option_spec static_options[] = {
      [](options& o, const std::wstring&) { o.tree = true; }},
     {"--dot", "FILE", "write the graph in Graphviz form to FILE (dot -Tsvg FILE > graph.svg draws it)",
      [](options& o, const std::wstring& v) { o.dotFile = v; }},
+    wxs,
+    no_merge_modules,
+    linux_sources,
+    product_name,
+    manufacturer,
+    product_version,
     json_option,
+};
+constexpr option_spec bundle_options[] = {
+    {"--keep-destinations", nullptr, "keep a file the records send to a system folder in a folder of that name",
+     [](options& o, const std::wstring&) { o.keepDestinations = true; }},
+    {"--force", nullptr, "replace a file of OUTDIR that has other bytes", [](options& o, const std::wstring&) { o.force = true; }},
+    lang,
+    {"--target", "NAME", "the machine the installer targets: a profile of Support\\targets, or a .json file",
+     [](options& o, const std::wstring& v) { o.target = v; }},
+    fail_on_missing,
+    wxs,
+    no_merge_modules,
+    linux_sources,
+    product_name,
+    manufacturer,
+    product_version,
 };
 constexpr option_spec why_options[] = {
     {"--all", nullptr, "every chain, not the first ten", [](options& o, const std::wstring&) { o.all = true; }},
@@ -130,6 +167,15 @@ constexpr size_t any = SIZE_MAX;
 void place_file(options& o, std::vector<std::wstring>& arguments) {
     if (arguments.empty())
         throw usage_error{utf8(o.command) + " needs a FILE"};
+    o.file = arguments[0];
+    o.names.assign(arguments.begin() + 1, arguments.end());
+}
+
+void place_bundle(options& o, std::vector<std::wstring>& arguments) {
+    if (arguments.size() < 2)
+        throw usage_error{"bundle needs an APP (or files and folders) and the OUTDIR to fill"};
+    o.outDir = arguments.back();
+    arguments.pop_back();
     o.file = arguments[0];
     o.names.assign(arguments.begin() + 1, arguments.end());
 }
@@ -179,6 +225,10 @@ constexpr command_spec command_table[] = {
      "Scans each file (a folder: each Windows image in it) for every file it needs: import and delay-import\n"
      "tables, .dep files, .NET references, down the whole tree.",
      static_options, any, false, false, place_file},
+    {L"bundle", "APP|FOLDER... OUTDIR",
+     "Copies APP and every file of its closure that the system and the target do not provide into OUTDIR,\n"
+     "beside the program; names the merge modules an installer must merge and what is missing.",
+     bundle_options, any, false, false, place_bundle},
     {L"why", "APP NAME", "Every chain of files that leads from APP to NAME, shortest first (NAME: a file name).",
      why_options, 2, false, false, place_why},
     {L"pe", "FILE", "The record of one file: folder, version, size, languages, flags.", json_only, 1, false, false,

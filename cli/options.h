@@ -49,6 +49,9 @@ struct options {
     std::wstring dotFile;
     // why: every chain, not the first ten.
     bool all = false;
+    // static and bundle: the WiX source to write, and what goes into it; bundle: its folder and rules.
+    std::wstring wxsFile, productName, manufacturer, productVersion, outDir;
+    bool noMergeModules = false, keepDestinations = false, force = false, linuxSources = false;
 };
 
 struct option_spec {

@@ -3,6 +3,7 @@
 #include "commands.h"
 
 #include "error_text.h"
+#include "installer.h"
 #include "json_writer.h"
 #include "linux_paths.h"
 #include "merge_modules.h"
@@ -162,6 +163,34 @@ void write_dot(const std::wstring& file, const std::string& text) {
                                  describe(HRESULT_FROM_WIN32(GetLastError())));
 }
 
+// The installer's plan of the scanned files and their records.
+package_plan plan_of(const std::vector<const static_result*>& results, const options& o) {
+    std::vector<std::wstring> mains;
+    std::vector<record> all;
+    for (const static_result* r : results) {
+        if (FAILED(r->hr) || !r->present)
+            continue;
+        mains.push_back(r->file);
+        all.insert(all.end(), r->records.begin(), r->records.end());
+    }
+    return plan_package(mains, all, o.keepDestinations);
+}
+
+// --wxs: the WiX source of the plan, written whole; what it cannot hold said on standard error.
+void write_wxs(const package_plan& plan, const options& o) {
+    if (o.wxsFile.empty() || plan.mainFile.empty())
+        return;
+    write_whole_file(full_path(o.wxsFile),
+                     wix_source(plan, {o.productName, o.manufacturer, o.productVersion, o.linuxSources}, o.noMergeModules));
+    for (const std::wstring& name : plan.missing)
+        err("qvscan: the installer source names " + utf8(name) + " as missing: nothing ships it\n");
+    for (const std::wstring& other : plan.passedOver)
+        err("qvscan: " + utf8(other) + " has the name of a file already shipped and is left out\n");
+    if (o.noMergeModules)
+        for (const std::wstring& module : plan.mergeModules)
+            err("qvscan: the merge module " + utf8(module) + " is left out of the installer source\n");
+}
+
 // What is wrong with one scanned file, on standard error; the exit code it asks for.
 int tell_static(const server_dll& dll, const static_result& r) {
     if (FAILED(r.hr)) {
@@ -233,6 +262,7 @@ int run_one(const server_dll& dll, IStaticScan* scan, const std::wstring& file, 
         out(static_text(r, o) + " " + marks_legend + "\n");
     if (!o.dotFile.empty() && !r.edges.empty())
         write_dot(o.dotFile, dependency_graph(r.edges, r.file, r.records, o.filter).dot());
+    write_wxs(plan_of({&r}, o), o);
     const int rc = tell_static(dll, r);
     return std::max(rc, missing_verdict(o.failOnMissing, utf8(qv::FileNamePart(file)), r.records));
 }
@@ -268,6 +298,10 @@ int run_several(const server_dll& dll, IStaticScan* scan, const options& o, IUnk
     }
     if (files.empty())
         err("qvscan: no Windows image to scan\n");
+    std::vector<const static_result*> scanned;
+    for (const static_result& r : results)
+        scanned.push_back(&r);
+    write_wxs(plan_of(scanned, o), o);
     std::vector<record> all;
     for (const static_result& r : results)
         all.insert(all.end(), r.records.begin(), r.records.end());
@@ -316,6 +350,52 @@ int run_why(const server_dll& dll, const options& o) {
         out(o.all ? "(the first " + std::to_string(told) + " chains; there are more)\n"
                   : "(more chains: --all lists them)\n");
     return ExitOk;
+}
+
+int run_bundle(const server_dll& dll, const options& o) {
+    const std::wstring into = full_path(o.outDir);
+    const std::vector<std::wstring> files = static_files(o);
+    for (const std::wstring& file : files) {
+        const std::wstring folder = qv::DirectoryPart(file);
+        if (CompareStringOrdinal(into.c_str(), static_cast<int>(std::min(into.size(), folder.size())), folder.c_str(),
+                                 static_cast<int>(folder.size()), TRUE) == CSTR_EQUAL &&
+            (into.size() == folder.size() || into[folder.size()] == L'\\')) {
+            err("qvscan: " + utf8(into) + " is inside the scanned folder " + utf8(folder) +
+                ": the bundle would copy into itself; choose another OUTDIR\n");
+            return ExitUsage;
+        }
+    }
+    auto scan = dll.create<IStaticScan>(CLSID_StaticScan, IID_IStaticScan);
+    const qv::com_ptr<IUnknown> catalog = load_merge_modules(o);
+    const target_profile target = load_target(o.target);
+    std::vector<static_result> results;
+    int rc = ExitOk;
+    for (const std::wstring& file : files) {
+        results.push_back(scan_static(scan.get(), file, o, catalog.get(), target));
+        rc = std::max(rc, tell_static(dll, results.back()));
+    }
+    std::vector<const static_result*> scanned;
+    for (const static_result& r : results)
+        scanned.push_back(&r);
+    const package_plan plan = plan_of(scanned, o);
+    if (plan.mainFile.empty()) {
+        err("qvscan: nothing to bundle\n");
+        return std::max(rc, static_cast<int>(ExitNoFile));
+    }
+    const std::vector<std::wstring> left = copy_bundle(plan, into, o.force);
+    write_wxs(plan, o);
+    out("bundled " + std::to_string(plan.files.size()) + " files into " + utf8(into) + "\n");
+    for (const std::wstring& module : plan.mergeModules)
+        out("  merge module to merge: " + utf8(module) + "\n");
+    for (const std::wstring& name : plan.missing)
+        out("  missing: " + utf8(name) + "\n");
+    for (const std::wstring& file : left)
+        err("qvscan: " + utf8(file) + " is there with other bytes and was left as it is (--force replaces it)\n");
+    std::vector<record> all;
+    for (const static_result& r : results)
+        all.insert(all.end(), r.records.begin(), r.records.end());
+    const int verdict = missing_verdict(o.failOnMissing, utf8(qv::FileNamePart(plan.mainFile)), all);
+    return std::max({rc, verdict, left.empty() ? ExitOk : ExitFailed});
 }
 
 } // namespace qvscan

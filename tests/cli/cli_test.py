@@ -639,12 +639,70 @@ def case_graph(a):
     expect(version.returncode == 0 and re.fullmatch(r"qvscan \d+\.\d+\.\d+(\.\d+)?\n", version.stdout), version.stdout)
 
 
+def case_installer(a):
+    """From a scan to an installed application: --wxs (stable across runs), wixl, msiexec /i into a fresh prefix,
+    the files at their places, the installed program's scan missing nothing it did not miss before, msiexec /x
+    leaving nothing behind; bundle into a folder and the bundled program's scan likewise."""
+    tmp = tempfile.mkdtemp()
+    fresh = os.path.join(tmp, "prefix")
+    env = dict(os.environ, QV_WINEPREFIX=fresh, WINEPREFIX=fresh, WINEDEBUG="-all")
+    missing = lambda path, e=None: {d["name"].lower() for d in json.loads(run(a, ["static", path, "--json"], env=e).stdout)["dependencies"] if d["missing"]}  # noqa: E731
+    try:
+        subprocess.run(["wineboot", "-i"], env=env, capture_output=True, timeout=300)
+        subprocess.run(["wineserver", "-w"], env=env, timeout=300)
+        for rel, folder, files in [("walk/app/app.exe", "app", ["app.exe", "alpha.dll", "beta.dll", "notpe.dll"]),
+                                   ("dotnet/app/App.exe", "App", ["App.exe", "Lib.dll", "Chain1.dll", "Part.netmodule"])]:
+            kind = rel.split("/")[0]
+            app = os.path.join(a.fixtures, *rel.split("/"))
+            before = missing(app)
+            wxs, again, msi = (os.path.join(tmp, n) for n in ("a.wxs", "b.wxs", "a.msi"))
+            for out in (wxs, again):
+                r = run(a, ["static", app, "--wxs", out, "--linux-sources", "--no-merge-modules"])
+                expect(r.returncode == 0, f"{rel} --wxs: {r.stderr!r}")
+            source = open(wxs, encoding="utf-8").read()
+            expect(source == open(again, encoding="utf-8").read(), f"{rel}: two runs give two sources")
+            with open(wxs, "w", encoding="utf-8") as f:  # wixl takes a Source relative to where it runs
+                f.write(source.replace('Source="/', 'Source="'))
+            built = subprocess.run(["wixl", "-a", "x64" if 'Platform="x64"' in source else "x86", "-o", msi, wxs],
+                                   cwd="/", capture_output=True, text=True)
+            expect(built.returncode == 0, f"{rel}: wixl: {built.stderr[-400:]!r}")
+            program_files = os.path.join(fresh, "drive_c", "Program Files" if 'Platform="x64"' in source
+                                         else "Program Files (x86)", folder)
+            installed = subprocess.run(["wine", "msiexec", "/i", win(msi), "/qn"], env=env, capture_output=True)
+            there = sorted(os.listdir(program_files)) if os.path.isdir(program_files) else []
+            expect(installed.returncode == 0 and set(files) <= set(there), f"{rel}: installed {there}")
+            after = missing(win(os.path.join(program_files, files[0])), env)
+            expect(after <= before, f"{rel}: missing after install {after - before}")
+            subprocess.run(["wine", "msiexec", "/x", win(msi), "/qn"], env=env, capture_output=True)
+            expect(not os.path.exists(program_files), f"{rel}: left after uninstall: {program_files}")
+            # The bundle: the program and its closure beside it, scanned where nothing else is.
+            bundle = os.path.join(tmp, "bundle-" + kind)
+            r = run(a, ["bundle", app, bundle])
+            got = sorted(os.listdir(bundle)) if os.path.isdir(bundle) else []
+            expect(r.returncode == 0 and set(files) <= set(got), f"{rel} bundle: {r.returncode} {got} {r.stderr!r}")
+            expect(missing(win(os.path.join(bundle, files[0])), env) <= before, f"{rel}: bundle misses more")
+            r = run(a, ["bundle", app, os.path.join(os.path.dirname(app), "out")])
+            expect(r.returncode == 2 and "inside the scanned folder" in r.stderr, f"{rel}: bundle into itself")
+        # A file of the bundle with other bytes stays unless --force.
+        bundle = os.path.join(tmp, "bundle-walk")
+        with open(os.path.join(bundle, "alpha.dll"), "wb") as f:
+            f.write(b"other")
+        app = os.path.join(a.fixtures, "walk", "app", "app.exe")
+        r = run(a, ["bundle", app, bundle])
+        expect(r.returncode == 1 and "alpha.dll is there with other bytes" in r.stderr, f"bundle over: {r.stderr!r}")
+        r = run(a, ["bundle", app, bundle, "--force"])
+        expect(r.returncode == 0 and open(os.path.join(bundle, "alpha.dll"), "rb").read() != b"other", "--force")
+    finally:
+        subprocess.run(["wineserver", "-k"], env=env, capture_output=True)
+        shutil.rmtree(tmp, ignore_errors=True)
+
+
 def main():
     ap = argparse.ArgumentParser()
     for option in ["--emulator", "--tool", "--dump", "--prefix", "--fixtures", "--script-host"]:
         ap.add_argument(option, required=True)
     ap.add_argument("case", choices=["json", "table", "exits", "script", "hostile", "trace", "assembly", "vbp", "msm",
-                                        "target", "graph"])
+                                        "target", "graph", "installer"])
     a = ap.parse_args()
     globals()["case_" + a.case](a)
     print(f"{0 if failures else 1} passed, {len(failures)} failed")

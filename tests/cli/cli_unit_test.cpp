@@ -7,6 +7,8 @@
 #include "json_writer.h"
 #include "linux_paths.h"
 #include "dependency_graph.h"
+#include "image_writer.h"
+#include "installer.h"
 #include "options.h"
 #include "progress.h"
 #include "records.h"
@@ -484,4 +486,50 @@ TEST(DependencyGraph, DeepChainsAndDiamondsCostTheirSizeOnly) {
         EXPECT_EQ(c.size(), 31u);
     const std::string wide = diamond.tree();
     EXPECT_EQ(std::count(wide.begin(), wide.end(), '\n'), 1 + 60 + 1 + 59); // each file but the first of a level once more as a leaf
+}
+
+TEST(Installer, PlanAndWixSourceOfAClosure) {
+    qv::test::temp_dir dir;
+    const std::wstring main = dir.write(L"app\\app.exe", qv::test::image_writer().dll(false).build().str());
+    dir.write(L"app\\fr\\app.resources.dll", "satellite");
+    dir.write(L"app\\a&b 'x' é.dll", "odd name");
+    dir.write(L"lib\\same.dll", "one"), dir.write(L"other\\same.dll", "two");
+    using qvscan::record;
+    const std::vector<record> records = {
+        {.name = L"app.resources.dll", .path = dir / L"app\\fr"},
+        {.name = L"a&b 'x' é.dll", .path = dir / L"app", .shared = true},
+        {.name = L"same.dll", .path = dir / L"lib", .selfRegistering = true},
+        {.name = L"same.dll", .path = dir / L"other"},        // another file of the name: named, not shipped
+        {.name = L"kernel32.dll", .path = L"C:\\windows\\system32", .filterable = true},
+        {.name = L"System.Data", .filterable = true, .providedBy = "target"},
+        {.name = L"gone.dll", .missing = true},
+        {.name = L"Widgets Module", .path = L"key.0", .mergeModule = true},
+    };
+    const qvscan::package_plan plan = qvscan::plan_package({main}, records, false);
+    std::vector<std::wstring> shipped;
+    for (const auto& f : plan.files)
+        shipped.push_back(f.folder + L"|" + f.name);
+    EXPECT_EQ(shipped, (std::vector<std::wstring>{L"|app.exe", L"fr|app.resources.dll", L"|a&b 'x' é.dll", L"|same.dll"}));
+    EXPECT_EQ(plan.passedOver, std::vector<std::wstring>{dir / L"other\\same.dll"});
+    EXPECT_EQ(plan.missing, std::vector<std::wstring>{L"gone.dll"});
+    EXPECT_EQ(plan.mergeModules, std::vector<std::wstring>{L"Widgets Module"});
+    EXPECT_EQ(plan.machine, 0x8664u);
+
+    const std::string source = qvscan::wix_source(plan, {L"Prod & Co", L"", L"2.0.1"}, false);
+    EXPECT_EQ(source, qvscan::wix_source(plan, {L"Prod & Co", L"", L"2.0.1"}, false)); // the same every run
+    for (const char* part : {"Name=\"Prod &amp; Co\"", "Version=\"2.0.1\"", "Platform=\"x64\"", "Win64=\"yes\"",
+                             "Name=\"a&amp;b &apos;x&apos; \xC3\xA9.dll\"", "SharedDllRefCount=\"yes\"", "SelfRegCost=\"0\"",
+                             "<Directory Id=\"ProgramFiles64Folder\">", "Name=\"fr\"", "<!-- missing, nothing ships it: gone.dll -->",
+                             "<MergeRef Id=\"M", "SourceFile=\"Widgets Module.msm\""})
+        EXPECT_NE(source.find(part), std::string::npos) << part;
+    const std::string plain = qvscan::wix_source(plan, {L"Prod & Co", L"", L"2.0.1"}, true);
+    EXPECT_EQ(plain.find("<Merge"), std::string::npos);
+    EXPECT_NE(plain.find("<!-- merge module left out: Widgets Module -->"), std::string::npos);
+    // Name-based GUIDs: stable, of version 5 and the RFC's variant, different for different texts.
+    const std::wstring guid = qvscan::name_guid(L"upgrade|prod & co");
+    EXPECT_EQ(guid, qvscan::name_guid(L"upgrade|prod & co"));
+    EXPECT_NE(guid, qvscan::name_guid(L"upgrade|prod & co2"));
+    ASSERT_EQ(guid.size(), 36u);
+    EXPECT_EQ(guid[14], L'5');
+    EXPECT_NE(std::wstring(L"89AB").find(guid[19]), std::wstring::npos);
 }
