@@ -3,6 +3,7 @@
 #include "error_text.h"
 #include "format/pe/pe_image.h"
 #include "linux_paths.h"
+#include "options.h"
 #include "inc/unique_handles.h"
 #include "text_output.h"
 #include "toolkit/path_helpers.h"
@@ -371,6 +372,21 @@ void write_whole_file(const std::wstring& path, const std::string& text) {
         DeleteFileW(temporary.c_str());
         throw std::runtime_error("cannot write " + utf8(path) + ": " + describe(HRESULT_FROM_WIN32(error)));
     }
+}
+
+// --wxs: the WiX source of the plan, written whole; what it cannot hold said on standard error.
+void write_wxs(const package_plan& plan, const options& o) {
+    if (o.wxsFile.empty() || plan.mainFile.empty())
+        return;
+    write_whole_file(full_path(o.wxsFile),
+                     wix_source(plan, {o.productName, o.manufacturer, o.productVersion, o.linuxSources}, o.noMergeModules));
+    for (const std::wstring& name : plan.missing)
+        err("qvscan: the installer source names " + utf8(name) + " as missing: nothing ships it\n");
+    for (const std::wstring& other : plan.passedOver)
+        err("qvscan: " + utf8(other) + " has the name of a file already shipped and is left out\n");
+    if (o.noMergeModules)
+        for (const std::wstring& module : plan.mergeModules)
+            err("qvscan: the merge module " + utf8(module) + " is left out of the installer source\n");
 }
 
 } // namespace qvscan

@@ -53,6 +53,10 @@ std::string wix_source(const package_plan& plan, const product_texts& product, b
 // A name-based GUID (RFC 4122 version 5, SHA-1) of the text in the tool's own namespace, "XXXXXXXX-XXXX-...".
 std::wstring name_guid(const std::wstring& text);
 
+struct options;
+// --wxs of the options: the WiX source of the plan, written whole; what it cannot hold said on standard error.
+void write_wxs(const package_plan& plan, const options& o);
+
 // Writes text to path through a temporary file beside it that is renamed at the end: never a half-written file.
 void write_whole_file(const std::wstring& path, const std::string& text);
 

@@ -144,6 +144,12 @@ constexpr option_spec vbp_options[] = {
      [](options& o, const std::wstring&) { o.keepGoing = true; }},
     merge_modules,
     fail_on_missing,
+    wxs,
+    no_merge_modules,
+    linux_sources,
+    product_name,
+    manufacturer,
+    product_version,
     json_option,
 };
 constexpr option_spec trace_options[] = {

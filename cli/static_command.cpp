@@ -176,21 +176,6 @@ package_plan plan_of(const std::vector<const static_result*>& results, const opt
     return plan_package(mains, all, o.keepDestinations);
 }
 
-// --wxs: the WiX source of the plan, written whole; what it cannot hold said on standard error.
-void write_wxs(const package_plan& plan, const options& o) {
-    if (o.wxsFile.empty() || plan.mainFile.empty())
-        return;
-    write_whole_file(full_path(o.wxsFile),
-                     wix_source(plan, {o.productName, o.manufacturer, o.productVersion, o.linuxSources}, o.noMergeModules));
-    for (const std::wstring& name : plan.missing)
-        err("qvscan: the installer source names " + utf8(name) + " as missing: nothing ships it\n");
-    for (const std::wstring& other : plan.passedOver)
-        err("qvscan: " + utf8(other) + " has the name of a file already shipped and is left out\n");
-    if (o.noMergeModules)
-        for (const std::wstring& module : plan.mergeModules)
-            err("qvscan: the merge module " + utf8(module) + " is left out of the installer source\n");
-}
-
 // What is wrong with one scanned file, on standard error; the exit code it asks for.
 int tell_static(const server_dll& dll, const static_result& r) {
     if (FAILED(r.hr)) {
@@ -365,19 +350,29 @@ int run_bundle(const server_dll& dll, const options& o) {
             return ExitUsage;
         }
     }
-    auto scan = dll.create<IStaticScan>(CLSID_StaticScan, IID_IStaticScan);
-    const qv::com_ptr<IUnknown> catalog = load_merge_modules(o);
-    const target_profile target = load_target(o.target);
     std::vector<static_result> results;
     int rc = ExitOk;
-    for (const std::wstring& file : files) {
-        results.push_back(scan_static(scan.get(), file, o, catalog.get(), target));
-        rc = std::max(rc, tell_static(dll, results.back()));
+    package_plan plan;
+    const std::wstring lower = qv::LowerCase(o.file);
+    if (o.names.empty() && (lower.ends_with(L".vbp") || lower.ends_with(L".vbg"))) {
+        std::vector<std::wstring> programs;
+        results.emplace_back();
+        if (const int scanned = project_closure(dll, o, programs, results.back().records); scanned != ExitOk)
+            return scanned;
+        plan = plan_package(programs, results.back().records, o.keepDestinations);
+    } else {
+        auto scan = dll.create<IStaticScan>(CLSID_StaticScan, IID_IStaticScan);
+        const qv::com_ptr<IUnknown> catalog = load_merge_modules(o);
+        const target_profile target = load_target(o.target);
+        for (const std::wstring& file : files) {
+            results.push_back(scan_static(scan.get(), file, o, catalog.get(), target));
+            rc = std::max(rc, tell_static(dll, results.back()));
+        }
+        std::vector<const static_result*> scanned;
+        for (const static_result& r : results)
+            scanned.push_back(&r);
+        plan = plan_of(scanned, o);
     }
-    std::vector<const static_result*> scanned;
-    for (const static_result& r : results)
-        scanned.push_back(&r);
-    const package_plan plan = plan_of(scanned, o);
     if (plan.mainFile.empty()) {
         err("qvscan: nothing to bundle\n");
         return std::max(rc, static_cast<int>(ExitNoFile));

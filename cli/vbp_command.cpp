@@ -13,6 +13,7 @@
 #include "linux_paths.h"
 #include "merge_modules.h"
 #include "progress.h"
+#include "installer.h"
 #include "records.h"
 #include "text_output.h"
 #include "toolkit/path_helpers.h"
@@ -331,8 +332,10 @@ int report(const vbp_result& result, bool asJson) {
 
 } // namespace
 
-int run_vbp(const server_dll& dll, const options& o) {
-    vbp_result result;
+namespace {
+
+// The project's scan, its result filled; ExitOk when it ran, else the exit code of what went wrong (told).
+int scan_whole_project(const server_dll& dll, const options& o, vbp_result& result) {
     result.project = full_path(o.file);
     const std::wstring depFile = o.depFile.empty() ? std::wstring() : full_path(o.depFile);
     for (const std::wstring& file : {result.project, depFile}) {
@@ -358,11 +361,57 @@ int run_vbp(const server_dll& dll, const options& o) {
     }
     result.groups = read_groups(scan.get(), result.project);
     result.completed = !result.stopped && !result.cancelled;
-    const int rc = report(result, o.json);
+    return ExitOk;
+}
+
+std::vector<record> all_records(const vbp_result& result) {
     std::vector<record> all;
     for (const auto& group : result.groups)
         all.insert(all.end(), group.records.begin(), group.records.end());
+    return all;
+}
+
+// The program a project builds: the first file of the project's own group when it is an image.
+std::vector<std::wstring> project_programs(const vbp_result& result) {
+    for (const auto& group : result.groups) {
+        if (!group.isProject || group.records.empty() || group.records[0].missing)
+            continue;
+        const std::wstring name = qv::LowerCase(group.records[0].name);
+        if (name.ends_with(L".exe") || name.ends_with(L".dll") || name.ends_with(L".ocx"))
+            return {qv::JoinPath(group.records[0].path, group.records[0].name)};
+    }
+    return {};
+}
+
+} // namespace
+
+int run_vbp(const server_dll& dll, const options& o) {
+    vbp_result result;
+    if (const int rc = scan_whole_project(dll, o, result); rc != ExitOk)
+        return rc;
+    const int rc = report(result, o.json);
+    const std::vector<record> all = all_records(result);
+    if (rc == ExitOk)
+        write_wxs(plan_package(project_programs(result), all, o.keepDestinations), o);
     return rc != ExitOk ? rc : missing_verdict(o.failOnMissing, utf8(qv::FileNamePart(result.project)), all);
+}
+
+int project_closure(const server_dll& dll, const options& o, std::vector<std::wstring>& programs,
+                    std::vector<record>& records) {
+    vbp_result result;
+    if (const int rc = scan_whole_project(dll, o, result); rc != ExitOk)
+        return rc;
+    if (!result.completed) {
+        err("qvscan: the scan of " + utf8(result.project) + " stopped before its end; nothing is bundled\n");
+        return result.cancelled ? ExitEnded : result.buildFailed ? ExitFailed : ExitNoFile;
+    }
+    programs = project_programs(result);
+    records = all_records(result);
+    if (programs.empty()) {
+        err("qvscan: " + utf8(result.project) + " names no program that is there (build it first: --rebuild)\n");
+        return ExitNoFile;
+    }
+    return ExitOk;
 }
 
 } // namespace qvscan
