@@ -525,6 +525,12 @@ TEST(Installer, PlanAndWixSourceOfAClosure) {
     const std::string plain = qvscan::wix_source(plan, {L"Prod & Co", L"", L"2.0.1"}, true);
     EXPECT_EQ(plain.find("<Merge"), std::string::npos);
     EXPECT_NE(plain.find("<!-- merge module left out: Widgets Module -->"), std::string::npos);
+    // The source is written whole or not at all.
+    EXPECT_THROW(qvscan::write_whole_file(dir / L"no\\such\\folder\\a.wxs", source), std::runtime_error);
+    const std::wstring written = dir / L"a.wxs";
+    qvscan::write_whole_file(written, source);
+    EXPECT_EQ(qv::test::read_file(written), source);
+    EXPECT_EQ(GetFileAttributesW((written + L".qvscan-partial").c_str()), INVALID_FILE_ATTRIBUTES);
     // Name-based GUIDs: stable, of version 5 and the RFC's variant, different for different texts.
     const std::wstring guid = qvscan::name_guid(L"upgrade|prod & co");
     EXPECT_EQ(guid, qvscan::name_guid(L"upgrade|prod & co"));
