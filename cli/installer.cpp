@@ -3,6 +3,7 @@
 #include "error_text.h"
 #include "format/pe/pe_image.h"
 #include "linux_paths.h"
+#include "merge_modules.h"
 #include "options.h"
 #include "inc/unique_handles.h"
 #include "text_output.h"
@@ -216,9 +217,12 @@ package_plan plan_package(const std::vector<std::wstring>& mainFiles, const std:
     for (const std::wstring& main : mainFiles)
         place({main, qv::FileNamePart(main), below(base, main).value_or(L""), false, false, true});
     for (const record& r : records) {
-        if (r.mergeModule) {
-            if (std::find(plan.mergeModules.begin(), plan.mergeModules.end(), r.name) == plan.mergeModules.end())
-                plan.mergeModules.push_back(r.name);
+        if (r.mergeModule && r.missing) {
+            plan.missing.push_back(r.name + L" (a merge module the catalog lacks)");
+        } else if (r.mergeModule) {
+            if (std::none_of(plan.mergeModules.begin(), plan.mergeModules.end(),
+                             [&](const auto& m) { return m.name == r.name; }))
+                plan.mergeModules.push_back({r.name, r.path});
         } else if (r.missing) {
             if (std::find(plan.missing.begin(), plan.missing.end(), r.name) == plan.missing.end())
                 plan.missing.push_back(r.name);
@@ -304,14 +308,18 @@ std::string wix_source(const package_plan& plan, const product_texts& product, b
         refs += "      <ComponentRef Id=\"C" + id + "\"/>\n";
     }
     std::string modules, merges;
-    for (const std::wstring& module : plan.mergeModules) {
+    for (const auto& module : plan.mergeModules) {
         if (noMergeModules) {
-            modules += "    <!-- merge module left out: " + comment(module) + " -->\n";
+            modules += "    <!-- merge module left out: " + comment(module.name) + " (" + comment(module.file) + ") -->\n";
             continue;
         }
-        const std::string id = wix_id('M', L"module|" + qv::LowerCase(module));
-        tree.files["INSTALLFOLDER"].push_back("<Merge Id=\"" + id + "\" SourceFile=\"" + xml(module) +
-                                              ".msm\" DiskId=\"1\" Language=\"0\"/>\n");
+        const std::string id = wix_id('M', L"module|" + qv::LowerCase(module.file));
+        std::wstring file = product.mergeModuleFolder.empty() ? module.file
+                                                              : qv::JoinPath(product.mergeModuleFolder, module.file);
+        if (product.linuxSources)
+            file = to_linux(file);
+        tree.files["INSTALLFOLDER"].push_back("<Merge Id=\"" + id + "\" SourceFile=\"" + xml(file) +
+                                              "\" DiskId=\"1\" Language=\"0\"/>\n");
         merges += "      <MergeRef Id=\"" + id + "\"/>\n";
     }
     for (const std::wstring& missing : plan.missing)
@@ -379,14 +387,15 @@ void write_wxs(const package_plan& plan, const options& o) {
     if (o.wxsFile.empty() || plan.mainFile.empty())
         return;
     write_whole_file(full_path(o.wxsFile),
-                     wix_source(plan, {o.productName, o.manufacturer, o.productVersion, o.linuxSources}, o.noMergeModules));
+                     wix_source(plan, {o.productName, o.manufacturer, o.productVersion, o.linuxSources, merge_module_folder(o)},
+                                o.noMergeModules));
     for (const std::wstring& name : plan.missing)
         err("qvscan: the installer source names " + utf8(name) + " as missing: nothing ships it\n");
     for (const std::wstring& other : plan.passedOver)
         err("qvscan: " + utf8(other) + " has the name of a file already shipped and is left out\n");
     if (o.noMergeModules)
-        for (const std::wstring& module : plan.mergeModules)
-            err("qvscan: the merge module " + utf8(module) + " is left out of the installer source\n");
+        for (const auto& module : plan.mergeModules)
+            err("qvscan: the merge module " + utf8(module.name) + " is left out of the installer source\n");
 }
 
 } // namespace qvscan

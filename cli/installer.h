@@ -26,7 +26,10 @@ struct package_plan {
     std::wstring mainFile;
     DWORD machine = 0; // the main file's machine word
     std::vector<shipped_file> files;
-    std::vector<std::wstring> mergeModules; // the modules' names as their records give them
+    struct module {
+        std::wstring name, file; // the module's subject, and its .msm file's name (the record's key)
+    };
+    std::vector<module> mergeModules;
     std::vector<std::wstring> missing;      // names nothing can ship
     std::vector<std::wstring> passedOver;   // a second file of a name already shipped, from another folder
 };
@@ -43,6 +46,7 @@ std::vector<std::wstring> copy_bundle(const package_plan& plan, const std::wstri
 struct product_texts {
     std::wstring name, manufacturer, version; // empty: from the main file's version resource
     bool linuxSources = false;                // Source attributes as Linux paths (for wixl), under Wine
+    std::wstring mergeModuleFolder;           // where the modules' .msm files are
 };
 
 // The WiX v3 source of the plan: stable across runs (identifiers and GUIDs derived from the product's name and

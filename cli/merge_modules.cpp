@@ -14,8 +14,6 @@
 
 namespace qvscan {
 
-namespace {
-
 // The folder a scan takes its merge modules from: the option, the variable, or the system's own folder.
 std::wstring merge_module_folder(const options& o) {
     if (!o.mergeModules.empty())
@@ -29,6 +27,9 @@ std::wstring merge_module_folder(const options& o) {
     const std::wstring folder = qv::JoinPath(common, L"Merge Modules");
     return is_folder(folder) ? folder : std::wstring();
 }
+
+namespace {
+
 
 void tell_problems(IQvMergeModuleFolder* catalog) {
     qv::bstr problems;

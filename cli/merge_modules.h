@@ -14,6 +14,10 @@ namespace qvscan {
 // error, line by line. A library that cannot be loaded is thrown.
 qv::com_ptr<IQvMergeModuleFolder> open_catalog(const std::wstring& folder);
 
+// The folder a scan takes its merge modules from: --merge-modules, QV_MERGE_MODULES, or the system's own
+// folder; empty when there is none.
+std::wstring merge_module_folder(const options& o);
+
 // The catalog a scan hands on, read from o.mergeModules or where the variable or the system keeps merge
 // modules; null when there is no such folder.
 qv::com_ptr<IUnknown> load_merge_modules(const options& o);

@@ -380,8 +380,8 @@ int run_bundle(const server_dll& dll, const options& o) {
     const std::vector<std::wstring> left = copy_bundle(plan, into, o.force);
     write_wxs(plan, o);
     out("bundled " + std::to_string(plan.files.size()) + " files into " + utf8(into) + "\n");
-    for (const std::wstring& module : plan.mergeModules)
-        out("  merge module to merge: " + utf8(module) + "\n");
+    for (const auto& module : plan.mergeModules)
+        out("  merge module to merge: " + utf8(module.name) + " (" + utf8(module.file) + ")\n");
     for (const std::wstring& name : plan.missing)
         out("  missing: " + utf8(name) + "\n");
     for (const std::wstring& file : left)

@@ -503,7 +503,8 @@ TEST(Installer, PlanAndWixSourceOfAClosure) {
         {.name = L"kernel32.dll", .path = L"C:\\windows\\system32", .filterable = true},
         {.name = L"System.Data", .filterable = true, .providedBy = "target"},
         {.name = L"gone.dll", .missing = true},
-        {.name = L"Widgets Module", .path = L"key.0", .mergeModule = true},
+        {.name = L"Widgets Module", .path = L"widgets.msm", .mergeModule = true},
+        {.name = L"Lacking Module", .path = L"lack.msm", .missing = true, .mergeModule = true},
     };
     const qvscan::package_plan plan = qvscan::plan_package({main}, records, false);
     std::vector<std::wstring> shipped;
@@ -511,20 +512,21 @@ TEST(Installer, PlanAndWixSourceOfAClosure) {
         shipped.push_back(f.folder + L"|" + f.name);
     EXPECT_EQ(shipped, (std::vector<std::wstring>{L"|app.exe", L"fr|app.resources.dll", L"|a&b 'x' é.dll", L"|same.dll"}));
     EXPECT_EQ(plan.passedOver, std::vector<std::wstring>{dir / L"other\\same.dll"});
-    EXPECT_EQ(plan.missing, std::vector<std::wstring>{L"gone.dll"});
-    EXPECT_EQ(plan.mergeModules, std::vector<std::wstring>{L"Widgets Module"});
+    EXPECT_EQ(plan.missing, (std::vector<std::wstring>{L"gone.dll", L"Lacking Module (a merge module the catalog lacks)"}));
+    ASSERT_EQ(plan.mergeModules.size(), 1u);
+    EXPECT_EQ(plan.mergeModules[0].name + L"|" + plan.mergeModules[0].file, L"Widgets Module|widgets.msm");
     EXPECT_EQ(plan.machine, 0x8664u);
 
-    const std::string source = qvscan::wix_source(plan, {L"Prod & Co", L"", L"2.0.1"}, false);
-    EXPECT_EQ(source, qvscan::wix_source(plan, {L"Prod & Co", L"", L"2.0.1"}, false)); // the same every run
+    const std::string source = qvscan::wix_source(plan, {L"Prod & Co", L"", L"2.0.1", false, L"C:\\mm"}, false);
+    EXPECT_EQ(source, qvscan::wix_source(plan, {L"Prod & Co", L"", L"2.0.1", false, L"C:\\mm"}, false)); // every run
     for (const char* part : {"Name=\"Prod &amp; Co\"", "Version=\"2.0.1\"", "Platform=\"x64\"", "Win64=\"yes\"",
                              "Name=\"a&amp;b &apos;x&apos; \xC3\xA9.dll\"", "SharedDllRefCount=\"yes\"", "SelfRegCost=\"0\"",
                              "<Directory Id=\"ProgramFiles64Folder\">", "Name=\"fr\"", "<!-- missing, nothing ships it: gone.dll -->",
-                             "<MergeRef Id=\"M", "SourceFile=\"Widgets Module.msm\""})
+                             "<MergeRef Id=\"M", "SourceFile=\"C:\\mm\\widgets.msm\""})
         EXPECT_NE(source.find(part), std::string::npos) << part;
     const std::string plain = qvscan::wix_source(plan, {L"Prod & Co", L"", L"2.0.1"}, true);
     EXPECT_EQ(plain.find("<Merge"), std::string::npos);
-    EXPECT_NE(plain.find("<!-- merge module left out: Widgets Module -->"), std::string::npos);
+    EXPECT_NE(plain.find("<!-- merge module left out: Widgets Module (widgets.msm) -->"), std::string::npos);
     // The source is written whole or not at all.
     EXPECT_THROW(qvscan::write_whole_file(dir / L"no\\such\\folder\\a.wxs", source), std::runtime_error);
     const std::wstring written = dir / L"a.wxs";
