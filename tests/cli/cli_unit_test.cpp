@@ -448,6 +448,11 @@ TEST(DependencyGraph, TreeChainsAndPictureOfTheWalksEdges) {
                              "system [label=\"system files\"", "-> system [color=grey]", "[style=dashed]", "[style=dotted]"})
         EXPECT_NE(dot.find(part), std::string::npos) << part;
     EXPECT_EQ(dot.find("sys.dll"), std::string::npos);
+    // Lines that are no edge (a name left out, too few fields) are passed over.
+    const qvscan::dependency_graph odd(L"\tx.dll\timport\napp.exe\t\timport\napp.exe\ty.dll\napp.exe\tz.dll\timport\n",
+                                       L"app.exe", {}, false);
+    ASSERT_EQ(odd.nodes().size(), 2u);
+    EXPECT_EQ(odd.tree(), "app.exe\n  z.dll\n");
     // Without the filter the system's file is a node of its own, grey, and has its chain.
     const auto all = graph_of({"app.exe>sys.dll", "app.exe>a.dll"}, {{.name = L"a.dll"}});
     EXPECT_NE(all.dot().find("[label=\"sys.dll\", color=grey"), std::string::npos);
