@@ -60,7 +60,6 @@ LONG write_class(const server_dll& dll, const qv::class_registration& c, const s
         set_value(key + L"\\InprocServer32", L"ThreadingModel", c.threadingModel),
         set_value(key + L"\\ProgID", nullptr, progId),
         set_value(key + L"\\VersionIndependentProgID", nullptr, independent),
-        set_value(key + L"\\TypeLib", nullptr, guid_text(LIBID_QVWISCANNERSLib)),
         set_value(progId, nullptr, description),
         set_value(progId + L"\\CLSID", nullptr, clsid),
         set_value(independent, nullptr, description),
@@ -70,7 +69,7 @@ LONG write_class(const server_dll& dll, const qv::class_registration& c, const s
     for (LONG r : results)
         if (r != ERROR_SUCCESS)
             return r;
-    return ERROR_SUCCESS;
+    return c.inTypeLibrary ? set_value(key + L"\\TypeLib", nullptr, guid_text(LIBID_QVWISCANNERSLib)) : ERROR_SUCCESS;
 }
 
 // The classes this server can make, announced; how many, or -1 after a failure (told).

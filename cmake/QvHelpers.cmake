@@ -30,3 +30,25 @@ function(qv_add_test name)
     set_tests_properties(${name} PROPERTIES TIMEOUT 300 ENVIRONMENT "QV_FIXTURES=${QV_FIXTURE_DIR}"
         FAIL_REGULAR_EXPRESSION "\\[  FAILED  \\]")
 endfunction()
+
+# A version resource for a shipped binary, from project()'s version: FILENAME as it is shipped, DESCRIPTION for
+# its FileDescription, APP for an executable (else a DLL). A target with its own .rc includes the generated
+# file instead, through INCLUDE_ONLY.
+function(qv_version_resource target)
+    cmake_parse_arguments(V "APP;INCLUDE_ONLY" "FILENAME;DESCRIPTION" "" ${ARGN})
+    set(QV_RC_FILENAME ${V_FILENAME})
+    set(QV_RC_DESCRIPTION ${V_DESCRIPTION})
+    set(QV_RC_INTERNAL ${target})
+    set(QV_RC_FILETYPE VFT_DLL)
+    if(V_APP)
+        set(QV_RC_FILETYPE VFT_APP)
+    endif()
+    set(rc ${CMAKE_BINARY_DIR}/generated/version-${target}.rc)
+    configure_file(${CMAKE_SOURCE_DIR}/cmake/version.rc.in ${rc} @ONLY)
+    if(V_INCLUDE_ONLY)
+        return()
+    endif()
+    set_source_files_properties(${rc} PROPERTIES OBJECT_DEPENDS ${CMAKE_BINARY_DIR}/generated/qv_version.h)
+    target_sources(${target} PRIVATE ${rc})
+    target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:RC>:-I${CMAKE_BINARY_DIR}/generated>)
+endfunction()

@@ -5,6 +5,7 @@
 
 #include "QVWIScanners.h"
 #include "inc/resource.h"
+#include "inc/scan_extensions.h"
 
 #include <windows.h>
 
@@ -17,9 +18,10 @@ struct class_registration {
     const wchar_t* versionIndependent; // "<x>"
     const wchar_t* threadingModel;
     UINT descriptionResource;
+    bool inTypeLibrary = true; // a coclass of the type library (its TypeLib entry is written)
 };
 
-// In the class table's order: StaticScan, DepChecker, ScanUtil, VBPScan, DotNetAssembly, DepFile.
+// In the class table's order: StaticScan, DepChecker, ScanUtil, VBPScan, DotNetAssembly, DepFile, ScanEvents.
 inline constexpr class_registration class_registrations[] = {
     {&CLSID_StaticScan, L"StaticScan", L"QVWIScanners.StaticScan.1", L"QVWIScanners.StaticScan", L"Apartment",
      IDS_CLASS_DESCRIPTION},
@@ -34,6 +36,9 @@ inline constexpr class_registration class_registrations[] = {
      L"Apartment", IDS_CLASS_DESCRIPTION},
     {&CLSID_DepFile, L"DepFile", L"QVWIScanners.DepFile.1", L"QVWIScanners.DepFile", L"Apartment",
      IDS_CLASS_DESCRIPTION},
+    // The script's sink for StaticScan (an addition of this tool, outside the type library).
+    {&CLSID_ScanEvents, L"ScanEvents", L"QVWIScanners.ScanEvents.1", L"QVWIScanners.ScanEvents", L"Apartment",
+     IDS_CLASS_DESCRIPTION, false},
 };
 
 } // namespace qv

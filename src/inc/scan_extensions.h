@@ -54,6 +54,11 @@ inline constexpr IID IID_IQvScanGraph = {
 
 __CRT_UUID_DECL(IQvScanGraph, 0x7a3d9c42, 0x1e6b, 0x4b8f, 0x8d, 0x25, 0x6f, 0x0a, 0x1c, 0x3e, 0x9b, 0x74)
 
+// The class ScanEvents: a sink for StaticScan.ScanFile that a script can make and hand in (a script's own
+// objects lack the events interface). Not in the type library: it is the script's helper, not a scanner.
+// {C3F1B6A2-4D7E-4E59-B8A0-5F2E9D61C7B3}
+inline constexpr CLSID CLSID_ScanEvents = {0xc3f1b6a2, 0x4d7e, 0x4e59, {0xb8, 0xa0, 0x5f, 0x2e, 0x9d, 0x61, 0xc7, 0xb3}};
+
 namespace qv {
 // The most entry-point names one importer's line holds.
 inline constexpr size_t entry_names_kept = 20;

@@ -10,6 +10,7 @@
 #include "scanutil/scan_util.h"
 
 #include <array>
+#include "static/script_scan_events.h"
 #include "static/static_scan.h"
 #include "vb/vbp_scan.h"
 
@@ -33,6 +34,8 @@ create_fn creator_of(const CLSID& clsid) {
         return &qv::creator<CDotNetAssembly>::CreateInstance;
     if (IsEqualCLSID(clsid, CLSID_DepFile))
         return &qv::creator<CDepFile>::CreateInstance;
+    if (IsEqualCLSID(clsid, CLSID_ScanEvents))
+        return &qv::creator<CScriptScanEvents>::CreateInstance;
     return nullptr;
 }
 

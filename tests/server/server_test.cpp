@@ -116,6 +116,63 @@ TEST_F(Server, AggregationAndLateBinding) {
     VariantClear(&item);
 }
 
+// A script hands StaticScan.ScanFile a ScanEvents object through late binding (its own objects lack the events
+// interface), then reads what the scan told it.
+TEST_F(Server, AScriptsSinkMadeByTheServer) {
+    com_ptr<IDispatch> events, scanner = scan.query<IDispatch>(IID_IDispatch);
+    ASSERT_EQ(server().Create(CLSID_ScanEvents, nullptr, IID_IDispatch, events.put_void()), S_OK);
+    registry_override classes(HKEY_CLASSES_ROOT);
+    std::wstring path = module_dir() + L"\\QVWIScanners.dll";
+    com_ptr<ITypeLib> lib;
+    ASSERT_EQ(LoadTypeLibEx(path.c_str(), REGKIND_NONE, lib.put()), S_OK);
+    ASSERT_EQ(RegisterTypeLib(lib.get(), path.data(), nullptr), S_OK);
+    auto id_of = [](IDispatch* d, const wchar_t* name) {
+        LPOLESTR text = const_cast<LPOLESTR>(name);
+        DISPID id = 0;
+        return SUCCEEDED(d->GetIDsOfNames(IID_NULL, &text, 1, LOCALE_USER_DEFAULT, &id)) ? id : DISPID_UNKNOWN;
+    };
+    auto get = [&](const wchar_t* name) {
+        VARIANT result;
+        VariantInit(&result);
+        DISPPARAMS none = {};
+        EXPECT_EQ(events->Invoke(id_of(events.get(), name), IID_NULL, 0, DISPATCH_PROPERTYGET, &none, &result,
+                                 nullptr, nullptr), S_OK) << narrow(name);
+        return result;
+    };
+    // ScanFile(file, events, filter, language, type), arguments in reverse order as Invoke takes them.
+    VARIANT args[5];
+    V_VT(&args[0]) = VT_I4, V_I4(&args[0]) = 0;
+    V_VT(&args[1]) = VT_BSTR, V_BSTR(&args[1]) = SysAllocString(L"");
+    V_VT(&args[2]) = VT_BOOL, V_BOOL(&args[2]) = VARIANT_FALSE;
+    V_VT(&args[3]) = VT_DISPATCH, V_DISPATCH(&args[3]) = events.get();
+    const std::wstring file = walk(L"lib\\upper.exe");
+    V_VT(&args[4]) = VT_BSTR, V_BSTR(&args[4]) = SysAllocString(file.c_str());
+    DISPPARAMS params = {args, nullptr, 5, 0};
+    VARIANT completed;
+    VariantInit(&completed);
+    ASSERT_EQ(scanner->Invoke(id_of(scanner.get(), L"ScanFile"), IID_NULL, 0, DISPATCH_METHOD, &params, &completed,
+                              nullptr, nullptr), S_OK);
+    SysFreeString(V_BSTR(&args[1]));
+    SysFreeString(V_BSTR(&args[4]));
+    EXPECT_TRUE(V_VT(&completed) == VT_BOOL && V_BOOL(&completed) == VARIANT_TRUE);
+    long count = 0;
+    ASSERT_EQ(dependencies()->get_Count(&count), S_OK);
+    EXPECT_GT(count, 0);
+    VARIANT found = get(L"found");
+    EXPECT_TRUE(V_VT(&found) == VT_I4 && V_I4(&found) >= count) << "each file the walk met was reported";
+    VARIANT errors = get(L"Errors");
+    ASSERT_EQ(V_VT(&errors), VT_BSTR);
+    EXPECT_EQ(SysStringLen(V_BSTR(&errors)), 0u);
+    VariantClear(&errors);
+    // An error the scan tells is kept as a line; a name the object lacks is unknown.
+    auto sink = events.query<IStaticScanEvents>(IID_IStaticScanEvents);
+    EXPECT_EQ(sink->ErrorEncountered(qv::bstr(L"a.dep").get(), 0x8007000D, qv::bstr(L"bad data").get()), S_OK);
+    errors = get(L"Errors");
+    EXPECT_EQ(std::wstring(V_BSTR(&errors)), L"a.dep: 0x8007000D: bad data\n");
+    VariantClear(&errors);
+    EXPECT_EQ(id_of(events.get(), L"Dependencies"), DISPID_UNKNOWN);
+}
+
 TEST(ServerFrame, SetupExportWaitsForTheChildTheSetupProgramLeaves) {
     using launch_fn = int(__stdcall*)(const char*);
     auto launch = reinterpret_cast<launch_fn>(reinterpret_cast<void (*)()>(
