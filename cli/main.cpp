@@ -42,8 +42,8 @@ private:
     bool m_initialized;
 };
 
-// What a command needs before it runs.
-enum class needs { nothing, com, server };
+// What a command needs before it runs: the server, and the support folder too for a scan that filters.
+enum class needs { nothing, com, server, support };
 
 struct command_entry {
     const wchar_t* name;
@@ -56,14 +56,14 @@ constexpr command_entry dispatch[] = {
     {L"ini", needs::nothing, run_ini, nullptr},
     {L"setup", needs::nothing, run_setup, nullptr},
     {L"msm", needs::com, run_msm, nullptr},
-    {L"static", needs::server, nullptr, run_static},
-    {L"why", needs::server, nullptr, run_why},
-    {L"bundle", needs::server, nullptr, run_bundle},
+    {L"static", needs::support, nullptr, run_static},
+    {L"why", needs::support, nullptr, run_why},
+    {L"bundle", needs::support, nullptr, run_bundle},
     {L"pe", needs::server, nullptr, run_pe},
     {L"assembly", needs::server, nullptr, run_assembly},
-    {L"vbp", needs::server, nullptr, run_vbp},
-    {L"trace", needs::server, nullptr, run_trace},
-    {L"attach", needs::server, nullptr, run_trace},
+    {L"vbp", needs::support, nullptr, run_vbp},
+    {L"trace", needs::support, nullptr, run_trace},
+    {L"attach", needs::support, nullptr, run_trace},
     {L"register", needs::server, nullptr, run_register},
     {L"unregister", needs::server, nullptr, run_register},
 };
@@ -83,6 +83,16 @@ template <class Body> int guarded(Body body, bool describeCom) {
     return ExitFailed;
 }
 
+// A scan without its support folder would fail on its first list: said once, naming the folder, before it starts.
+void check_support_folder() {
+    const std::wstring folder = server_dll::support_folder();
+    const DWORD attributes = GetFileAttributesW(folder.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_DIRECTORY))
+        throw std::runtime_error("the support folder " + utf8(folder) +
+                                 " is missing: it holds filters.xml, VBSystem.ini and the target profiles that a scan "
+                                 "reads. Restore it from the release (or set QV_SUPPORT_DIR to a copy of it)");
+}
+
 int run(const command_entry& command, const options& o) {
     if (command.what == needs::nothing)
         return command.plain(o);
@@ -91,6 +101,8 @@ int run(const command_entry& command, const options& o) {
         return guarded([&] { return command.plain(o); }, false);
     return guarded(
         [&] {
+            if (command.what == needs::support)
+                check_support_folder();
             const server_dll dll(server_dll::scanners_path());
             return command.served(dll, o);
         },

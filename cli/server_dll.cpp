@@ -45,6 +45,13 @@ std::wstring server_dll::beside_tool(const wchar_t* name) {
     return qv::JoinPath(qv::DirectoryPart(own), name);
 }
 
+std::wstring server_dll::support_folder() {
+    std::wstring overridden;
+    if (qv::ReadEnvironment(L"QV_SUPPORT_DIR", overridden) && !overridden.empty())
+        return overridden;
+    return qv::JoinPath(qv::DirectoryPart(scanners_path()), L"Support");
+}
+
 std::wstring server_dll::scanners_path() {
     std::wstring overridden;
     if (qv::ReadEnvironment(L"QV_SERVER_DLL", overridden) && !overridden.empty())

@@ -26,6 +26,9 @@ public:
     static std::wstring scanners_path();
     // A file beside qvscan.exe.
     static std::wstring beside_tool(const wchar_t* name);
+    // The support folder (the lists of system files, VBSystem.ini, the target profiles): QV_SUPPORT_DIR, else
+    // Support beside the scanners, as their services find it.
+    static std::wstring support_folder();
 
     const std::wstring& path() const { return m_path; }
     HMODULE module() const { return m_module.get(); }

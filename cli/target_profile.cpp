@@ -26,10 +26,7 @@ bool ends_with_no_case(const std::wstring& text, std::wstring_view end) {
 std::wstring profile_path(const std::wstring& name) {
     if (ends_with_no_case(name, L".json"))
         return name;
-    std::wstring support;
-    if (!qv::ReadEnvironment(L"QV_SUPPORT_DIR", support) || support.empty())
-        support = server_dll::beside_tool(L"Support");
-    return qv::JoinPath(qv::JoinPath(support, L"targets"), name + L".json");
+    return qv::JoinPath(qv::JoinPath(server_dll::support_folder(), L"targets"), name + L".json");
 }
 
 // The whole file, or nullopt when it cannot be read.

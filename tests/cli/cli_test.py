@@ -179,6 +179,12 @@ def case_hostile(a):
         r = run(a, ["static", os.path.join(dep, "comp.ocx"), "--json", "--lang", "0409"])
         got = {d["name"]: (d["via"], d["missing"]) for d in json.loads(r.stdout or "{}").get("dependencies", [])}
         expect(got == {"a.dll": ("imports", False), "b.dll": ("dep", False), "gone.dll": ("dep", True)}, f"dep: {got}")
+        # No support folder: one message naming it, before any scan; a command that reads no list still runs.
+        gone = dict(os.environ, QV_SUPPORT_DIR=win(tmp + "/no support"))
+        r = run(a, ["static", os.path.join(dep, "comp.ocx")], env=gone)
+        expect(r.returncode == 1 and "the support folder " + win(tmp + "/no support") + " is missing" in r.stderr
+               and r.stdout == "", f"no support: {r.returncode} {r.stderr!r}")
+        expect(run(a, ["pe", os.path.join(dep, "comp.ocx")], env=gone).returncode == 0, "pe without support")
     finally:
         done.append(True)
         shutil.rmtree(tmp, ignore_errors=True)
@@ -202,6 +208,16 @@ def case_script(a):
         out = subprocess.run(client, capture_output=True, text=True, env=env).stdout.replace("\r", "")
         expect("name=kernel32.dll;path=C:\\windows\\system32;major=" in out and "text=true" in out, f"script {out!r}")
         expect("major=" in out and int(out.split("major=")[1].split()[0]) > 0, "the version came through IDispatch")
+        # StaticScan from VBScript, by ProgID, with the sink a script makes.
+        with open(os.path.join(tmp, "scan.vbs"), "w") as f:
+            f.write('Set scan = CreateObject("QVWIScanners.StaticScan")\r\n'
+                    'Set events = CreateObject("QVWIScanners.ScanEvents")\r\n'
+                    f'ok = scan.ScanFile("{win(a.fixtures + "/walk/lib/upper.exe")}", events, True, "", 0)\r\n'
+                    'WScript.Echo "ok=" & ok & " records=" & scan.Dependencies.Count & " found=" & events.Found & _\r\n'
+                    '             " first=" & scan.Dependencies.Item(1).Name & " errors=" & events.Errors\r\n')
+        out = subprocess.run([a.emulator, "cscript.exe", "//nologo", win(tmp + "/scan.vbs")], capture_output=True,
+                             text=True, env=env, timeout=120).stdout.replace("\r", "")
+        expect(re.match(r"ok=True records=1 found=[1-9][0-9]* first=gamma\.dll errors=$", out.strip(), re.I), f"vbs {out!r}")
         # A VBScript client of the dynamic scanner, its events through WScript.CreateObject's prefix.
         with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "dep_checker_client.vbs")) as f:
             vbs = f.read().replace("HOST", win(a.fixtures + "/trace/host.exe"))
