@@ -356,8 +356,12 @@ std::string wix_source(const package_plan& plan, const product_texts& product, b
         tree.write(out, root, 4);
         out += "      </Directory>\n";
     }
-    out += "    </Directory>\n    <Feature Id=\"Complete\" Level=\"1\">\n" + refs + merges +
-           "    </Feature>\n  </Product>\n</Wix>\n";
+    out += "    </Directory>\n    <Feature Id=\"Complete\" Level=\"1\">\n" + refs + merges + "    </Feature>\n";
+    // What the scan cannot know, written by the product's author. A processing instruction takes its text as it
+    // stands (no entities); a path cannot hold the "?>" that would end it.
+    if (!product.include.empty())
+        out += "    <?include " + utf8(product.linuxSources ? to_linux(product.include) : product.include) + " ?>\n";
+    out += "  </Product>\n</Wix>\n";
     return out;
 }
 
@@ -387,7 +391,8 @@ void write_wxs(const package_plan& plan, const options& o) {
     if (o.wxsFile.empty() || plan.mainFile.empty())
         return;
     write_whole_file(full_path(o.wxsFile),
-                     wix_source(plan, {o.productName, o.manufacturer, o.productVersion, o.linuxSources, merge_module_folder(o)},
+                     wix_source(plan, {o.productName, o.manufacturer, o.productVersion, o.linuxSources, merge_module_folder(o),
+                                       o.wxsInclude.empty() ? std::wstring() : full_path(o.wxsInclude)},
                                 o.noMergeModules));
     for (const std::wstring& name : plan.missing)
         err("qvscan: the installer source names " + utf8(name) + " as missing: nothing ships it\n");

@@ -47,6 +47,7 @@ struct product_texts {
     std::wstring name, manufacturer, version; // empty: from the main file's version resource
     bool linuxSources = false;                // Source attributes as Linux paths (for wixl), under Wine
     std::wstring mergeModuleFolder;           // where the modules' .msm files are
+    std::wstring include;                     // a WiX include named inside the product, when not empty
 };
 
 // The WiX v3 source of the plan: stable across runs (identifiers and GUIDs derived from the product's name and

@@ -12,7 +12,7 @@ const char* const usage_text =
     "usage: qvscan static FILE|FOLDER... [--lang TEXT] [--type N] [--no-filter] [--merge-modules DIR]\n"
     "                     [--target NAME|FILE.json] [--no-extensions] [--fail-on-missing[=all]] [--tree]\n"
     "                     [--dot FILE] [--wxs FILE [--no-merge-modules] [--product-name TEXT]\n"
-    "                     [--manufacturer TEXT] [--product-version X.Y.Z]] [--json]\n"
+    "                     [--manufacturer TEXT] [--product-version X.Y.Z] [--wxs-include FILE]] [--json]\n"
     "       qvscan bundle APP|FOLDER... OUTDIR [--keep-destinations] [--force] [--fail-on-missing] [--wxs FILE]\n"
     "       qvscan why APP NAME [--all] [--lang TEXT] [--no-filter] [--target NAME]\n"
     "       qvscan pe FILE [--json]\n"
@@ -88,6 +88,9 @@ constexpr option_spec manufacturer{"--manufacturer", "TEXT", "the manufacturer (
                                    [](options& o, const std::wstring& v) { o.manufacturer = v; }};
 constexpr option_spec product_version{"--product-version", "X.Y.Z", "the product's version (else the file's)",
                                       [](options& o, const std::wstring& v) { o.productVersion = v; }};
+constexpr option_spec wxs_include{"--wxs-include", "FILE",
+                                  "name FILE, a WiX include of what no scan finds (data, registration), in the source",
+                                  [](options& o, const std::wstring& v) { o.wxsInclude = v; }};
 constexpr option_spec static_options[] = {
     lang,
     {"--type", "N", "the scan mode (0, 1 or 2), with 32768 added to leave the merge-module catalog out", set_type},
@@ -109,6 +112,7 @@ constexpr option_spec static_options[] = {
     product_name,
     manufacturer,
     product_version,
+    wxs_include,
     json_option,
 };
 constexpr option_spec bundle_options[] = {
@@ -125,6 +129,7 @@ constexpr option_spec bundle_options[] = {
     product_name,
     manufacturer,
     product_version,
+    wxs_include,
 };
 constexpr option_spec why_options[] = {
     {"--all", nullptr, "every chain, not the first ten", [](options& o, const std::wstring&) { o.all = true; }},
@@ -150,6 +155,7 @@ constexpr option_spec vbp_options[] = {
     product_name,
     manufacturer,
     product_version,
+    wxs_include,
     json_option,
 };
 constexpr option_spec trace_options[] = {

@@ -50,7 +50,7 @@ struct options {
     // why: every chain, not the first ten.
     bool all = false;
     // static and bundle: the WiX source to write, and what goes into it; bundle: its folder and rules.
-    std::wstring wxsFile, productName, manufacturer, productVersion, outDir;
+    std::wstring wxsFile, wxsInclude, productName, manufacturer, productVersion, outDir;
     bool noMergeModules = false, keepDestinations = false, force = false, linuxSources = false;
 };
 

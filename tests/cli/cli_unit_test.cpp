@@ -532,6 +532,10 @@ TEST(Installer, PlanAndWixSourceOfAClosure) {
     const std::string plain = qvscan::wix_source(plan, {L"Prod & Co", L"", L"2.0.1"}, true);
     EXPECT_EQ(plain.find("<Merge"), std::string::npos);
     EXPECT_NE(plain.find("<!-- merge module left out: Widgets Module (widgets.msm) -->"), std::string::npos);
+    EXPECT_EQ(plain.find("<?include"), std::string::npos);
+    // An include of the author's: inside the product, after the feature, its path as it stands.
+    const std::string included = qvscan::wix_source(plan, {L"Prod & Co", L"", L"2.0.1", false, L"", L"C:\\a&b\\x.wxi"}, true);
+    EXPECT_NE(included.find("    </Feature>\n    <?include C:\\a&b\\x.wxi ?>\n  </Product>"), std::string::npos);
     // The source is written whole or not at all.
     EXPECT_THROW(qvscan::write_whole_file(dir / L"no\\such\\folder\\a.wxs", source), std::runtime_error);
     const std::wstring written = dir / L"a.wxs";
