@@ -1,10 +1,12 @@
 // What the process keeps of a file it read, by path without regard to case, while the file's size and
 // last-write time stay the same: a file rewritten, shrunk or replaced is read again. What has no such
 // identity (a missing file, a folder, a device) is read each time and not kept; neither is what `keep`
-// turns down. Beyond `most` entries the oldest half is forgotten. Safe on any thread.
+// turns down. Beyond `most` entries the oldest half is forgotten. Within a scan round (toolkit/scan_round.h) an
+// entry is checked once. Safe on any thread.
 #pragma once
 
 #include "toolkit/path_helpers.h"
+#include "toolkit/scan_round.h"
 
 #include <windows.h>
 
@@ -20,16 +22,29 @@ public:
 
     template <class Read, class Keep>
     std::shared_ptr<const T> get(const std::wstring& path, Read read, Keep keep) {
+        // Within a scan round, an entry already checked in it is taken without asking the system again.
+        const unsigned long round = qv::CurrentScanRound();
+        const std::wstring key = qv::LowerCase(path);
+        if (round != 0) {
+            AcquireSRWLockExclusive(&m_lock);
+            if (const auto it = m_kept.find(key); it != m_kept.end() && it->second.round == round) {
+                it->second.use = ++m_uses;
+                std::shared_ptr<const T> value = it->second.value;
+                ReleaseSRWLockExclusive(&m_lock);
+                return value;
+            }
+            ReleaseSRWLockExclusive(&m_lock);
+        }
         WIN32_FILE_ATTRIBUTE_DATA data{};
         if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) ||
             (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
             return read(path);
         const ULONGLONG size = (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
-        const std::wstring key = qv::LowerCase(path);
         AcquireSRWLockExclusive(&m_lock);
         if (const auto it = m_kept.find(key); it != m_kept.end() && it->second.size == size &&
                                               CompareFileTime(&it->second.written, &data.ftLastWriteTime) == 0) {
             it->second.use = ++m_uses;
+            it->second.round = round;
             std::shared_ptr<const T> value = it->second.value;
             ReleaseSRWLockExclusive(&m_lock);
             return value;
@@ -48,7 +63,7 @@ public:
             const ULONGLONG median = uses[uses.size() / 2];
             std::erase_if(m_kept, [median](const auto& entry) { return entry.second.use < median; });
         }
-        m_kept[key] = {size, data.ftLastWriteTime, ++m_uses, value};
+        m_kept[key] = {size, data.ftLastWriteTime, ++m_uses, round, value};
         ReleaseSRWLockExclusive(&m_lock);
         return value;
     }
@@ -58,6 +73,7 @@ private:
         ULONGLONG size = 0;
         FILETIME written{};
         ULONGLONG use = 0; // when it was last handed out, in the cache's own count
+        unsigned long round = 0; // the scan round in which it was last checked against the disk
         std::shared_ptr<const T> value;
     };
     size_t m_most;

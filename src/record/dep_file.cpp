@@ -1,6 +1,7 @@
 #include "record/dep_file.h"
 
 #include "format/pe/pe_layout.h"
+#include "image/file_cache.h"
 #include "image/pe_images.h"
 #include "inc/com_boundary.h"
 #include "inc/unique_handles.h"
@@ -68,6 +69,35 @@ DATE LocalDosTime(const FILETIME& written) {
         !DosDateTimeToVariantTime(dosDate, dosTime, &result))
         return 0;
     return result;
+}
+
+// What a record reads of its file: the version resource, and the size and write time of its directory entry.
+// Kept per process while the file's size and write time stay the same, so a library that the closures of many
+// scans meet is read once (the version block alone costs two opens and two mappings of the file).
+struct file_facts {
+    qv::version_info info;
+    bool listed = false; // the directory entry was found
+    DWORD sizeLow = 0, sizeHigh = 0;
+    FILETIME written{};
+};
+
+std::shared_ptr<const file_facts> FileFacts(const std::wstring& path) {
+    static file_cache<file_facts> kept(8192);
+    return kept.get(
+        path,
+        [](const std::wstring& file) {
+            auto facts = std::make_shared<file_facts>();
+            facts->info.Load(file);
+            WIN32_FIND_DATAW data{};
+            if (unique_hfind find(FindFirstFileW(file.c_str(), &data)); find) {
+                facts->listed = true;
+                facts->sizeLow = data.nFileSizeLow;
+                facts->sizeHigh = data.nFileSizeHigh;
+                facts->written = data.ftLastWriteTime;
+            }
+            return std::shared_ptr<const file_facts>(std::move(facts));
+        },
+        [](const file_facts& facts) { return facts.listed; });
 }
 
 } // namespace
@@ -466,16 +496,15 @@ void CDepFile::LoadFromFile(const std::wstring& path) {
     }
     SetPaths(name, path);
 
-    qv::version_info info(path);
+    const auto facts = FileFacts(path);
+    const qv::version_info& info = facts->info;
     m_bSelfRegistering = ToVariantBool(TestSelfRegistration(path, info));
 
-    WIN32_FIND_DATAW data{};
-    unique_hfind find(FindFirstFileW(path.c_str(), &data));
-    if (find) {
+    if (facts->listed) {
         // The low half less the high half: the size for a file below 4 GiB, and what clients have
         // always been given above it.
-        m_nSize = static_cast<long>(data.nFileSizeLow - data.nFileSizeHigh);
-        m_dModifiedTime = LocalDosTime(data.ftLastWriteTime);
+        m_nSize = static_cast<long>(facts->sizeLow - facts->sizeHigh);
+        m_dModifiedTime = LocalDosTime(facts->written);
     } else {
         m_nSize = 0;
         m_dModifiedTime = 0;

@@ -13,6 +13,7 @@
 #include "scanutil/scan_util.h"
 #include "static/scanned_pe.h"
 #include "toolkit/path_helpers.h"
+#include "toolkit/scan_round.h"
 #include "toolkit/probes.h"
 #include "toolkit/string_convert.h"
 
@@ -111,6 +112,7 @@ CDepWalker::CDepWalker() {
 
 void CDepWalker::Scan(const std::wstring& file, IStaticScanEvents* events, CFilterBase* filter,
                       const std::wstring& langId, long scanType) {
+    const qv::scan_round round; // each file is checked against the disk once in the scan
     m_pEvents.reset();
     if (!events)
         throw com_exception(E_POINTER);

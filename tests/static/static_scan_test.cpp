@@ -7,6 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+
 using namespace qv::test;
 using qv::com_ptr;
 using ::testing::ElementsAre;
@@ -185,6 +187,29 @@ TEST_F(StaticScan, AFileChangedBetweenScansIsReadAgain) {
         put(rows[i].file, rows[i].bytes, int(i));
         run(top);
         EXPECT_EQ(names(dependencies().get()), rows[i].records) << "row " << i;
+    }
+    // A DLL that appears between two scans in a folder searched before the one that held it (the program's
+    // own, before the Path's lib), and then disappears again; a DLL of the program that disappears.
+    put(top, image_writer().import("gamma.dll").import("dep.dll").build().str(), 10);
+    put(dep, image_writer().build().str(), 11);
+    const std::wstring earlier = tmp / L"gamma.dll";
+    struct step { std::function<void()> change; std::set<std::wstring> records, missing; };
+    const step steps[] = {
+        {[] {}, {L"gamma.dll", L"dep.dll"}, {}},
+        {[&] { put(earlier, image_writer().import("zeta.dll").build().str(), 12); },
+         {L"gamma.dll", L"dep.dll", L"zeta.dll"}, {L"zeta.dll"}},
+        {[&] { ASSERT_TRUE(DeleteFileW(earlier.c_str())); }, {L"gamma.dll", L"dep.dll"}, {}},
+        {[&] { ASSERT_TRUE(DeleteFileW(dep.c_str())); }, {L"gamma.dll", L"dep.dll"}, {L"dep.dll"}},
+    };
+    for (size_t i = 0; i < std::size(steps); ++i) {
+        steps[i].change();
+        run(top);
+        std::set<std::wstring> missing;
+        for (const auto& [name, record] : records(dependencies().get()))
+            if (record.missing)
+                missing.insert(name);
+        EXPECT_EQ(names(dependencies().get()), steps[i].records) << "step " << i;
+        EXPECT_EQ(missing, steps[i].missing) << "step " << i;
     }
 }
 
