@@ -4,6 +4,7 @@
 #include "inc/com_error.h"
 #include "inc/com_ptr.h"
 #include "inc/unique_handles.h"
+#include "toolkit/folder_listing.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
 #include "traits/settings_document.h"
@@ -35,8 +36,21 @@ bool IsDotOrDotDot(const wchar_t* name) {
     return EqualNoCase(name, L".") || EqualNoCase(name, L"..");
 }
 
-bool IsFolder(const WIN32_FIND_DATAW& data) {
-    return (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+// The entries of folder that pattern matches: the process's listing for "*.*" (every entry), else a search of
+// the disk.
+std::shared_ptr<const std::vector<qv::folder_entry>> EntriesOf(const std::wstring& folder, const std::wstring& pattern) {
+    if (pattern == L"*.*")
+        return qv::ListFolder(folder);
+    WIN32_FIND_DATAW data;
+    unique_hfind find(FindFirstFileW(qv::JoinPath(folder, pattern).c_str(), &data));
+    if (!find)
+        return nullptr;
+    auto entries = std::make_shared<std::vector<qv::folder_entry>>();
+    do {
+        if (!IsDotOrDotDot(data.cFileName))
+            entries->push_back({data.cFileName, (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0});
+    } while (FindNextFileW(find.get(), &data));
+    return entries;
 }
 
 bool IsNeutral(const std::wstring& culture) {
@@ -231,23 +245,21 @@ bool FindInFolderTree(const std::wstring& folder, const std::wstring& pattern, c
         outFolder.clear();
         return false;
     }
-    WIN32_FIND_DATAW data;
-    unique_hfind find(FindFirstFileW(qv::JoinPath(folder, pattern).c_str(), &data));
-    if (!find) {
+    const auto entries = EntriesOf(folder, pattern);
+    if (!entries) {
         outFolder.clear();
         return false;
     }
     std::vector<std::wstring> subfolders;
-    do {
-        if (IsFolder(data) && !IsDotOrDotDot(data.cFileName)) {
+    for (const qv::folder_entry& entry : *entries) {
+        if (entry.folder) {
             if (depth != 0)
-                subfolders.emplace_back(data.cFileName);
-        } else if (EqualNoCase(data.cFileName, file)) {
+                subfolders.push_back(entry.name);
+        } else if (EqualNoCase(entry.name, file)) {
             outFolder = WithBackslash(folder);
             return true;
         }
-    } while (FindNextFileW(find.get(), &data));
-    find.reset(); // one open search per level is enough: a deep tree holds no handle per folder above it
+    }
     const int nextDepth = depth == -2 ? -2 : depth - 1;
     for (const std::wstring& subfolder : subfolders) {
         std::wstring local;
@@ -262,39 +274,32 @@ bool FindInFolderTree(const std::wstring& folder, const std::wstring& pattern, c
 
 bool FindInGacFolder(const std::wstring& gacNameFolder, const std::wstring& pattern, const std::wstring& key,
                      const std::wstring& file, std::wstring& outFolder) {
-    WIN32_FIND_DATAW data;
-    unique_hfind find(FindFirstFileW(qv::JoinPath(gacNameFolder, pattern).c_str(), &data));
-    if (!find) {
+    const auto entries = EntriesOf(gacNameFolder, pattern);
+    if (!entries) {
         outFolder.clear();
         return false;
     }
-    do {
-        if (IsFolder(data) && !IsDotOrDotDot(data.cFileName)) {
+    for (const qv::folder_entry& entry : *entries) {
+        if (entry.folder) {
             // The folder's name is looked for within the key, not the key within the name: a folder "1"
             // matches every key that holds a 1.
-            if (ContainsNoCase(key, data.cFileName))
-                return FindInFolderTree(qv::JoinPath(gacNameFolder, data.cFileName), pattern, file, outFolder, -2);
-        } else if (EqualNoCase(data.cFileName, file)) {
+            if (ContainsNoCase(key, entry.name))
+                return FindInFolderTree(qv::JoinPath(gacNameFolder, entry.name), pattern, file, outFolder, -2);
+        } else if (EqualNoCase(entry.name, file)) {
             outFolder = WithBackslash(gacNameFolder);
             return true;
         }
-    } while (FindNextFileW(find.get(), &data));
+    }
     outFolder.clear();
     return false;
 }
 
 bool FindInFrameworkFolders(const std::wstring& root, const std::wstring& file, std::wstring& outFolder) {
     std::vector<std::wstring> versions;
-    {
-        WIN32_FIND_DATAW data;
-        unique_hfind find(FindFirstFileW(qv::JoinPath(root, L"*.*").c_str(), &data));
-        if (find) {
-            do {
-                if (IsFolder(data) && !IsDotOrDotDot(data.cFileName) && qv::StartsWithNoCase(data.cFileName, L"v"))
-                    versions.emplace_back(data.cFileName);
-            } while (FindNextFileW(find.get(), &data));
-        }
-    }
+    if (const auto entries = qv::ListFolder(root))
+        for (const qv::folder_entry& entry : *entries)
+            if (entry.folder && qv::StartsWithNoCase(entry.name, L"v"))
+                versions.push_back(entry.name);
     // Text order, not version order: v10.0 sorts before v2.0.
     std::sort(versions.begin(), versions.end(), qv::no_case_less());
     for (auto it = versions.rbegin(); it != versions.rend(); ++it) {

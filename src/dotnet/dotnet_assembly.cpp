@@ -9,6 +9,7 @@
 #include "inc/unique_handles.h"
 #include "siblings/sibling_module_cache.h"
 #include "toolkit/path_helpers.h"
+#include "toolkit/scan_round.h"
 #include "toolkit/probes.h"
 #include "toolkit/string_convert.h"
 
@@ -285,6 +286,7 @@ STDMETHODIMP CDotNetAssembly::get_Dependencies(IStaticScanEvents* pEvents, IDotN
             m_pRefs = qv::make_object<CDotNetAssemblyRefs>().query<IDotNetAssemblyRefs>(IID_IDotNetAssemblyRefs);
             // A scope that never opened has nothing to walk: the list stays empty.
             if (m_Scope.Import() && m_Scope.AssemblyImport()) {
+                const qv::scan_round round; // each folder of the location ladder is listed once in the walk
                 WalkAssemblyRefs(pEvents);
                 WalkModuleRefs(pEvents);
                 WalkFiles(pEvents);

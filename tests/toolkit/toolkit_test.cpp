@@ -2,11 +2,13 @@
 // child's search folders), the profile files (inifilex, qvmapfilex), version resources, the setup launcher.
 #include "inc/unique_handles.h"
 #include "library_support.h"
+#include "toolkit/folder_listing.h"
 #include "toolkit/inifilex.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
 #include "toolkit/process_launcher.h"
 #include "toolkit/qvmapfilex.h"
+#include "toolkit/scan_round.h"
 #include "toolkit/version_info.h"
 
 #include <gtest/gtest.h>
@@ -330,3 +332,53 @@ TEST(Launcher, SetupProgramsTheirChildrenGrandchildrenAndTimeOuts) {
 }
 
 } // namespace
+
+// A folder's listing: taken as it was for the rest of a scan round, listed again in a later round only when the
+// folder's write time moved (an entry added, removed or renamed) or was too recent to trust.
+TEST(FolderListing, HeldWithinARoundAndWhileTheFolderIsUnchanged) {
+    temp_dir tmp;
+    const std::wstring dir = tmp.mkdir(L"listed");
+    tmp.write(L"listed\\a.dll", "a");
+    tmp.mkdir(L"listed\\sub");
+    auto age = [&] { // an old write time: a listing of it may be trusted in a later round
+        qv::unique_hfile folder(CreateFileW(dir.c_str(), FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                            nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+        FILETIME old{0, 30000000};
+        ASSERT_TRUE(SetFileTime(folder.get(), nullptr, nullptr, &old));
+    };
+    auto names = [](const auto& listing) {
+        std::map<std::wstring, bool> got;
+        for (const qv::folder_entry& e : *listing)
+            got[lower(e.name)] = e.folder;
+        return got;
+    };
+    age();
+    std::shared_ptr<const std::vector<qv::folder_entry>> first;
+    {
+        const qv::scan_round round;
+        first = qv::ListFolder(dir);
+        ASSERT_TRUE(first);
+        EXPECT_EQ(names(first), (std::map<std::wstring, bool>{{L"a.dll", false}, {L"sub", true}}));
+        tmp.write(L"listed\\b.dll", "b");
+        EXPECT_EQ(qv::ListFolder(dir), first) << "within the round the folder stays as first seen";
+    }
+    age(); // the write time as it was when listed: nothing tells the next round of b.dll
+    {
+        const qv::scan_round round;
+        EXPECT_EQ(qv::ListFolder(dir), first) << "an unchanged folder is not listed again";
+    }
+    ASSERT_TRUE(DeleteFileW((dir + L"\\a.dll").c_str())); // the folder's time moves
+    {
+        const qv::scan_round round;
+        const auto now = qv::ListFolder(dir);
+        EXPECT_EQ(names(now), (std::map<std::wstring, bool>{{L"b.dll", false}, {L"sub", true}}));
+        tmp.write(L"listed\\c.dll", "c"); // written now: too recent to trust, listed again by the next round
+    }
+    {
+        const qv::scan_round outer;
+        const qv::scan_round inner; // joins the outer round
+        EXPECT_EQ(names(qv::ListFolder(dir)).count(L"c.dll"), 1u);
+    }
+    EXPECT_FALSE(qv::ListFolder(tmp / L"absent"));
+    EXPECT_FALSE(qv::ListFolder(dir + L"\\*"));
+}
