@@ -10,21 +10,13 @@
 #include <unordered_map>
 #include <unordered_set>
 
-namespace {
-
-std::vector<std::pair<std::wstring, std::vector<CImageTables::call>>>
-Copied(const std::vector<qv::pe::imported_module>& modules) {
-    std::vector<std::pair<std::wstring, std::vector<CImageTables::call>>> copied;
-    for (const auto& module : modules) {
-        std::vector<CImageTables::call> calls;
-        for (const auto& f : module.functions)
-            calls.push_back(f.by_ordinal ? CImageTables::call{{}, f.ordinal} : CImageTables::call{std::string(f.name), 0});
-        copied.emplace_back(qv::WidenAnsi(module.name), std::move(calls));
-    }
-    return copied;
+std::string_view CImageTables::Keep(std::string_view name) {
+    if (name.empty())
+        return {};
+    const size_t at = m_text.size();
+    m_text.append(name); // within the reserved size: the views taken before stay valid
+    return std::string_view(m_text).substr(at, name.size());
 }
-
-} // namespace
 
 CImageTables::CImageTables(const std::wstring& path) {
     const CPEImage image(path);
@@ -32,17 +24,42 @@ CImageTables::CImageTables(const std::wstring& path) {
     if (!m_usable)
         return;
     const qv::pe::pe_image& reader = *image.Reader();
-    m_imports = Copied(qv::pe::read_imports(reader));
-    m_delayImports = Copied(qv::pe::read_delay_imports(reader));
+    const auto imports = qv::pe::read_imports(reader), delayImports = qv::pe::read_delay_imports(reader);
     const auto exports = qv::pe::read_exports(reader);
+    size_t total = 0;
+    for (const auto* modules : {&imports, &delayImports})
+        for (const auto& module : *modules)
+            for (const auto& f : module.functions)
+                total += f.by_ordinal ? 0 : f.name.size();
+    if (exports) {
+        for (const auto& f : exports->functions)
+            total += f.forwarder.size();
+        for (const auto& entry : exports->names)
+            total += entry.first.size();
+    }
+    m_text.reserve(total);
+    auto copy = [&](const std::vector<qv::pe::imported_module>& modules,
+                    std::vector<std::pair<std::wstring, std::vector<call>>>& into) {
+        for (const auto& module : modules) {
+            std::vector<call> calls;
+            calls.reserve(module.functions.size());
+            for (const auto& f : module.functions)
+                calls.push_back(f.by_ordinal ? call{{}, f.ordinal} : call{Keep(f.name), 0});
+            into.emplace_back(qv::WidenAnsi(module.name), std::move(calls));
+        }
+    };
+    copy(imports, m_imports);
+    copy(delayImports, m_delayImports);
     if (!exports)
         return;
     m_ordinalBase = exports->ordinal_base;
     m_exportsComplete = exports->complete;
+    m_functions.reserve(exports->functions.size());
     for (const auto& f : exports->functions)
-        m_functions.push_back({f.rva != 0, std::string(f.forwarder)});
+        m_functions.push_back({f.rva != 0, Keep(f.forwarder)});
+    m_names.reserve(exports->names.size());
     for (const auto& [name, index] : exports->names)
-        m_names.emplace_back(std::string(name), index);
+        m_names.emplace_back(Keep(name), index);
 }
 
 const std::vector<CImageTables::call>* CImageTables::Calls(const std::wstring& dll, bool delay) const {
@@ -60,7 +77,7 @@ const CImageTables::export_entry* CImageTables::Find(const call& wanted) const {
         index = wanted.ordinal - m_ordinalBase;
     } else {
         const auto it = std::lower_bound(m_names.begin(), m_names.end(), wanted.name,
-                                         [](const auto& entry, const std::string& key) { return entry.first < key; });
+                                         [](const auto& entry, std::string_view key) { return entry.first < key; });
         if (it == m_names.end() || it->first != wanted.name)
             return nullptr;
         index = it->second;
@@ -83,6 +100,7 @@ namespace {
 
 // Whether the function is there at the end of its forwarders; a table cut short counts as having it.
 bool Exported(std::shared_ptr<const CImageTables> tables, CImageTables::call wanted, const forward_resolver& resolve) {
+    std::shared_ptr<const CImageTables> holder; // the tables whose text the name asked for lies in
     for (int hop = 0; hop <= kForwardHops; ++hop) {
         if (!tables->Usable())
             return true; // a file that is there but no image: nothing known against it
@@ -102,8 +120,9 @@ bool Exported(std::shared_ptr<const CImageTables> tables, CImageTables::call wan
         const forward_answer answer = resolve(module);
         if (answer.is != forward_answer::kind::look)
             return answer.is == forward_answer::kind::present;
+        holder = tables; // target->name views the forwarder's text in these tables
         tables = ImageTables(answer.path);
-        wanted = {std::string(target->name), target->ordinal};
+        wanted = {target->name, target->ordinal};
     }
     return false; // a chain that long comes back on itself, or ends nowhere the loader would go
 }

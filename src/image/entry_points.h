@@ -8,21 +8,26 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
-// The tables of one image as the check needs them, copied out of the file when it is made.
+// The tables of one image as the check needs them, copied out of the file when it is made. Every name lies in
+// one text of the object (the process keeps the tables of each image it met): views into it live as long as
+// the object.
 class CImageTables {
 public:
     explicit CImageTables(const std::wstring& path);
+    CImageTables(const CImageTables&) = delete;
+    CImageTables& operator=(const CImageTables&) = delete;
 
     struct call {
-        std::string name;          // empty for a call by ordinal
+        std::string_view name;     // empty for a call by ordinal
         std::uint16_t ordinal = 0; // the ordinal of a call by ordinal
     };
     struct export_entry {
-        bool present = false; // false for an empty slot
-        std::string forwarder; // "OTHER.Name" when the entry forwards
+        bool present = false;       // false for an empty slot
+        std::string_view forwarder; // "OTHER.Name" when the entry forwards
     };
 
     bool Usable() const { return m_usable; }
@@ -39,8 +44,10 @@ private:
     std::vector<std::pair<std::wstring, std::vector<call>>> m_imports, m_delayImports;
     std::uint32_t m_ordinalBase = 0;
     std::vector<export_entry> m_functions;
-    std::vector<std::pair<std::string, std::uint32_t>> m_names; // sorted, with the index of their function
+    std::vector<std::pair<std::string_view, std::uint32_t>> m_names; // sorted, with the index of their function
     bool m_exportsComplete = true;
+    std::string m_text; // every name above, reserved whole before the first is written
+    std::string_view Keep(std::string_view name);
 };
 
 // The tables of the image at path. Kept for the process, by path without regard to case, while the file's
