@@ -3,6 +3,10 @@
 // checked once per scan round (toolkit/scan_round.h): within a round a folder already checked costs no system
 // call. A folder written to in the last two seconds is listed again at each round (a coarse clock could hide
 // a second change); outside a round each call checks the folder's time.
+// Why this is safe: adding, removing or renaming an entry sets the folder's write time (on NTFS and on the Unix
+// file systems Wine runs on), so an unchanged time means unchanged entries; a listing too young to judge by a
+// clock of coarse grain is not trusted; and within a round the scan round's rule holds (toolkit/scan_round.h).
+// Only which names a folder holds is kept: what a file holds is read, and kept, by its own size and time.
 #pragma once
 
 #include <windows.h>

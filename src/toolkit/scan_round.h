@@ -2,6 +2,9 @@
 // against the disk once per round: the first look in a round asks the system whether it changed, later looks in
 // the same round take it as it was then. So a scan sees every file as it was when the scan first met it, and a
 // file created, rewritten or removed between two scans is seen by the second. Outside a round every look asks.
+// Why this is safe: a scan writes none of the files it reads, so within one scan only another program can change
+// them, and then the scan answers as if it had read the file at its first look (as a scan of one look per file
+// would); its results never mix two states of one file, and the next scan starts from the disk as it is.
 #pragma once
 
 #include <atomic>
