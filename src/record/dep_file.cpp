@@ -7,6 +7,7 @@
 #include "inc/unique_handles.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
+#include "toolkit/scan_round.h"
 #include "toolkit/string_convert.h"
 #include "toolkit/version_info.h"
 #include "traits/project_traits.h"
@@ -165,20 +166,43 @@ REGSAM SharedDllsAccess(bool wow64, DWORD machine) {
     return wow64 && image64 ? (KEY_READ | KEY_WOW64_64KEY) : KEY_READ;
 }
 
-bool ListedInSharedDlls(std::wstring_view name, REGSAM access) {
+namespace {
+
+// The file-name parts of the values of SharedDlls, in the key's order, as far as the key can be read.
+std::vector<std::wstring> SharedDllNames(REGSAM access) {
+    std::vector<std::wstring> names;
     qv::unique_hkey key;
     if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSharedDllsKey, 0, access, key.put()) != ERROR_SUCCESS)
-        return false;
+        return names;
     // Value names have at most 16383 characters.
     std::vector<wchar_t> valueName(16384);
     for (DWORD index = 0;; ++index) {
         DWORD length = static_cast<DWORD>(valueName.size());
         if (RegEnumValueW(key.get(), index, valueName.data(), &length, nullptr, nullptr, nullptr, nullptr) !=
             ERROR_SUCCESS)
-            return false; // the end of the values, or a key that cannot be read further
-        if (EqualNoCase(qv::FileNamePart(std::wstring_view(valueName.data(), length)), name))
-            return true;
+            return names; // the end of the values, or a key that cannot be read further
+        names.emplace_back(qv::FileNamePart(std::wstring_view(valueName.data(), length)));
     }
+}
+
+} // namespace
+
+bool ListedInSharedDlls(std::wstring_view name, REGSAM access) {
+    // A machine may list thousands of shared files: within a scan round the key is read once for all the records
+    // of the scan (the round's rule, toolkit/scan_round.h); outside a round it is read at each question.
+    thread_local struct {
+        unsigned long round = 0;
+        REGSAM access = 0;
+        std::vector<std::wstring> names;
+    } kept;
+    const unsigned long round = qv::CurrentScanRound();
+    if (round == 0 || kept.round != round || kept.access != access) {
+        kept.names = SharedDllNames(access);
+        kept.round = round;
+        kept.access = access;
+    }
+    return std::any_of(kept.names.begin(), kept.names.end(),
+                       [&](const std::wstring& listed) { return EqualNoCase(listed, name); });
 }
 
 } // namespace qv::dep_file_detail

@@ -5,6 +5,7 @@
 #include "record/dep_files.h"
 #include "static/dep_walker.h"
 #include "static/make_dep_file.h"
+#include "toolkit/scan_round.h"
 
 CStaticScan::CStaticScan() = default;
 CStaticScan::~CStaticScan() = default;
@@ -33,6 +34,7 @@ STDMETHODIMP CStaticScan::get_Edges(BSTR* lines) {
 
 STDMETHODIMP CStaticScan::ScanWithFilter(BSTR file, IStaticScanEvents* events, VARIANT_BOOL, BSTR sLangID,
                                          VARIANT_BOOL* completed, CFilterBase* filter, long scanType) {
+    const qv::scan_round round; // the walk and the records made of it see each file as it was at its first look
     if (completed)
         *completed = VARIANT_FALSE;
     const qv::com_ptr<IStaticScanEvents> hold(events); // the client's sink, for the length of the call

@@ -213,6 +213,30 @@ TEST_F(StaticScan, AFileChangedBetweenScansIsReadAgain) {
     }
 }
 
+// The shared mark of the records of one scan reads SharedDlls once; a value added between two scans is seen by
+// the second, and one removed too.
+TEST_F(StaticScan, SharedDllsAsTheScanFindsThem) {
+    registry_override machine(HKEY_LOCAL_MACHINE);
+    const wchar_t* key = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\SharedDlls";
+    DWORD one = 1;
+    auto shared = [&] {
+        run(walk(L"app\\app.exe"));
+        std::set<std::wstring> got;
+        for (const auto& [name, record] : records(dependencies().get()))
+            if (record.shared)
+                got.insert(name);
+        return got;
+    };
+    EXPECT_EQ(shared(), std::set<std::wstring>{});
+    registry_override::set_value(HKEY_LOCAL_MACHINE, key, L"C:\\elsewhere\\ALPHA.DLL", REG_DWORD, &one, sizeof one);
+    registry_override::set_value(HKEY_LOCAL_MACHINE, key, L"C:\\elsewhere\\beta.dll", REG_DWORD, &one, sizeof one);
+    EXPECT_EQ(shared(), (std::set<std::wstring>{L"alpha.dll", L"beta.dll"}));
+    qv::unique_hkey listed;
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, key, 0, KEY_SET_VALUE, listed.put()), ERROR_SUCCESS);
+    ASSERT_EQ(RegDeleteValueW(listed.get(), L"C:\\elsewhere\\beta.dll"), ERROR_SUCCESS);
+    EXPECT_EQ(shared(), std::set<std::wstring>{L"alpha.dll"});
+}
+
 TEST_F(StaticScan, FiltersDropAndMarkByFileName) {
     list_filter filter({L"delta.dll", L"missing_one.dll"}, {L"gamma.dll"});
     run(walk(L"app\\app.exe"), 0, &filter);
