@@ -74,6 +74,9 @@ constexpr option_spec fail_on_any_missing{"--fail-on-missing=all", nullptr,
                                           "exit 5 when any needed file is missing, delay-loaded ones too",
                                           [](options& o, const std::wstring&) { o.failOnMissing = 2; }};
 
+constexpr option_spec target{"--target", "NAME",
+                             "the machine the installer targets: a profile of Support\\targets, or a .json file",
+                             [](options& o, const std::wstring& v) { o.target = v; }};
 constexpr option_spec wxs{"--wxs", "FILE", "write WiX v3 source of an installer of the closure to FILE",
                           [](options& o, const std::wstring& v) { o.wxsFile = v; }};
 constexpr option_spec no_merge_modules{"--no-merge-modules", nullptr,
@@ -96,8 +99,7 @@ constexpr option_spec static_options[] = {
     {"--type", "N", "the scan mode (0, 1 or 2), with 32768 added to leave the merge-module catalog out", set_type},
     no_filter,
     merge_modules,
-    {"--target", "NAME", "the machine the installer targets: a profile of Support\\targets, or a .json file",
-     [](options& o, const std::wstring& v) { o.target = v; }},
+    target,
     {"--no-extensions", nullptr, "only the records a COM client of the scanner gets: no delay loads, no target",
      [](options& o, const std::wstring&) { o.extensions = false; }},
     fail_on_missing,
@@ -120,8 +122,7 @@ constexpr option_spec bundle_options[] = {
      [](options& o, const std::wstring&) { o.keepDestinations = true; }},
     {"--force", nullptr, "replace a file of OUTDIR that has other bytes", [](options& o, const std::wstring&) { o.force = true; }},
     lang,
-    {"--target", "NAME", "the machine the installer targets: a profile of Support\\targets, or a .json file",
-     [](options& o, const std::wstring& v) { o.target = v; }},
+    target,
     fail_on_missing,
     wxs,
     no_merge_modules,
@@ -135,8 +136,7 @@ constexpr option_spec why_options[] = {
     {"--all", nullptr, "every chain, not the first ten", [](options& o, const std::wstring&) { o.all = true; }},
     lang,
     no_filter,
-    {"--target", "NAME", "the machine the installer targets: a profile of Support\\targets, or a .json file",
-     [](options& o, const std::wstring& v) { o.target = v; }},
+    target,
 };
 constexpr option_spec json_only[] = {json_option};
 constexpr option_spec vbp_options[] = {
