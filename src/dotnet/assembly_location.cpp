@@ -38,19 +38,19 @@ bool IsDotOrDotDot(const wchar_t* name) {
 
 // The entries of folder that pattern matches: the process's listing for "*.*" (every entry), else a search of
 // the disk.
-std::shared_ptr<const std::vector<qv::folder_entry>> EntriesOf(const std::wstring& folder, const std::wstring& pattern) {
+std::shared_ptr<const qv::folder_listing> EntriesOf(const std::wstring& folder, const std::wstring& pattern) {
     if (pattern == L"*.*")
         return qv::ListFolder(folder);
     WIN32_FIND_DATAW data;
     unique_hfind find(FindFirstFileW(qv::JoinPath(folder, pattern).c_str(), &data));
     if (!find)
         return nullptr;
-    auto entries = std::make_shared<std::vector<qv::folder_entry>>();
+    std::vector<qv::folder_entry> entries;
     do {
         if (!IsDotOrDotDot(data.cFileName))
-            entries->push_back({data.cFileName, (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0});
+            entries.push_back({data.cFileName, (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0});
     } while (FindNextFileW(find.get(), &data));
-    return entries;
+    return std::make_shared<const qv::folder_listing>(std::move(entries));
 }
 
 bool IsNeutral(const std::wstring& culture) {

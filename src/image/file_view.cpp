@@ -50,15 +50,19 @@ bool CFileView::ReadChunk(std::uint64_t index) const {
     const DWORD want = static_cast<DWORD>(std::min(ChunkSize, m_nSize - start));
     if (!VirtualAlloc(m_pBase + start, want, MEM_COMMIT, PAGE_READWRITE))
         return false;
+    // The file pointer, not an OVERLAPPED offset: under Wine a read given an OVERLAPPED costs one more
+    // request to the server (for a completion port the handle does not have), and a view is read by one
+    // thread at a time.
     DWORD got = 0;
-    while (got < want) {
-        OVERLAPPED at{};
-        at.Offset = static_cast<DWORD>(start + got);
-        at.OffsetHigh = static_cast<DWORD>((start + got) >> 32);
-        DWORD n = 0;
-        if (!ReadFile(m_hFile.get(), m_pBase + start + got, want - got, &n, &at) || n == 0)
-            break;
-        got += n;
+    LARGE_INTEGER at{};
+    at.QuadPart = static_cast<LONGLONG>(start);
+    if (SetFilePointerEx(m_hFile.get(), at, nullptr, FILE_BEGIN)) {
+        while (got < want) {
+            DWORD n = 0;
+            if (!ReadFile(m_hFile.get(), m_pBase + start + got, want - got, &n, nullptr) || n == 0)
+                break;
+            got += n;
+        }
     }
     // A short read: the file has shrunk since it was opened, and ends here now.
     if (got < want)

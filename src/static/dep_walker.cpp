@@ -12,6 +12,7 @@
 #include "image/pe_images.h"
 #include "scanutil/scan_util.h"
 #include "static/scanned_pe.h"
+#include "toolkit/folder_listing.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/scan_round.h"
 #include "toolkit/probes.h"
@@ -65,42 +66,6 @@ namespace {
 // The key of a name as written and the machine it is looked for, in the scan's settled answers.
 std::wstring SettledKey(const std::wstring& name, DWORD machine) {
     return name + L'|' + std::to_wstring(machine);
-}
-
-// The .dep files of a folder, in lower case, as the process last listed them while the folder is unchanged.
-std::shared_ptr<const std::unordered_set<std::wstring>> DepFilesOf(const std::wstring& folder) {
-    struct listing {
-        FILETIME written{};
-        std::shared_ptr<const std::unordered_set<std::wstring>> names;
-    };
-    static SRWLOCK lock = SRWLOCK_INIT;
-    static std::unordered_map<std::wstring, listing> listings; // at most one entry a folder ever scanned
-    WIN32_FILE_ATTRIBUTE_DATA data{};
-    const bool known = GetFileAttributesExW(folder.empty() ? L"." : folder.c_str(), GetFileExInfoStandard, &data) &&
-                       (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY);
-    const std::wstring key = qv::FoldAsciiCase(qv::FullPath(folder.empty() ? L"." : folder));
-    if (known) {
-        AcquireSRWLockShared(&lock);
-        const auto it = listings.find(key);
-        auto names = it != listings.end() && CompareFileTime(&it->second.written, &data.ftLastWriteTime) == 0
-                         ? it->second.names
-                         : nullptr;
-        ReleaseSRWLockShared(&lock);
-        if (names)
-            return names;
-    }
-    auto names = std::make_shared<std::unordered_set<std::wstring>>();
-    WIN32_FIND_DATAW found;
-    qv::unique_hfind find(FindFirstFileW((folder + L"*.dep").c_str(), &found));
-    for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.get(), &found))
-        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
-            names->insert(qv::FoldAsciiCase(found.cFileName));
-    if (known) {
-        AcquireSRWLockExclusive(&lock);
-        listings[key] = {data.ftLastWriteTime, names};
-        ReleaseSRWLockExclusive(&lock);
-    }
-    return names;
 }
 
 } // namespace
@@ -504,15 +469,15 @@ void CDepWalker::PushSection(std::vector<WalkFrame>& stack, const qv::com_ptr<IQ
 }
 
 bool CDepWalker::DepFileExists(const std::wstring& depPath) {
-    // A folder's .dep files are listed once and the list kept while the folder's last-write time (which a
-    // file made, removed or renamed in it moves) stays the same: asking for each image's own would look for
-    // a file that is mostly not there, which costs a pass over the whole folder on a case-sensitive file
-    // system. Within one scan the first listing stands.
+    // Through the process's listing of the folder (toolkit/folder_listing.h): asking for each image's own .dep
+    // file would look for a file that is mostly not there, which costs a pass over the whole folder on a
+    // case-sensitive file system. Within one scan the first listing stands.
     const std::wstring folder = depPath.substr(0, depPath.size() - qv::FileNamePart(depPath).size());
     auto [it, added] = m_depFiles.try_emplace(qv::FoldAsciiCase(folder));
     if (added)
-        it->second = DepFilesOf(folder);
-    return it->second->count(qv::FoldAsciiCase(qv::FileNamePart(depPath))) != 0;
+        it->second = qv::ListFolder(qv::FullPath(folder.empty() ? L"." : folder));
+    const qv::folder_entry* entry = it->second ? it->second->find(qv::FileNamePart(depPath)) : nullptr;
+    return entry && !entry->folder;
 }
 
 std::wstring CDepWalker::LanguageSection(const std::wstring& name) const {

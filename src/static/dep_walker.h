@@ -18,6 +18,7 @@
 #include "inc/com_ptr.h"
 #include "record/dep_file.h"
 #include "static/dep_sections.h"
+#include "toolkit/folder_listing.h"
 
 #include <windows.h>
 
@@ -132,7 +133,7 @@ private:
     // Whether a .dep file of that path exists, from a listing of its folder made once a scan.
     bool DepFileExists(const std::wstring& depPath);
     // folded folder -> its .dep files in lower case
-    std::unordered_map<std::wstring, std::shared_ptr<const std::unordered_set<std::wstring>>> m_depFiles;
+    std::unordered_map<std::wstring, std::shared_ptr<const qv::folder_listing>> m_depFiles;
     static std::wstring SearchDepName(const std::wstring& name);
     // The sections being walked (each frame of a section holds its mark): a circle among them ends.
     CDepSections m_sections;

@@ -10,7 +10,7 @@ namespace qv {
 
 namespace {
 
-using listing = std::shared_ptr<const std::vector<folder_entry>>;
+using listing = std::shared_ptr<const folder_listing>;
 
 struct kept_listing {
     FILETIME written{};
@@ -31,17 +31,33 @@ listing ReadFolder(const std::wstring& folder) {
                                        nullptr, FIND_FIRST_EX_LARGE_FETCH));
     if (!find)
         return nullptr;
-    auto entries = std::make_shared<std::vector<folder_entry>>();
+    std::vector<folder_entry> entries;
     do {
         const std::wstring_view name = data.cFileName;
         if (name == L"." || name == L"..")
             continue;
-        entries->push_back({data.cFileName, (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0});
+        entries.push_back({data.cFileName, (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0});
     } while (FindNextFileW(find.get(), &data));
-    return entries;
+    return std::make_shared<const folder_listing>(std::move(entries));
 }
 
 } // namespace
+
+folder_listing::folder_listing(std::vector<folder_entry> entries) : m_entries(std::move(entries)) {
+    m_byName.reserve(m_entries.size());
+    for (size_t i = 0; i < m_entries.size(); ++i)
+        m_byName.try_emplace(LowerCase(m_entries[i].name), i);
+}
+
+const folder_entry* folder_listing::find(const std::wstring& name) const {
+    const auto it = m_byName.find(LowerCase(name));
+    return it == m_byName.end() ? nullptr : &m_entries[it->second];
+}
+
+bool ListingAnswersFor(std::wstring_view name) {
+    return !name.empty() && name.find_first_of(L"\\/:*?\"<>|~") == std::wstring_view::npos && name.back() != L'.' &&
+           name.back() != L' ';
+}
 
 listing ListFolder(const std::wstring& folder) {
     if (folder.empty() || folder.find_first_of(L"*?") != std::wstring::npos)
@@ -59,9 +75,14 @@ listing ListFolder(const std::wstring& folder) {
             return held;
     }
     WIN32_FILE_ATTRIBUTE_DATA data{};
-    if (!GetFileAttributesExW(folder.c_str(), GetFileExInfoStandard, &data) ||
-        !(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
+    if (!GetFileAttributesExW(folder.c_str(), GetFileExInfoStandard, &data)) {
+        const DWORD error = GetLastError();
+        if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND)
+            return nullptr; // no such folder: nothing to list (a Path often names some)
         return ReadFolder(folder); // a folder that cannot be timed is read as it is now
+    }
+    if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
+        return nullptr;
     AcquireSRWLockExclusive(&lock);
     if (const auto it = kept.find(key); it != kept.end() && it->second.settled &&
                                         CompareFileTime(&it->second.written, &data.ftLastWriteTime) == 0) {

@@ -13,6 +13,8 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace qv {
@@ -22,8 +24,29 @@ struct folder_entry {
     bool folder = false;
 };
 
+// A folder's entries, in the file system's order, and found by name without regard to case.
+class folder_listing {
+public:
+    explicit folder_listing(std::vector<folder_entry> entries);
+    std::vector<folder_entry>::const_iterator begin() const { return m_entries.begin(); }
+    std::vector<folder_entry>::const_iterator end() const { return m_entries.end(); }
+    size_t size() const { return m_entries.size(); }
+    // The entry of that name, compared as the system lowers names; null when the folder holds none. Where two
+    // entries differ only in case (a Unix folder may hold both), the first listed answers.
+    const folder_entry* find(const std::wstring& name) const;
+
+private:
+    std::vector<folder_entry> m_entries;
+    std::unordered_map<std::wstring, size_t> m_byName; // the lowered name: its first entry
+};
+
 // The folder's entries without "." and "..", in the file system's order; null when it cannot be listed (no
 // such folder, no access, a pattern or wildcard in the path).
-std::shared_ptr<const std::vector<folder_entry>> ListFolder(const std::wstring& folder);
+std::shared_ptr<const folder_listing> ListFolder(const std::wstring& folder);
+
+// Whether a listing answers for a name the way opening the folder's entry of that name would: a plain name,
+// with nothing the system reads in a path another way (a separator, a stream, a wildcard, a short name's
+// tilde, a trailing dot or space, which the system drops).
+bool ListingAnswersFor(std::wstring_view name);
 
 } // namespace qv

@@ -197,9 +197,15 @@ TEST(ServerFrame, AClassOutsideTheTableIsNotAvailable) {
 
 } // namespace
 
+const std::wstring& qv::test::path_tail_folder(int which) {
+    static const temp_dir folders;
+    static const std::wstring made[] = {folders.mkdir(L"first"), folders.mkdir(L"second")};
+    return made[which];
+}
+
 int main(int argc, char** argv) {
     std::wstring path = walk(L"lib") + L";;" + walk(L"path64") + L";" + walk(L"path32") + L";" + system_dir() + L";" +
-                        windows_dir();
+                        windows_dir() + L";" + path_tail_folder(0) + L";" + path_tail_folder(1);
     SetEnvironmentVariableW(L"Path", path.c_str());
     ::testing::InitGoogleMock(&argc, argv);
     struct unload_check : ::testing::Environment {

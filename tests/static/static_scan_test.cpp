@@ -7,6 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <functional>
 
 using namespace qv::test;
@@ -210,6 +212,47 @@ TEST_F(StaticScan, AFileChangedBetweenScansIsReadAgain) {
                 missing.insert(name);
         EXPECT_EQ(names(dependencies().get()), steps[i].records) << "step " << i;
         EXPECT_EQ(missing, steps[i].missing) << "step " << i;
+    }
+}
+
+// The folders of Path are looked at through the process's listings of them: a DLL that appears in a folder
+// searched before the one that held it, or disappears from either, is seen by the next scan, though the folder
+// was listed by an earlier one.
+TEST_F(StaticScan, PathFoldersChangedBetweenScansAreSeen) {
+    temp_dir tmp;
+    const std::wstring top = tmp.write(L"top.exe", image_writer().import("qvtail.dll").build().str());
+    const std::wstring first = path_tail_folder(0) + L"\\qvtail.dll", second = path_tail_folder(1) + L"\\qvtail.dll";
+    const std::string plain = image_writer().build().str(), importing = image_writer().import("qvzeta.dll").build().str();
+    auto put = [&](const std::wstring& path, const std::string& bytes) {
+        std::ofstream(std::filesystem::path(path), std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    };
+    const struct { std::function<void()> change; std::wstring folder; std::set<std::wstring> records; } steps[] = {
+        {[] {}, L"", {L"qvtail.dll"}},                                                  // missing
+        {[&] { put(second, plain); }, path_tail_folder(1), {L"qvtail.dll"}},           // appears in the later
+        {[&] { put(first, importing); }, path_tail_folder(0), {L"qvtail.dll", L"qvzeta.dll"}}, // then the earlier
+        {[&] { ASSERT_TRUE(DeleteFileW(first.c_str())); }, path_tail_folder(1), {L"qvtail.dll"}},
+        {[&] { ASSERT_TRUE(DeleteFileW(second.c_str())); }, L"", {L"qvtail.dll"}},
+    };
+    // Each step leaves both folders an old write time of its own, as a change long ago would: only that the
+    // time moved tells a scan to list them again.
+    auto age = [](const std::wstring& folder, size_t step) {
+        qv::unique_hfile handle(CreateFileW(folder.c_str(), FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                            nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+        const FILETIME old{static_cast<DWORD>(step * 10000000), 30000000};
+        ASSERT_TRUE(SetFileTime(handle.get(), nullptr, nullptr, &old));
+    };
+    for (size_t i = 0; i < std::size(steps); ++i) {
+        steps[i].change();
+        age(path_tail_folder(0), i);
+        age(path_tail_folder(1), i);
+        run(top);
+        const auto got = records(dependencies().get());
+        EXPECT_EQ(names(dependencies().get()), steps[i].records) << "step " << i;
+        ASSERT_TRUE(got.count(L"qvtail.dll")) << "step " << i;
+        const record& tail = got.at(L"qvtail.dll");
+        EXPECT_EQ(tail.missing, steps[i].folder.empty() ? VARIANT_TRUE : VARIANT_FALSE) << "step " << i;
+        if (!steps[i].folder.empty())
+            EXPECT_EQ(lower(tail.path), lower(steps[i].folder)) << "step " << i;
     }
 }
 

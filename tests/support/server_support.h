@@ -140,6 +140,8 @@ struct fake_catalog : fake<IQvMergeModuleCatalog> {
 inline std::wstring slashed(std::wstring path) { return std::replace(path.begin(), path.end(), L'\\', L'/'), path; }
 
 inline std::wstring walk(const std::wstring& rel) { return fixture(L"walk\\" + rel); }
+// Two empty folders of this process at the end of its Path, first before second, for tests that add files to them.
+const std::wstring& path_tail_folder(int which);
 
 inline std::wstring windows_dir() {
     wchar_t buffer[MAX_PATH];

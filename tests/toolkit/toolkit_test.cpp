@@ -353,7 +353,7 @@ TEST(FolderListing, HeldWithinARoundAndWhileTheFolderIsUnchanged) {
         return got;
     };
     age();
-    std::shared_ptr<const std::vector<qv::folder_entry>> first;
+    std::shared_ptr<const qv::folder_listing> first;
     {
         const qv::scan_round round;
         first = qv::ListFolder(dir);
