@@ -130,5 +130,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (std::uint32_t type : {0u, 16u, 24u})
         for (std::uint32_t name : {0u, 1u, 2u})
             (void)qv::pe::has_resource(*image, type, name);
+    const auto version = qv::pe::find_version_resource(*image);
+    check(version.is == qv::pe::version_resource::kind::one || version.data.empty(), "version bytes without a resource");
+    check(version.data.empty() || (version.data.data() >= data && version.data.data() + version.data.size() <= data + size),
+          "version resource outside the file");
     return 0;
 }

@@ -53,6 +53,15 @@ std::shared_ptr<const qv::folder_listing> EntriesOf(const std::wstring& folder, 
     return std::make_shared<const qv::folder_listing>(std::move(entries));
 }
 
+// Whether folder holds an entry of that name, a file or a folder, as PathFileExistsW tells: through the
+// process's listing of the folder, which the ladder lists next in any case.
+bool HoldsEntry(const std::wstring& folder, const std::wstring& name) {
+    if (qv::ListingAnswersFor(name))
+        if (const auto listing = qv::ListFolder(folder))
+            return listing->find(name) != nullptr;
+    return GetFileAttributesW(qv::JoinPath(folder, name).c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
 bool IsNeutral(const std::wstring& culture) {
     return culture.empty() || EqualNoCase(culture, L"neutral");
 }
@@ -165,7 +174,7 @@ bool FindAssembly(const std::wstring& name, const std::wstring& version, const s
                 return true;
             }
         }
-        if (PathFileExistsW(qv::JoinPath(baseFolder, file).c_str())) {
+        if (HoldsEntry(baseFolder, file)) {
             outFolder = WithBackslash(baseFolder);
             return true;
         }

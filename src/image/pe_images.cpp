@@ -107,6 +107,10 @@ std::shared_ptr<const image_facts> ReadFacts(const std::wstring& path) {
         facts->machine = image.GetMachine();
         for (const auto& module : qv::pe::read_delay_imports(*image.Reader(), false))
             facts->delayNames.push_back(qv::WidenAnsi(module.name));
+        const auto version = qv::pe::find_version_resource(*image.Reader());
+        facts->version = version.is;
+        if (version.is == qv::pe::version_resource::kind::one)
+            facts->versionResource.assign(version.data.data(), version.data.data() + version.data.size());
     }
     return facts;
 }

@@ -4,6 +4,8 @@
 // a corrupt file, or one that shrinks while it is read, is a state, never an exception.
 #pragma once
 
+#include "format/pe/resources.h"
+
 #include "format/pe/pe_image.h"
 #include "image/file_view.h"
 
@@ -84,6 +86,10 @@ struct image_facts {
     DWORD machine = 0;
     std::vector<std::wstring> importNames;
     std::vector<std::wstring> delayNames; // the delay-import table's names, in table order
+    // The version resource the system would read of the image, when its resource directory tells (see
+    // qv::pe::find_version_resource); `ask` for what is no usable image.
+    qv::pe::version_resource::kind version = qv::pe::version_resource::kind::ask;
+    std::vector<std::uint8_t> versionResource; // its bytes, for `one`
 };
 
 // The facts of the file at path. The answers are kept for the process, by path without regard to case,

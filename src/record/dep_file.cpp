@@ -59,6 +59,34 @@ bool FromStrictVariantBool(VARIANT_BOOL value) {
     return value == VARIANT_TRUE;
 }
 
+// A time of the file system as local time, as FileTimeToLocalFileTime gives it: the zone's offset of now,
+// whatever the time's own date. Within a scan round the offset is asked once (the round is one moment of the
+// scan; under Wine each conversion reads the zone from the registry anew).
+bool LocalFileTime(const FILETIME& utc, FILETIME& local) {
+    thread_local unsigned long offsetRound = 0;
+    thread_local LONGLONG offset = 0; // local minus UTC, in FILETIME ticks
+    const unsigned long round = qv::CurrentScanRound();
+    const LONGLONG at = static_cast<LONGLONG>((static_cast<ULONGLONG>(utc.dwHighDateTime) << 32) | utc.dwLowDateTime);
+    constexpr LONGLONG Day = 864000000000LL;
+    if (round == 0 || at < Day || at > (LONGLONG{1} << 62))
+        return FileTimeToLocalFileTime(&utc, &local) != FALSE;
+    if (offsetRound != round) {
+        FILETIME utcNow, localNow;
+        GetSystemTimeAsFileTime(&utcNow);
+        if (!FileTimeToLocalFileTime(&utcNow, &localNow))
+            return FileTimeToLocalFileTime(&utc, &local) != FALSE;
+        auto ticks = [](const FILETIME& t) {
+            return static_cast<LONGLONG>((static_cast<ULONGLONG>(t.dwHighDateTime) << 32) | t.dwLowDateTime);
+        };
+        offset = ticks(localNow) - ticks(utcNow);
+        offsetRound = round;
+    }
+    const ULONGLONG shifted = static_cast<ULONGLONG>(at + offset);
+    local.dwLowDateTime = static_cast<DWORD>(shifted);
+    local.dwHighDateTime = static_cast<DWORD>(shifted >> 32);
+    return true;
+}
+
 // Last write time as local time, cut to the 2-second grain of a DOS time. 0 when a step fails (a time
 // before 1980 has no DOS form).
 DATE LocalDosTime(const FILETIME& written) {
@@ -66,7 +94,7 @@ DATE LocalDosTime(const FILETIME& written) {
     WORD dosDate = 0;
     WORD dosTime = 0;
     DATE result = 0;
-    if (!FileTimeToLocalFileTime(&written, &local) || !FileTimeToDosDateTime(&local, &dosDate, &dosTime) ||
+    if (!LocalFileTime(written, local) || !FileTimeToDosDateTime(&local, &dosDate, &dosTime) ||
         !DosDateTimeToVariantTime(dosDate, dosTime, &result))
         return 0;
     return result;
@@ -74,7 +102,7 @@ DATE LocalDosTime(const FILETIME& written) {
 
 // What a record reads of its file: the version resource, and the size and write time of its directory entry.
 // Kept per process while the file's size and write time stay the same, so a library that the closures of many
-// scans meet is read once (the version block alone costs two opens and two mappings of the file).
+// scans meet is read once.
 struct file_facts {
     qv::version_info info;
     bool listed = false; // the directory entry was found
@@ -88,7 +116,14 @@ std::shared_ptr<const file_facts> FileFacts(const std::wstring& path) {
         path,
         [](const std::wstring& file) {
             auto facts = std::make_shared<file_facts>();
-            facts->info.Load(file);
+            // An image's version resource as the image's facts found it, when they could tell which one the
+            // system reads: no opening and mapping of the file again through GetFileVersionInfoW, twice.
+            const auto image = ImageFacts(file);
+            using version = qv::pe::version_resource::kind;
+            if (image->version == version::one)
+                facts->info.LoadResource(image->versionResource.data(), image->versionResource.size());
+            else if (image->version == version::ask)
+                facts->info.Load(file);
             WIN32_FIND_DATAW data{};
             if (unique_hfind find(FindFirstFileW(file.c_str(), &data)); find) {
                 facts->listed = true;

@@ -64,7 +64,7 @@ listing ListFolder(const std::wstring& folder) {
         return nullptr;
     static SRWLOCK lock = SRWLOCK_INIT;
     static std::unordered_map<std::wstring, kept_listing> kept; // an entry a folder listed in the process
-    const std::wstring key = LowerCase(folder);
+    const std::wstring key = LowerCase(FullPath(folder)); // a relative folder stands on the current one
     const unsigned long round = CurrentScanRound();
     if (round != 0) {
         AcquireSRWLockShared(&lock);

@@ -22,13 +22,17 @@ template <typename Fn> Fn KernelFunction(const char* name) {
     return reinterpret_cast<Fn>(reinterpret_cast<void (*)()>(proc));
 }
 
+// Asked once: the machine does not change under a process, and under Wine each question is a request to the server.
 WORD NativeProcessorArchitecture() {
-    SYSTEM_INFO info{};
-    if (auto native = KernelFunction<void(WINAPI*)(LPSYSTEM_INFO)>("GetNativeSystemInfo"))
-        native(&info);
-    else
-        GetSystemInfo(&info);
-    return info.wProcessorArchitecture;
+    static const WORD architecture = [] {
+        SYSTEM_INFO info{};
+        if (auto native = KernelFunction<void(WINAPI*)(LPSYSTEM_INFO)>("GetNativeSystemInfo"))
+            native(&info);
+        else
+            GetSystemInfo(&info);
+        return info.wProcessorArchitecture;
+    }();
+    return architecture;
 }
 
 // prefix's length of path replaced by replacement, when path starts with prefix.
@@ -217,9 +221,13 @@ bool Is64BitOs() {
 }
 
 bool IsWow64() {
-    auto isWow64Process = KernelFunction<BOOL(WINAPI*)(HANDLE, PBOOL)>("IsWow64Process");
-    BOOL wow64 = FALSE;
-    return isWow64Process && isWow64Process(GetCurrentProcess(), &wow64) && wow64;
+    // Asked once, as the machine above.
+    static const bool wow64 = [] {
+        auto isWow64Process = KernelFunction<BOOL(WINAPI*)(HANDLE, PBOOL)>("IsWow64Process");
+        BOOL is = FALSE;
+        return isWow64Process && isWow64Process(GetCurrentProcess(), &is) && is;
+    }();
+    return wow64;
 }
 
 const std::wstring& SystemFolder() {

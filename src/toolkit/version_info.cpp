@@ -7,15 +7,17 @@
 #include <cstring>
 #include <memory>
 
-namespace {
-
 // A freshly loaded block and what was read from it.
-struct loaded_version {
+struct qv::version_info::loaded_version {
     std::unique_ptr<BYTE[]> block;
     VS_FIXEDFILEINFO fixed{};
     const BYTE* translations = nullptr; // raw 4-byte entries inside the block
     UINT translationCount = 0;
 };
+
+namespace {
+
+using loaded_version = qv::version_info::loaded_version;
 
 // Whether [value, value + length) lies inside the block, in subtraction form.
 bool InBlock(const BYTE* block, DWORD size, const void* value, UINT length) {
@@ -25,17 +27,7 @@ bool InBlock(const BYTE* block, DWORD size, const void* value, UINT length) {
     return length <= static_cast<size_t>(block + size - p);
 }
 
-bool LoadVersion(const std::wstring& file, loaded_version& out) {
-    DWORD ignored = 0;
-    DWORD size = GetFileVersionInfoSizeW(file.c_str(), &ignored);
-    if (size == 0)
-        return false;
-    // Zero-filled: the size asked for exceeds the resource, so a string value that lacks its
-    // terminator still ends inside the block.
-    auto block = std::make_unique<BYTE[]>(size);
-    if (!GetFileVersionInfoW(file.c_str(), 0, size, block.get()))
-        return false;
-
+bool ParseVersion(std::unique_ptr<BYTE[]> block, DWORD size, loaded_version& out) {
     void* value = nullptr;
     UINT length = 0;
     if (!VerQueryValueW(block.get(), L"\\", &value, &length) || !value || length < sizeof(VS_FIXEDFILEINFO) ||
@@ -53,6 +45,30 @@ bool LoadVersion(const std::wstring& file, loaded_version& out) {
     }
     out.block = std::move(block);
     return true;
+}
+
+bool LoadVersion(const std::wstring& file, loaded_version& out) {
+    DWORD ignored = 0;
+    DWORD size = GetFileVersionInfoSizeW(file.c_str(), &ignored);
+    if (size == 0)
+        return false;
+    // Zero-filled: the size asked for exceeds the resource, so a string value that lacks its
+    // terminator still ends inside the block.
+    auto block = std::make_unique<BYTE[]>(size);
+    if (!GetFileVersionInfoW(file.c_str(), 0, size, block.get()))
+        return false;
+    return ParseVersion(std::move(block), size, out);
+}
+
+// The block as GetFileVersionInfoW lays out a resource of that size: the resource's bytes at its start, in a
+// zero-filled block of the size GetFileVersionInfoSizeW asks for (twice the resource and four bytes more).
+bool LoadVersionResource(const void* resource, size_t length, loaded_version& out) {
+    if (length == 0 || length > 0x7FFFFFF0 / 2)
+        return false;
+    const DWORD size = static_cast<DWORD>(length * 2 + 4);
+    auto block = std::make_unique<BYTE[]>(size);
+    std::memcpy(block.get(), resource, length);
+    return ParseVersion(std::move(block), size, out);
 }
 
 DWORD TranslationAt(const BYTE* translations, UINT index) {
@@ -155,10 +171,19 @@ void version_info::Release() noexcept {
 }
 
 bool version_info::Load(const std::wstring& file) {
+    loaded_version loaded;
+    return Take(LoadVersion(file, loaded), loaded);
+}
+
+bool version_info::LoadResource(const void* resource, size_t length) {
+    loaded_version loaded;
+    return Take(LoadVersionResource(resource, length, loaded), loaded);
+}
+
+bool version_info::Take(bool read, loaded_version& loaded) {
     Release();
     static_cast<VS_FIXEDFILEINFO&>(*this) = VS_FIXEDFILEINFO{};
-    loaded_version loaded;
-    if (!LoadVersion(file, loaded))
+    if (!read)
         return false;
     std::vector<DWORD> translations;
     translations.reserve(loaded.translationCount);

@@ -29,6 +29,9 @@ public:
     // True when the file has a version resource with a fixed record. Loading again replaces what
     // the object held (copies keep the old block); a failed load leaves it empty.
     bool Load(const std::wstring& file);
+    // The same from a version resource's bytes as the file holds them, which GetFileVersionInfoW would hand out
+    // of the file: for a reader that has found the resource itself.
+    bool LoadResource(const void* resource, size_t length);
 
     // The text of a value as a pointer into the shared block, or nullptr. The pointer lives as
     // long as this object or a copy of it. `name` is narrow text, widened with the ANSI code page.
@@ -37,8 +40,11 @@ public:
     // Each entry: language in the low 16 bits, code page in the high 16 bits, in resource order.
     std::vector<DWORD> m_translations;
 
+    struct loaded_version;
+
 private:
     void Release() noexcept;
+    bool Take(bool read, loaded_version& loaded);
 
     BYTE* m_pBlock = nullptr;
     std::atomic<LONG>* m_pRefCount = nullptr;

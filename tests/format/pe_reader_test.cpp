@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 
 namespace {
@@ -190,6 +191,48 @@ TEST(PeImage, ResourcesByNumberedTypeAndName) {
         EXPECT_EQ(has_resource(*pe_image::open(dll(true, rsrc).span()), r.type, r.name), r.found) << r.type << r.name;
     }
     EXPECT_FALSE(has_resource(*pe_image::open(writer(true).build().span()), 24, 0));
+}
+
+// Which version resource the system would read: the fixture's type 16, name 1, one language, its data entry
+// pointed at eight bytes of the section; each row changes the resource bytes (at, value) or the whole.
+TEST(PeImage, VersionResourceWhenTheDirectoryTellsWhichOne) {
+    using kind = version_resource::kind;
+    const auto with_data = [](bytes_t b) {
+        put32(b, 0xE0, 0x3000 + 0xF0), put32(b, 0xE4, 8); // the data entry: RVA (the section's), size
+        for (std::uint32_t i = 0; i < 8; ++i)
+            b[0xF0 + i] = static_cast<std::uint8_t>('a' + i);
+        return b;
+    };
+    const auto named = [](const char* text) { // the named type entry's name
+        return [=](bytes_t& b) {
+            put16(b, 0x30, static_cast<std::uint16_t>(std::strlen(text)));
+            for (size_t i = 0; text[i]; ++i)
+                put16(b, static_cast<std::uint32_t>(0x32 + 2 * i), static_cast<std::uint8_t>(text[i]));
+        };
+    };
+    const auto set = [](std::uint32_t at, std::uint32_t value) { return [=](bytes_t& b) { put32(b, at, value); }; };
+    const auto none = [](bytes_t&) {};
+    const struct { const char* what; std::function<void(bytes_t&)> change; kind is; } rows[] = {
+        {"one language", none, kind::one}, {"another named type", named("TYPELIB"), kind::one},
+        {"a MUI type", named("MUI"), kind::ask}, {"a mui type", named("mui"), kind::ask},
+        {"MUIX", named("MUIX"), kind::one}, {"no type 16", set(0x18, 17), kind::none},
+        {"no name 1", set(0x50, 2), kind::none}, {"two languages", set(0xCC, 0x00020000), kind::ask},
+        {"a language subtable", set(0xD4, 0x800000E0), kind::ask}, {"size 0", set(0xE4, 0), kind::ask},
+        {"data in no section", set(0xE0, 0x7FFF0000), kind::ask}, {"past the file", set(0xE4, 0x100000), kind::ask},
+        {"type 16 a leaf", set(0x1C, 0x40), kind::ask}, {"name 1 a leaf", set(0x54, 0xC0), kind::ask},
+        {"a huge type count, 16 first", set(0x0C, 0xFFFF0001), kind::one}};
+    for (bool plus : {false, true})
+        for (const auto& r : rows) {
+            bytes_t rsrc = with_data(resources());
+            r.change(rsrc);
+            const written_image image = dll(plus, rsrc);
+            ASSERT_EQ(image.sections[2].virtual_address, 0x3000u);
+            const auto found = find_version_resource(*pe_image::open(image.span()));
+            EXPECT_EQ(found.is, r.is) << r.what << (plus ? " pe32+" : " pe32");
+            if (found.is == kind::one)
+                EXPECT_EQ(std::string(found.data.data(), found.data.data() + found.data.size()), "abcdefgh") << r.what;
+        }
+    EXPECT_EQ(find_version_resource(*pe_image::open(writer(true).build().span())).is, kind::none); // no directory
 }
 
 // Every answer on `bytes` is the plain walk's, and every import name views the bytes with its terminator.
