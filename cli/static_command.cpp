@@ -16,7 +16,11 @@
 #include "toolkit/path_helpers.h"
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <stdexcept>
+#include <thread>
 
 namespace qvscan {
 
@@ -195,46 +199,104 @@ int tell_static(const server_dll& dll, const static_result& r) {
     return ExitOk;
 }
 
-bool starts_as_image(const std::wstring& file) {
-    char head[2] = {};
-    DWORD got = 0;
-    qv::unique_hfile handle(CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                        OPEN_EXISTING, 0, nullptr));
-    return handle && ReadFile(handle.get(), head, 2, &got, nullptr) && got == 2 && head[0] == 'M' && head[1] == 'Z';
-}
-
-// The Windows images in a folder, by name.
-std::vector<std::wstring> folder_images(const std::wstring& folder) {
-    std::vector<std::wstring> images;
-    WIN32_FIND_DATAW data;
-    qv::unique_hfind find(FindFirstFileW(qv::JoinPath(folder, L"*").c_str(), &data));
-    for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.get(), &data)) {
-        const std::wstring file = qv::JoinPath(folder, data.cFileName);
-        if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && starts_as_image(file))
-            images.push_back(file);
-    }
-    std::sort(images.begin(), images.end(), [](const std::wstring& a, const std::wstring& b) {
-        return CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_LESS_THAN;
-    });
-    return images;
-}
-
-// The files a list of FILEs and folders names: a folder stands for the Windows images in it.
-std::vector<std::wstring> static_files(const options& o) {
-    std::vector<std::wstring> given{o.file};
-    given.insert(given.end(), o.names.begin(), o.names.end());
-    std::vector<std::wstring> files;
-    for (const std::wstring& one : given) {
-        const std::wstring path = full_path(one);
-        if (!is_folder(path)) {
-            files.push_back(path);
-            continue;
+// The files a list of FILEs and folders names, in order: a FILE as given, a folder's files by name. Which of a
+// folder's files are Windows images (they start "MZ") is told by a second thread that reads their first bytes
+// while the first thread scans the images it has been told of: under Wine each of those reads is three requests
+// to the server, and two threads overlap their waits.
+class static_files {
+public:
+    explicit static_files(const options& o) {
+        std::vector<std::wstring> given{o.file};
+        given.insert(given.end(), o.names.begin(), o.names.end());
+        for (const std::wstring& one : given) {
+            const std::wstring path = full_path(one);
+            if (!is_folder(path)) {
+                m_files.push_back({path, true});
+                continue;
+            }
+            std::vector<std::wstring> names;
+            WIN32_FIND_DATAW data;
+            qv::unique_hfind find(FindFirstFileW(qv::JoinPath(path, L"*").c_str(), &data));
+            for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.get(), &data))
+                if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
+                    names.push_back(qv::JoinPath(path, data.cFileName));
+            std::sort(names.begin(), names.end(), [](const std::wstring& a, const std::wstring& b) {
+                return CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_LESS_THAN;
+            });
+            for (std::wstring& name : names)
+                m_files.push_back({std::move(name), false});
         }
-        const std::vector<std::wstring> images = folder_images(path);
-        files.insert(files.end(), images.begin(), images.end());
+        m_checked.assign(m_files.size(), false);
+        m_checker = std::thread([this] { check(); });
     }
-    return files;
-}
+    ~static_files() {
+        m_stop = true;
+        m_checker.join();
+    }
+    static_files(const static_files&) = delete;
+    static_files& operator=(const static_files&) = delete;
+
+    // The next file to scan, waiting for its check; false after the last.
+    bool next(std::wstring& file) {
+        std::unique_lock<std::mutex> lock(m_lock);
+        for (; m_next < m_files.size(); ++m_next) {
+            m_ready.wait(lock, [&] { return m_checked[m_next]; });
+            if (m_files[m_next].image) {
+                file = m_files[m_next++].path;
+                return true;
+            }
+        }
+        return false;
+    }
+    // How many files there are to scan, as far as the checks have gone (the files not yet checked counted in).
+    size_t count() {
+        std::lock_guard<std::mutex> lock(m_lock);
+        size_t n = 0;
+        for (size_t i = 0; i < m_files.size(); ++i)
+            n += !m_checked[i] || m_files[i].image;
+        return n;
+    }
+    // Every file to scan, in order.
+    std::vector<std::wstring> all() {
+        std::vector<std::wstring> files;
+        for (std::wstring file; next(file);)
+            files.push_back(std::move(file));
+        return files;
+    }
+
+private:
+    struct entry {
+        std::wstring path;
+        bool image = false; // a FILE given is scanned whatever it holds
+    };
+
+    static bool starts_as_image(const std::wstring& file) {
+        char head[2] = {};
+        DWORD got = 0;
+        qv::unique_hfile handle(CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                            OPEN_EXISTING, 0, nullptr));
+        return handle && ReadFile(handle.get(), head, 2, &got, nullptr) && got == 2 && head[0] == 'M' &&
+               head[1] == 'Z';
+    }
+
+    void check() {
+        for (size_t i = 0; i < m_files.size() && !m_stop; ++i) {
+            const bool image = m_files[i].image || starts_as_image(m_files[i].path);
+            std::lock_guard<std::mutex> lock(m_lock);
+            m_files[i].image = image;
+            m_checked[i] = true;
+            m_ready.notify_all();
+        }
+    }
+
+    std::vector<entry> m_files;
+    std::vector<bool> m_checked; // under m_lock, as the image marks
+    size_t m_next = 0;
+    std::mutex m_lock;
+    std::condition_variable m_ready;
+    std::atomic<bool> m_stop{false};
+    std::thread m_checker;
+};
 
 int run_one(const server_dll& dll, IStaticScan* scan, const std::wstring& file, const options& o, IUnknown* catalog,
             const target_profile& target) {
@@ -255,14 +317,15 @@ int run_one(const server_dll& dll, IStaticScan* scan, const std::wstring& file, 
 // Several files, or the images of a folder: a section for each, one after the other.
 int run_several(const server_dll& dll, IStaticScan* scan, const options& o, IUnknown* catalog,
                 const target_profile& target) {
-    const std::vector<std::wstring> files = static_files(o);
+    static_files files(o);
     progress_line progress;
     std::vector<static_result> results;
     int rc = ExitOk;
     size_t records = 0, missing = 0;
-    for (size_t i = 0; i < files.size(); ++i) {
-        progress.draw("[" + std::to_string(i + 1) + "/" + std::to_string(files.size()) + "] " + utf8(files[i]));
-        results.push_back(scan_static(scan, files[i], o, catalog, target));
+    for (std::wstring file; files.next(file);) {
+        progress.draw("[" + std::to_string(results.size() + 1) + "/" + std::to_string(files.count()) + "] " +
+                      utf8(file));
+        results.push_back(scan_static(scan, file, o, catalog, target));
         progress.clear();
         rc = std::max(rc, tell_static(dll, results.back()));
         records += results.back().records.size();
@@ -281,7 +344,7 @@ int run_several(const server_dll& dll, IStaticScan* scan, const options& o, IUnk
         out(std::to_string(results.size()) + " files scanned, " + std::to_string(records) + " records, " +
             std::to_string(missing) + " missing " + marks_legend + "\n");
     }
-    if (files.empty())
+    if (results.empty())
         err("qvscan: no Windows image to scan\n");
     std::vector<const static_result*> scanned;
     for (const static_result& r : results)
@@ -339,7 +402,7 @@ int run_why(const server_dll& dll, const options& o) {
 
 int run_bundle(const server_dll& dll, const options& o) {
     const std::wstring into = full_path(o.outDir);
-    const std::vector<std::wstring> files = static_files(o);
+    const std::vector<std::wstring> files = static_files(o).all();
     for (const std::wstring& file : files) {
         const std::wstring folder = qv::DirectoryPart(file);
         if (CompareStringOrdinal(into.c_str(), static_cast<int>(std::min(into.size(), folder.size())), folder.c_str(),
