@@ -18,8 +18,9 @@ std::string_view CImageTables::Keep(std::string_view name) {
     return std::string_view(m_text).substr(at, name.size());
 }
 
-CImageTables::CImageTables(const std::wstring& path) {
-    const CPEImage image(path);
+CImageTables::CImageTables(const std::wstring& path) : CImageTables(CPEImage(path)) {}
+
+CImageTables::CImageTables(const CPEImage& image) {
     m_usable = image.Usable();
     if (!m_usable)
         return;
@@ -85,11 +86,23 @@ const CImageTables::export_entry* CImageTables::Find(const call& wanted) const {
     return index < m_functions.size() && m_functions[index].present ? &m_functions[index] : nullptr;
 }
 
-std::shared_ptr<const CImageTables> ImageTables(const std::wstring& path) {
+namespace {
+
+file_cache<CImageTables>& KeptTables() {
     static file_cache<CImageTables> kept(kImageTablesKept);
-    return kept.get(
+    return kept;
+}
+
+} // namespace
+
+std::shared_ptr<const CImageTables> ImageTables(const std::wstring& path) {
+    return KeptTables().get(
         path, [](const std::wstring& file) { return std::make_shared<const CImageTables>(file); },
         [](const CImageTables&) { return true; });
+}
+
+void KeepImageTables(const std::wstring& path, std::shared_ptr<const CImageTables> tables) {
+    KeptTables().put(path, std::move(tables));
 }
 
 bool IsApiSetName(const std::wstring& name) {

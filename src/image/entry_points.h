@@ -18,6 +18,7 @@
 class CImageTables {
 public:
     explicit CImageTables(const std::wstring& path);
+    explicit CImageTables(const class CPEImage& image);
     CImageTables(const CImageTables&) = delete;
     CImageTables& operator=(const CImageTables&) = delete;
 
@@ -54,6 +55,26 @@ private:
 // size and last-write time stay the same; at most kImageTablesKept images, the oldest half forgotten beyond.
 std::shared_ptr<const CImageTables> ImageTables(const std::wstring& path);
 inline constexpr size_t kImageTablesKept = 4096;
+
+// While one lives on a thread, reading an image's facts (ImageFacts) reads its tables too, from the same open of
+// the file, and keeps them as ImageTables would: for a scan that will check the entry points of nearly every
+// image it meets (one without lists, whose every image found is a record), so that no image is opened twice.
+class image_tables_ahead {
+public:
+    image_tables_ahead() { ++depth(); }
+    ~image_tables_ahead() { --depth(); }
+    image_tables_ahead(const image_tables_ahead&) = delete;
+    image_tables_ahead& operator=(const image_tables_ahead&) = delete;
+    static bool Active() { return depth() > 0; }
+
+private:
+    static int& depth() {
+        thread_local int d = 0;
+        return d;
+    }
+};
+// Keeps tables read by a reader of the image (see image_tables_ahead).
+void KeepImageTables(const std::wstring& path, std::shared_ptr<const CImageTables> tables);
 
 // How the module a forwarder names stands: provided without a look (an API-set contract, a system file),
 // to be looked into at path, or not there at all.

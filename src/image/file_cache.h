@@ -68,6 +68,20 @@ public:
         return value;
     }
 
+    // Keeps a value read of the file at path by another reader, as get would keep it: a value for the file as it
+    // is now (its size and time are taken here), checked in this round.
+    void put(const std::wstring& path, std::shared_ptr<const T> value) {
+        WIN32_FILE_ATTRIBUTE_DATA data{};
+        if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) ||
+            (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
+            return;
+        const ULONGLONG size = (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+        AcquireSRWLockExclusive(&m_lock);
+        if (m_kept.size() < m_most)
+            m_kept[qv::LowerCase(path)] = {size, data.ftLastWriteTime, ++m_uses, qv::CurrentScanRound(), std::move(value)};
+        ReleaseSRWLockExclusive(&m_lock);
+    }
+
 private:
     struct entry {
         ULONGLONG size = 0;

@@ -3,6 +3,7 @@
 #include "format/pe/pe_tables.h"
 
 #include "image/activation_scope.h"
+#include "image/entry_points.h"
 #include "image/file_cache.h"
 
 #include "toolkit/path_helpers.h"
@@ -111,6 +112,8 @@ std::shared_ptr<const image_facts> ReadFacts(const std::wstring& path) {
         facts->version = version.is;
         if (version.is == qv::pe::version_resource::kind::one)
             facts->versionResource.assign(version.data.data(), version.data.data() + version.data.size());
+        if (image_tables_ahead::Active())
+            KeepImageTables(path, std::make_shared<const CImageTables>(image));
     }
     return facts;
 }

@@ -88,6 +88,11 @@ void CDepWalker::Scan(const std::wstring& file, IStaticScanEvents* events, CFilt
     m_nScanMode = scanType & ~(IgnoreCatalogFlag | qv::scan_type::extensions);
     m_bDelayLoads = (scanType & qv::scan_type::delay_loads) != 0;
     m_bDetails = (scanType & qv::scan_type::details) != 0;
+    // Without lists every image the walk finds is a record whose entry points are checked: its tables are read
+    // with its facts.
+    std::optional<image_tables_ahead> tablesAhead;
+    if (m_bDetails && (!filter || !filter->Filtering()))
+        tablesAhead.emplace();
 
     m_pScanUtil = qv::make_object<CScanUtil>();
 
@@ -529,7 +534,10 @@ bool CDepWalker::InMergeModule(const std::wstring& path, ScannedFile& record) {
     const qv::bstr source(path);
     qv::com_ptr<IUnknown> module;
     VARIANT_BOOL yes = VARIANT_FALSE;
-    check_hr(m_pScanUtil->InMergeModule(source.get(), module.put(), &yes));
+    // The machine as InMergeModule would read it of the image, from the facts the walk already holds.
+    const auto facts = ImageFacts(path);
+    check_hr(m_pScanUtil->InMergeModuleEx(source.get(), static_cast<LONG>(facts->usable ? facts->machine : 0),
+                                          module.put(), &yes));
     if (!yes)
         return false;
     if (module) {

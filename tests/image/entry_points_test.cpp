@@ -2,6 +2,9 @@
 // into shipped DLLs, system DLLs, API-set contracts and nowhere, chains that come back or run too deep, and
 // tables the check cannot trust.
 #include "image/entry_points.h"
+#include "image/pe_images.h"
+#include "inc/unique_handles.h"
+#include "toolkit/scan_round.h"
 #include "image_writer.h"
 #include "test_support.h"
 
@@ -9,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <optional>
 
 using namespace qv::test;
 using ::testing::ElementsAreArray;
@@ -99,6 +103,25 @@ TEST_F(EntryPoints, WhatCannotBeJudgedIsNotTold) {
     // What is kept of an image stands only while the file does: one rewritten is read again.
     dir.write(L"noexports.dll", exporter({"f"}));
     EXPECT_THAT(missing(L"app.exe", L"noexports.dll"), ::testing::IsEmpty());
+}
+
+// Read ahead, an image's tables come from the open that read its facts: a file that can no longer be opened
+// (another program holds it, sharing nothing) still has them. Without it, they are read when asked for.
+TEST_F(EntryPoints, TablesReadAheadWithTheFactsNeedNoSecondOpen) {
+    for (const bool ahead : {true, false}) {
+        SCOPED_TRACE(ahead ? "read ahead" : "asked for");
+        const std::wstring dll = dir.write(ahead ? L"ahead.dll" : L"asked.dll", exporter({"f", "g"}));
+        const qv::scan_round round;
+        std::optional<image_tables_ahead> reading;
+        if (ahead)
+            reading.emplace();
+        ASSERT_TRUE(ImageFacts(dll)->usable);
+        const qv::unique_hfile held(CreateFileW(dll.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        ASSERT_TRUE(held);
+        const auto tables = ImageTables(dll);
+        EXPECT_EQ(tables->Usable(), ahead);
+        EXPECT_EQ(tables->Find({"g", 0}) != nullptr, ahead);
+    }
 }
 
 TEST(ApiSetNames, ByPrefixWithoutCase) {
