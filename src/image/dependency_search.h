@@ -1,5 +1,9 @@
 // The search for a dependency by name: the folders a loader would try, and of the files found there the
 // first that is no usable image or an image of the machine asked for. It reads images through ImageFacts.
+// A folder named from a drive's or share's root (the root given, the folders of Path) is looked in through the
+// process's listing of it (toolkit/folder_listing.h), so that a name it lacks costs no call to the system; the
+// current folder, a relative one and a name a listing cannot answer for (a short name, a separator) are
+// looked at on the disk as they are now.
 #pragma once
 
 #include <windows.h>

@@ -5,11 +5,11 @@
 // must never overlap another scan in the process.
 //
 // Within a scan a name is searched once per machine, and each image is read once: the machine test's
-// reading serves the walk. Across scans the process keeps what it read of each image (ImageFacts) and the
-// .dep files of each folder, both checked against the file's or folder's write time before use. Search
-// answers are not kept across scans: an answer stands only while no folder before the hit (the current one,
-// then each of Path) has gained the name, and checking that asks each of those folders, which is what
-// the search itself costs.
+// reading serves the walk, and a scan that checks entry points without lists reads the image's tables in the
+// same open. Across scans the process keeps what it read of each image (ImageFacts) and the listings of the
+// folders it looked in (toolkit/folder_listing.h: the .dep files of a folder, the folders of Path), checked
+// against the file's or folder's write time once a scan. Search answers themselves are not kept across scans:
+// the search runs again over the listings, so a folder before the hit that gained the name is seen.
 #pragma once
 
 #include "QVWIScanners.h"

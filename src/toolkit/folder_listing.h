@@ -7,6 +7,8 @@
 // file systems Wine runs on), so an unchanged time means unchanged entries; a listing too young to judge by a
 // clock of coarse grain is not trusted; and within a round the scan round's rule holds (toolkit/scan_round.h).
 // Only which names a folder holds is kept: what a file holds is read, and kept, by its own size and time.
+// Users: the import search (the folders of Path), the .dep look-up of the walker and the assembly location
+// ladder. A folder is kept by its full path, so a relative one is the current folder's as it is at the call.
 #pragma once
 
 #include <windows.h>
