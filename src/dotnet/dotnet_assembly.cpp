@@ -5,6 +5,7 @@
 #include "format/metadata/attribute_blob.h"
 #include "format/pe/pe_layout.h"
 #include "image/dependency_search.h"
+#include "image/file_cache.h"
 #include "inc/com_boundary.h"
 #include "inc/unique_handles.h"
 #include "siblings/sibling_module_cache.h"
@@ -145,6 +146,24 @@ CDotNetAssembly::~CDotNetAssembly() {
     g_SeenAssemblyFiles.clear();
 }
 
+namespace {
+
+// What Load reads of an assembly file, kept for the process while the file's size and write time stay the same
+// (image/file_cache.h): a reference walk loads the same libraries (mscorlib, System) as the child of hundreds
+// of assemblies, and each load opened and read the file again. Only a load that succeeded is kept.
+struct loaded_props {
+    HRESULT hr = E_FAIL;
+    std::wstring name, version, culture, token;
+    ASSEMBLYMETADATA metaData{}; // as Load reads it: numbers only, no buffers
+};
+
+file_cache<loaded_props>& KeptLoads() {
+    static file_cache<loaded_props> kept(4096);
+    return kept;
+}
+
+} // namespace
+
 STDMETHODIMP CDotNetAssembly::Load(BSTR bstrFileName) {
     return qv::com_boundary([&] {
         m_FileName = qv::bstr_text(bstrFileName);
@@ -153,11 +172,28 @@ STDMETHODIMP CDotNetAssembly::Load(BSTR bstrFileName) {
         // A root keeps its backslash: the folder of C:\a.dll is C:\ .
         if (m_Folder.size() == 2 && m_Folder[1] == L':')
             m_Folder += L'\\';
-        std::wstring errorText;
-        HRESULT hr = m_Scope.OpenScopes(m_FileName, errorText);
-        if (FAILED(hr))
-            return hr;
-        return ReadAssemblyProps(m_FileName);
+        bool read = false;
+        const auto props = KeptLoads().get(
+            m_FileName,
+            [&](const std::wstring& file) {
+                read = true;
+                auto loaded = std::make_shared<loaded_props>();
+                std::wstring errorText;
+                loaded->hr = m_Scope.OpenScopes(file, errorText);
+                if (SUCCEEDED(loaded->hr)) {
+                    loaded->hr = ReadAssemblyProps(file);
+                    loaded->name = m_Name, loaded->version = m_Version, loaded->culture = m_Culture;
+                    loaded->token = m_PublicKeyToken, loaded->metaData = m_MetaData;
+                }
+                return std::shared_ptr<const loaded_props>(std::move(loaded));
+            },
+            [](const loaded_props& loaded) { return loaded.hr == S_OK; });
+        if (!read) {
+            m_Name = props->name, m_Version = props->version, m_Culture = props->culture;
+            m_PublicKeyToken = props->token, m_MetaData = props->metaData;
+            m_bScopesDeferred = true;
+        }
+        return props->hr;
     });
 }
 
@@ -284,6 +320,11 @@ STDMETHODIMP CDotNetAssembly::get_Dependencies(IStaticScanEvents* pEvents, IDotN
     return qv::com_boundary([&] {
         if (!m_pRefs) {
             m_pRefs = qv::make_object<CDotNetAssemblyRefs>().query<IDotNetAssemblyRefs>(IID_IDotNetAssemblyRefs);
+            if (m_bScopesDeferred) {
+                m_bScopesDeferred = false;
+                std::wstring errorText;
+                m_Scope.OpenScopes(m_FileName, errorText);
+            }
             // A scope that never opened has nothing to walk: the list stays empty.
             if (m_Scope.Import() && m_Scope.AssemblyImport()) {
                 const qv::scan_round round; // each folder of the location ladder is listed once in the walk

@@ -75,6 +75,9 @@ private:
     void WalkInteropRefs();
 
     CMetaDataScope m_Scope;
+    // Load took what it reads from what the process kept of the file, without opening it: the scopes open when
+    // the dependencies are first asked for.
+    bool m_bScopesDeferred = false;
     qv::com_ptr<IDotNetAssemblyRefs> m_pRefs;
     std::wstring m_Name;
     std::wstring m_Version;

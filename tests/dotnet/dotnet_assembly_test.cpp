@@ -139,6 +139,28 @@ TEST(DotNetAssembly, LoadAndLoadPropertiesReadTheIdentityEachInItsOwnWay) {
     }
 }
 
+// The process keeps what Load read of a file while the file stays the same: a second object loaded from what was
+// kept has the identity and, once asked, the references of the first; a file rewritten is read again.
+TEST(DotNetAssembly, ALoadKeptForTheProcessAnswersAsTheFileDoes) {
+    temp_dir tmp;
+    const std::wstring app = tmp.copy(dotnet(L"app\\App.exe"), L"App.exe");
+    tmp.copy(dotnet(L"app\\Lib.dll"), L"Lib.dll");
+    cwd_scope cwd(tmp.path());
+    host_sink sink;
+    auto first = make_assembly(), second = make_assembly();
+    ASSERT_EQ(first->Load(qv::bstr(app).get()), S_OK);
+    ASSERT_EQ(second->Load(qv::bstr(app).get()), S_OK);
+    EXPECT_EQ(identity_of(second.get()), identity_of(first.get()));
+    const auto refs = refs_of(second.get(), &sink);
+    EXPECT_EQ(refs.size(), refs_of(first.get(), &sink).size());
+    EXPECT_TRUE(refs.count(L"lib.dll") && refs.at(L"lib.dll").found && refs.at(L"lib.dll").child == L"Lib");
+    first.reset(), second.reset(); // their open scopes let no one write the file
+    tmp.copy(dotnet(L"app\\Lib.dll"), L"App.exe"); // another size: another file
+    auto third = make_assembly();
+    ASSERT_EQ(third->Load(qv::bstr(app).get()), S_OK);
+    EXPECT_EQ(identity_of(third.get()), (identity{L"Lib", L"1.2.3.4", FixtureToken, L"neutral"}));
+}
+
 TEST(DotNetAssembly, ReferencesAreBuiltOnceWhateverEventsLaterCallsName) {
     cwd_scope cwd(dotnet(L"app"));
     host_sink sink, other;
