@@ -23,6 +23,20 @@ server_dll::server_dll(std::wstring path) : m_path(std::move(path)), m_module(Lo
     m_getClassObject = exported<decltype(m_getClassObject)>(m_module.get(), "DllGetClassObject");
     if (!m_getClassObject)
         throw std::runtime_error(utf8(m_path) + " exports no DllGetClassObject");
+    PinProjectType();
+}
+
+void server_dll::PinProjectType() {
+    // The library asks QVObjMgr.DLL for the active project's kind at every use (once a record); the stand-in
+    // reads the registry each time, a request to the Wine server. The tool is this run's host and its project
+    // does not change while it runs: the answer is asked once and given to the stand-in through its variable.
+    std::wstring given;
+    if (qv::ReadEnvironment(L"QV_ACTIVE_PROJECT_TYPE", given) && !given.empty())
+        return;
+    using project_type_fn = int(__stdcall*)();
+    const auto ask = exported<project_type_fn>(GetModuleHandleW(L"QVObjMgr.DLL"), "GetActiveProjectType");
+    if (ask)
+        SetEnvironmentVariableW(L"QV_ACTIVE_PROJECT_TYPE", std::to_wstring(ask()).c_str());
 }
 
 server_dll::~server_dll() {

@@ -45,6 +45,8 @@ public:
     }
 
 private:
+    static void PinProjectType();
+
     std::wstring m_path;
     qv::unique_hmodule m_module;
     HRESULT(STDAPICALLTYPE* m_getClassObject)(REFCLSID, REFIID, void**) = nullptr;
