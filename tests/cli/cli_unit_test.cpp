@@ -12,6 +12,7 @@
 #include "options.h"
 #include "progress.h"
 #include "records.h"
+#include "server_dll.h"
 #include "target_profile.h"
 #include "test_support.h"
 
@@ -146,6 +147,23 @@ TEST(Options, EachCommandLineSetsItsFieldsOrSaysWhatIsWrong) {
     };
     for (const auto& [args, expected] : rows)
         EXPECT_EQ(parsed(args), expected) << (args.empty() ? "(none)" : narrow(args[0]));
+}
+
+// The library asks the project-kind companion at every record; the tool asks it once when it loads the library
+// and pins the answer in the companion's variable, which a variable already set overrides.
+TEST(ServerDll, PinsTheProjectKindTheCompanionTellsOnce) {
+    registry_override user(HKEY_CURRENT_USER);
+    const DWORD angle = 1;
+    registry_override::set_value(HKEY_CURRENT_USER, L"Software\\QVWI\\QVObjMgr", L"ActiveProjectType", REG_DWORD,
+                                 &angle, sizeof angle);
+    const struct { const wchar_t* given; std::wstring pinned; } rows[] = {{nullptr, L"1"}, {L"0", L"0"}, {L"", L"1"}};
+    for (const auto& r : rows) {
+        env_scope variable(L"QV_ACTIVE_PROJECT_TYPE", r.given);
+        const server_dll dll(server_dll::scanners_path());
+        wchar_t value[16] = {};
+        GetEnvironmentVariableW(L"QV_ACTIVE_PROJECT_TYPE", value, 16);
+        EXPECT_EQ(std::wstring(value), r.pinned) << (r.given ? narrow(r.given) : "unset");
+    }
 }
 
 TEST(Options, EveryCommandsHelpShowsItsOptionTable) {
