@@ -5,6 +5,7 @@
 #include "toolkit/folder_listing.h"
 #include "toolkit/path_helpers.h"
 #include "toolkit/probes.h"
+#include "toolkit/round_attributes.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ bool TakesCandidate(const std::wstring& candidate, DWORD machine, std::vector<pa
     if (facts->openStatus == CFileView::OpenNotDisk)
         return false;
     if (!seen && facts->openStatus == CFileView::OpenNoFile) {
-        const DWORD attributes = GetFileAttributesW(candidate.c_str());
+        const DWORD attributes = qv::RoundFileAttributes(candidate);
         if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY))
             return false;
     }
@@ -64,7 +65,7 @@ bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD ma
             if (!entry || entry->folder)
                 return false;
         } else {
-            DWORD attributes = GetFileAttributesW(candidate.c_str());
+            const DWORD attributes = qv::RoundFileAttributes(candidate);
             if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY))
                 return false;
         }

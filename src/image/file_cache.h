@@ -2,10 +2,12 @@
 // last-write time stay the same: a file rewritten, shrunk or replaced is read again. What has no such
 // identity (a missing file, a folder, a device) is read each time and not kept; neither is what `keep`
 // turns down. Beyond `most` entries the oldest half is forgotten. Within a scan round (toolkit/scan_round.h) an
-// entry is checked once. Safe on any thread.
+// entry is checked once, and the check takes the round's answer for the path (toolkit/round_attributes.h), which the
+// other caches and the import search share. Safe on any thread.
 #pragma once
 
 #include "toolkit/path_helpers.h"
+#include "toolkit/round_attributes.h"
 #include "toolkit/scan_round.h"
 
 #include <windows.h>
@@ -36,7 +38,7 @@ public:
             ReleaseSRWLockExclusive(&m_lock);
         }
         WIN32_FILE_ATTRIBUTE_DATA data{};
-        if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) ||
+        if (!qv::RoundAttributes(path, data) ||
             (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
             return read(path);
         const ULONGLONG size = (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
@@ -72,7 +74,7 @@ public:
     // is now (its size and time are taken here), checked in this round.
     void put(const std::wstring& path, std::shared_ptr<const T> value) {
         WIN32_FILE_ATTRIBUTE_DATA data{};
-        if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) ||
+        if (!qv::RoundAttributes(path, data) ||
             (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
             return;
         const ULONGLONG size = (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;

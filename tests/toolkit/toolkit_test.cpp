@@ -8,6 +8,7 @@
 #include "toolkit/probes.h"
 #include "toolkit/process_launcher.h"
 #include "toolkit/qvmapfilex.h"
+#include "toolkit/round_attributes.h"
 #include "toolkit/scan_round.h"
 #include "toolkit/version_info.h"
 
@@ -381,4 +382,37 @@ TEST(FolderListing, HeldWithinARoundAndWhileTheFolderIsUnchanged) {
     }
     EXPECT_FALSE(qv::ListFolder(tmp / L"absent"));
     EXPECT_FALSE(qv::ListFolder(dir + L"\\*"));
+}
+
+// What the file system says of a path: the first answer of a round stands for the rest of it, found or not, under
+// any case of the path; the next round, and every look outside a round, asks again.
+TEST(RoundAttributes, FirstAnswerOfTheRoundStands) {
+    temp_dir tmp;
+    const std::wstring file = tmp.write(L"kept.dll", "four");
+    const std::wstring later = tmp / L"later.dll";
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    {
+        const qv::scan_round round;
+        ASSERT_TRUE(qv::RoundAttributes(file, data));
+        EXPECT_EQ(data.nFileSizeLow, 4u);
+        EXPECT_EQ(qv::RoundFileAttributes(later), INVALID_FILE_ATTRIBUTES);
+        tmp.write(L"kept.dll", "longer");
+        tmp.write(L"later.dll", "x");
+        std::wstring shouted = file;
+        CharUpperBuffW(shouted.data(), static_cast<DWORD>(shouted.size()));
+        ASSERT_TRUE(qv::RoundAttributes(shouted, data));
+        EXPECT_EQ(data.nFileSizeLow, 4u) << "the size as first seen in the round";
+        SetLastError(0xdeadbeef);
+        EXPECT_FALSE(qv::RoundAttributes(later, data)) << "missing at the first look: missing for the round";
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+    }
+    {
+        const qv::scan_round round;
+        ASSERT_TRUE(qv::RoundAttributes(file, data));
+        EXPECT_EQ(data.nFileSizeLow, 6u);
+        EXPECT_NE(qv::RoundFileAttributes(later), INVALID_FILE_ATTRIBUTES);
+    }
+    ASSERT_TRUE(DeleteFileW(later.c_str()));
+    EXPECT_EQ(qv::RoundFileAttributes(later), INVALID_FILE_ATTRIBUTES) << "outside a round every look asks";
+    EXPECT_FALSE(qv::RoundAttributes(tmp / L"no\\such\\folder.dll", data));
 }
