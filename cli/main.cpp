@@ -30,7 +30,7 @@ namespace {
 // The thread's apartment while the owner lives.
 class com_apartment {
 public:
-    com_apartment() : m_initialized(SUCCEEDED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) {}
+    explicit com_apartment(COINIT model) : m_initialized(SUCCEEDED(CoInitializeEx(nullptr, model))) {}
     ~com_apartment() {
         if (m_initialized)
             CoUninitialize();
@@ -45,11 +45,16 @@ private:
 // What a command needs before it runs: the server, and the support folder too for a scan that filters.
 enum class needs { nothing, com, server, support };
 
+// A command's apartment. Scans take the multithreaded one: it makes no window, and under Wine the first window
+// of a process starts a desktop process that outlives ours by a second and holds our standard error open,
+// so whoever reads it waits that long. Tracing takes a single-threaded one: the engine's events come as calls
+// from its process, which the command's message loop hands to the library on its own thread.
 struct command_entry {
     const wchar_t* name;
     needs what;
     int (*plain)(const options&);
     int (*served)(const server_dll&, const options&);
+    COINIT apartment = COINIT_MULTITHREADED;
 };
 
 constexpr command_entry dispatch[] = {
@@ -62,8 +67,8 @@ constexpr command_entry dispatch[] = {
     {L"pe", needs::server, nullptr, run_pe},
     {L"assembly", needs::server, nullptr, run_assembly},
     {L"vbp", needs::support, nullptr, run_vbp},
-    {L"trace", needs::support, nullptr, run_trace},
-    {L"attach", needs::support, nullptr, run_trace},
+    {L"trace", needs::support, nullptr, run_trace, COINIT_APARTMENTTHREADED},
+    {L"attach", needs::support, nullptr, run_trace, COINIT_APARTMENTTHREADED},
     {L"register", needs::server, nullptr, run_register},
     {L"unregister", needs::server, nullptr, run_register},
 };
@@ -96,7 +101,7 @@ void check_support_folder() {
 int run(const command_entry& command, const options& o) {
     if (command.what == needs::nothing)
         return command.plain(o);
-    const com_apartment apartment;
+    const com_apartment apartment(command.apartment);
     if (command.what == needs::com)
         return guarded([&] { return command.plain(o); }, false);
     return guarded(

@@ -2,6 +2,8 @@
 
 #include "inc/com_error.h"
 
+#include <shlwapi.h>
+
 // {2933BF95-7B36-11D2-B20E-00C04F983E60}
 const IID IID_QvXmlDocument2 = {0x2933BF95, 0x7B36, 0x11D2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
 
@@ -40,8 +42,18 @@ qv::com_ptr<IXMLDOMDocument2> LoadXml(const std::wstring& path, std::span<const 
     VARIANT source;
     VariantInit(&source);
     qv::bstr sourcePath(path);
-    source.vt = VT_BSTR;
-    source.bstrVal = sourcePath.get(); // still owned by sourcePath
+    // The parser reads the file as a stream: given the path, it would go through a URL moniker, whose
+    // notifications need a window, and under Wine a process's first window starts a desktop process that
+    // outlives it holding its standard error. A file that cannot be opened goes by its path: the parser says why.
+    qv::com_ptr<IStream> stream;
+    if (SUCCEEDED(SHCreateStreamOnFileEx(path.c_str(), STGM_READ | STGM_SHARE_DENY_NONE, FILE_ATTRIBUTE_NORMAL, FALSE,
+                                         nullptr, stream.put()))) {
+        source.vt = VT_UNKNOWN;
+        source.punkVal = stream.get(); // still owned by stream
+    } else {
+        source.vt = VT_BSTR;
+        source.bstrVal = sourcePath.get(); // still owned by sourcePath
+    }
     VARIANT_BOOL loaded = VARIANT_FALSE;
     HRESULT hr = document->load(source, &loaded);
     if (FAILED(hr) || !loaded) {

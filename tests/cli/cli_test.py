@@ -93,6 +93,15 @@ def case_table(a):
 
 
 def case_exits(a):
+    # First, while no desktop of an earlier command is up: a scan leaves no process behind that holds its output (under Wine, a desktop started for a window would hold
+    # standard error for a second more): once the process has ended, nothing but this test has the pipes open.
+    for args in (["static", NOTEPAD, "--json"], ["pe", NOTEPAD], ["assembly", a.fixtures + "/dotnet/interop/GuidOnly.dll"]):
+        p = subprocess.Popen([a.emulator, a.tool] + args, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        p.wait(timeout=120)
+        pipes = {f"pipe:[{os.fstat(s.fileno()).st_ino}]" for s in (p.stdout, p.stderr)}
+        held = pipe_holders(pipes)
+        expect(p.returncode == 0 and not held, f"{args[0]}: exit {p.returncode}, its pipes still held by {held}")
+        p.communicate()
     table = [
         ([], 2, "no command given"), (["bogus"], 2, "unknown command"), (["static"], 2, "needs a FILE"),
         (["static", "C:\\x.exe", "--type"], 2, "--type needs a value"),
@@ -122,6 +131,19 @@ def case_exits(a):
             env = dict(os.environ, QV_SUPPORT_DIR="Z:" + empty.replace("/", "\\"))
             r = run(a, ["static", NOTEPAD], env=env)
             expect(r.returncode == 1 and "filters.xml" in r.stderr and why in r.stderr, f"no lists: {r.stderr!r}")
+
+
+def pipe_holders(pipes):  # the command lines of the processes, other than this one, that hold one of the pipes named
+    found = []
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        if int(pid) == os.getpid():
+            continue
+        try:
+            if any(os.readlink(f"/proc/{pid}/fd/{fd}") in pipes for fd in os.listdir(f"/proc/{pid}/fd")):
+                found.append(open(f"/proc/{pid}/cmdline", "rb").read().split(b"\0")[0].decode(errors="replace"))
+        except OSError:
+            pass  # a process that ended, or one this user cannot look into
+    return sorted(found)
 
 
 def image(imports, exe=True, at=0x200, size=0):
