@@ -107,7 +107,7 @@ int wmain(int argc, wchar_t** argv) {
         fwprintf(stderr, L"assembly_walk: cannot enter %ls\n", folder.c_str());
         return 1;
     }
-    qv::test::com_apartment apartment;
+    qv::test::com_apartment apartment(COINIT_MULTITHREADED); // as qvscan scans: no window, no desktop process
     qv::bench::counting_sink sink;
     tally t, best;
     double bestSeconds = 0;

@@ -37,7 +37,7 @@ int wmain(int argc, wchar_t** argv) {
     } while (FindNextFileW(find, &data));
     FindClose(find);
 
-    qv::test::com_apartment apartment;
+    qv::test::com_apartment apartment(COINIT_MULTITHREADED); // as qvscan scans: no window, no desktop process
     qv::com_ptr<IStaticScan> scan;
     if (FAILED(qv::test::server().Create(CLSID_StaticScan, nullptr, IID_IStaticScan, scan.put_void()))) {
         fwprintf(stderr, L"scan_bench: cannot create StaticScan\n");

@@ -2,6 +2,7 @@
 
 #include "inc/unique_handles.h"
 #include "toolkit/path_helpers.h"
+#include "toolkit/round_attributes.h"
 #include "toolkit/scan_round.h"
 
 #include <unordered_map>
@@ -75,7 +76,7 @@ listing ListFolder(const std::wstring& folder) {
             return held;
     }
     WIN32_FILE_ATTRIBUTE_DATA data{};
-    if (!GetFileAttributesExW(folder.c_str(), GetFileExInfoStandard, &data)) {
+    if (!RoundAttributes(folder, data)) {
         const DWORD error = GetLastError();
         if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND)
             return nullptr; // no such folder: nothing to list (a Path often names some)

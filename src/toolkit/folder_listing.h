@@ -1,8 +1,9 @@
 // The entries of a folder as the process last listed it. A listing is trusted while the folder's last-write
 // time is the one it had when listed (the file system updates it when an entry is added, removed or renamed),
 // checked once per scan round (toolkit/scan_round.h): within a round a folder already checked costs no system
-// call. A folder written to in the last two seconds is listed again at each round (a coarse clock could hide
-// a second change); outside a round each call checks the folder's time.
+// call, and one that is not there is not there for the rest of the round. A folder written to in the last two
+// seconds is listed again at each round (a coarse clock could hide a second change); outside a round each call
+// checks the folder's time.
 // Why this is safe: adding, removing or renaming an entry sets the folder's write time (on NTFS and on the Unix
 // file systems Wine runs on), so an unchanged time means unchanged entries; a listing too young to judge by a
 // clock of coarse grain is not trusted; and within a round the scan round's rule holds (toolkit/scan_round.h).

@@ -39,7 +39,10 @@ bool RoundAttributes(const std::wstring& path, WIN32_FILE_ATTRIBUTE_DATA& data) 
         kept.answers.clear();
         kept.round = round;
     }
-    auto [it, added] = kept.answers.try_emplace(LowerCase(path));
+    // A relative path is kept by the full path it names now: the current folder may change within a round.
+    const bool qualified = (path.size() >= 3 && path[1] == L':' && IsPathSeparator(path[2])) ||
+                           (path.size() >= 2 && IsPathSeparator(path[0]) && IsPathSeparator(path[1]));
+    auto [it, added] = kept.answers.try_emplace(LowerCase(qualified ? path : FullPath(path)));
     if (added)
         Ask(path, it->second);
     data = it->second.data;

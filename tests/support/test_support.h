@@ -105,7 +105,7 @@ server_library& server();
 
 class com_apartment {
 public:
-    com_apartment() : m_hr(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)) {}
+    explicit com_apartment(COINIT model = COINIT_APARTMENTTHREADED) : m_hr(CoInitializeEx(nullptr, model)) {}
     ~com_apartment() {
         if (SUCCEEDED(m_hr))
             CoUninitialize();

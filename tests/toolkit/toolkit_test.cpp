@@ -412,6 +412,15 @@ TEST(RoundAttributes, FirstAnswerOfTheRoundStands) {
         EXPECT_EQ(data.nFileSizeLow, 6u);
         EXPECT_NE(qv::RoundFileAttributes(later), INVALID_FILE_ATTRIBUTES);
     }
+    {
+        const qv::scan_round round; // a relative path is the file it names at each look
+        const std::wstring other = tmp.mkdir(L"other");
+        const qv::scope_exit back([saved = qv::CurrentDirectory()] { SetCurrentDirectoryW(saved.c_str()); });
+        ASSERT_TRUE(SetCurrentDirectoryW(tmp.path().c_str()));
+        EXPECT_NE(qv::RoundFileAttributes(L"later.dll"), INVALID_FILE_ATTRIBUTES);
+        ASSERT_TRUE(SetCurrentDirectoryW(other.c_str()));
+        EXPECT_EQ(qv::RoundFileAttributes(L"later.dll"), INVALID_FILE_ATTRIBUTES);
+    }
     ASSERT_TRUE(DeleteFileW(later.c_str()));
     EXPECT_EQ(qv::RoundFileAttributes(later), INVALID_FILE_ATTRIBUTES) << "outside a round every look asks";
     EXPECT_FALSE(qv::RoundAttributes(tmp / L"no\\such\\folder.dll", data));
