@@ -6,6 +6,7 @@
 #include "inc/unique_handles.h"
 #include "toolkit/inet_file.h"
 #include "toolkit/path_helpers.h"
+#include "toolkit/round_attributes.h"
 
 #include <cwchar>
 #include <iterator>
@@ -74,7 +75,7 @@ std::wstring ExpandEnvironment(const std::wstring& text) {
 class system_path_probe final : public detail::path_probe {
 public:
     DWORD Attributes(const std::wstring& path, DWORD& error) override {
-        DWORD attributes = GetFileAttributesW(path.c_str());
+        DWORD attributes = RoundFileAttributes(path); // within a scan round, the round's answer
         error = attributes == INVALID_FILE_ATTRIBUTES ? GetLastError() : ERROR_SUCCESS;
         return attributes;
     }
