@@ -30,13 +30,6 @@ bool TakesCandidate(const std::wstring& candidate, DWORD machine, std::vector<pa
     return false;
 }
 
-// A folder named from the root of a drive or a share ("C:\\x", "\\\\server\\share"): a relative one stands
-// on the current folder.
-bool IsAbsoluteFolder(const std::wstring& dir) {
-    return (dir.size() >= 3 && dir[1] == L':' && qv::IsPathSeparator(dir[2])) ||
-           (dir.size() >= 2 && qv::IsPathSeparator(dir[0]) && qv::IsPathSeparator(dir[1]));
-}
-
 } // namespace
 
 bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD machine, std::wstring& result,
@@ -57,7 +50,7 @@ bool FindDependency(const std::wstring& root, const std::wstring& name, DWORD ma
         std::wstring candidate = qv::JoinPath(dir, name);
         if (redirect && qv::StartsWithNoCase(candidate, systemFolder))
             candidate.replace(0, systemFolder.size(), nativeFolder);
-        const auto listing = listed && listable && IsAbsoluteFolder(dir)
+        const auto listing = listed && listable && qv::IsFullyQualified(dir)
                                  ? qv::ListFolder(candidate.substr(0, candidate.size() - name.size()))
                                  : nullptr;
         if (listing) {

@@ -37,14 +37,13 @@ public:
             }
             ReleaseSRWLockExclusive(&m_lock);
         }
-        WIN32_FILE_ATTRIBUTE_DATA data{};
-        if (!qv::RoundAttributes(path, data) ||
-            (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
+        ULONGLONG size = 0;
+        FILETIME written{};
+        if (!Identity(path, size, written))
             return read(path);
-        const ULONGLONG size = (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
         AcquireSRWLockExclusive(&m_lock);
         if (const auto it = m_kept.find(key); it != m_kept.end() && it->second.size == size &&
-                                              CompareFileTime(&it->second.written, &data.ftLastWriteTime) == 0) {
+                                              CompareFileTime(&it->second.written, &written) == 0) {
             it->second.use = ++m_uses;
             it->second.round = round;
             std::shared_ptr<const T> value = it->second.value;
@@ -65,7 +64,7 @@ public:
             const ULONGLONG median = uses[uses.size() / 2];
             std::erase_if(m_kept, [median](const auto& entry) { return entry.second.use < median; });
         }
-        m_kept[key] = {size, data.ftLastWriteTime, ++m_uses, round, value};
+        m_kept[key] = {size, written, ++m_uses, round, value};
         ReleaseSRWLockExclusive(&m_lock);
         return value;
     }
@@ -73,18 +72,28 @@ public:
     // Keeps a value read of the file at path by another reader, as get would keep it: a value for the file as it
     // is now (its size and time are taken here), checked in this round.
     void put(const std::wstring& path, std::shared_ptr<const T> value) {
-        WIN32_FILE_ATTRIBUTE_DATA data{};
-        if (!qv::RoundAttributes(path, data) ||
-            (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
+        ULONGLONG size = 0;
+        FILETIME written{};
+        if (!Identity(path, size, written))
             return;
-        const ULONGLONG size = (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
         AcquireSRWLockExclusive(&m_lock);
         if (m_kept.size() < m_most)
-            m_kept[qv::LowerCase(path)] = {size, data.ftLastWriteTime, ++m_uses, qv::CurrentScanRound(), std::move(value)};
+            m_kept[qv::LowerCase(path)] = {size, written, ++m_uses, qv::CurrentScanRound(), std::move(value)};
         ReleaseSRWLockExclusive(&m_lock);
     }
 
 private:
+    // The size and write time a reading is kept by; false for what has none (missing, a folder, a device).
+    static bool Identity(const std::wstring& path, ULONGLONG& size, FILETIME& written) {
+        WIN32_FILE_ATTRIBUTE_DATA data{};
+        if (!qv::RoundAttributes(path, data) ||
+            (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
+            return false;
+        size = (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+        written = data.ftLastWriteTime;
+        return true;
+    }
+
     struct entry {
         ULONGLONG size = 0;
         FILETIME written{};

@@ -132,7 +132,7 @@ private:
     std::wstring LanguageSection(const std::wstring& name) const; // "name <LangId>"
     // Whether a .dep file of that path exists, from a listing of its folder made once a scan.
     bool DepFileExists(const std::wstring& depPath);
-    // folded folder -> its .dep files in lower case
+    // folded folder -> the process's listing of it, as first taken in this scan
     std::unordered_map<std::wstring, std::shared_ptr<const qv::folder_listing>> m_depFiles;
     static std::wstring SearchDepName(const std::wstring& name);
     // The sections being walked (each frame of a section holds its mark): a circle among them ends.

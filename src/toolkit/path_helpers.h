@@ -13,6 +13,13 @@ inline bool IsPathSeparator(wchar_t c) {
     return c == L'\\' || c == L'/';
 }
 
+// Whether a path is named from the root of a drive or a share ("C:\\x", "\\\\server\\share"): one that is not
+// ("x", "C:x", "\\x") stands on the current folder, or the drive's.
+inline bool IsFullyQualified(std::wstring_view path) {
+    return (path.size() >= 3 && path[1] == L':' && IsPathSeparator(path[2])) ||
+           (path.size() >= 2 && IsPathSeparator(path[0]) && IsPathSeparator(path[1]));
+}
+
 // The text up to its first null.
 inline std::wstring_view UpToNull(std::wstring_view path) {
     return path.substr(0, path.find(L'\0'));

@@ -15,10 +15,9 @@ struct answer {
     WIN32_FILE_ATTRIBUTE_DATA data{};
 };
 
-bool Ask(const std::wstring& path, answer& out) {
+void Ask(const std::wstring& path, answer& out) {
     out.found = GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &out.data) != FALSE;
     out.error = out.found ? ERROR_SUCCESS : GetLastError();
-    return out.found;
 }
 
 } // namespace
@@ -29,20 +28,14 @@ bool RoundAttributes(const std::wstring& path, WIN32_FILE_ATTRIBUTE_DATA& data) 
         std::unordered_map<std::wstring, answer> answers; // by the path in lower case
     } kept;
     const unsigned long round = CurrentScanRound();
-    answer fresh;
-    if (round == 0) {
-        const bool found = Ask(path, fresh);
-        data = fresh.data;
-        return found;
-    }
+    if (round == 0)
+        return GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) != FALSE;
     if (kept.round != round) {
         kept.answers.clear();
         kept.round = round;
     }
     // A relative path is kept by the full path it names now: the current folder may change within a round.
-    const bool qualified = (path.size() >= 3 && path[1] == L':' && IsPathSeparator(path[2])) ||
-                           (path.size() >= 2 && IsPathSeparator(path[0]) && IsPathSeparator(path[1]));
-    auto [it, added] = kept.answers.try_emplace(LowerCase(qualified ? path : FullPath(path)));
+    auto [it, added] = kept.answers.try_emplace(LowerCase(IsFullyQualified(path) ? path : FullPath(path)));
     if (added)
         Ask(path, it->second);
     data = it->second.data;

@@ -23,12 +23,6 @@ struct counted {
     }
 };
 
-FILETIME WriteTime(const std::wstring& path) {
-    WIN32_FILE_ATTRIBUTE_DATA data{};
-    EXPECT_TRUE(GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data));
-    return data.ftLastWriteTime;
-}
-
 void SetWriteTime(const std::wstring& path, FILETIME time) {
     qv::unique_hfile file(CreateFileW(path.c_str(), FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                       OPEN_EXISTING, 0, nullptr));
